@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build and the tests need.  Skips the
+# package manager when everything is already there, unless KEST2_FORCE_APT=1
+# (CI sets it so a fresh machine always gets a current package list).
+set -euo pipefail
+
+PACKAGES=(cmake ninja-build g++ clang pkg-config zlib1g-dev libgtest-dev libgmock-dev)
+
+missing=()
+for p in "${PACKAGES[@]}"; do
+  dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
+done
+
+if [[ ${#missing[@]} -eq 0 && "${KEST2_FORCE_APT:-0}" != 1 ]]; then
+  exit 0
+fi
+
+SUDO=""
+if [[ $(id -u) -ne 0 ]]; then SUDO="sudo"; fi
+export DEBIAN_FRONTEND=noninteractive
+$SUDO apt-get update
+$SUDO apt-get install -y --no-install-recommends "${PACKAGES[@]}"

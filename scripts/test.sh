@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Installs what is missing, then builds and runs every test twice: a normal
+# build and an AddressSanitizer + UndefinedBehaviorSanitizer build.
+#   KEST2_TSAN=1 adds a ThreadSanitizer build and run.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+./scripts/install-deps.sh
+
+JOBS=$(nproc 2>/dev/null || echo 2)
+
+run_suite() {
+  local dir=$1; shift
+  echo "=== ${dir}: configure and build ==="
+  cmake -S . -B "$dir" -G Ninja -DKEST2_BUILD_BENCHMARKS=OFF "$@"
+  cmake --build "$dir" -j "$JOBS"
+  echo "=== ${dir}: tests ==="
+  ctest --test-dir "$dir" --output-on-failure -j "$JOBS"
+}
+
+run_suite build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  run_suite build-asan -DCMAKE_BUILD_TYPE=Debug "-DKEST2_SANITIZE=address;undefined"
+if [[ "${KEST2_TSAN:-0}" == 1 ]]; then
+  TSAN_OPTIONS=halt_on_error=1 \
+    run_suite build-tsan -DCMAKE_BUILD_TYPE=Debug -DKEST2_SANITIZE=thread
+fi
+echo "All test suites passed."

@@ -1,0 +1,80 @@
+// The library's time base and the calendar-date conversions.
+//
+// ZulKestTime counts nanoseconds of the monotonic clock; every deadline, wait
+// limit and trace time is one.  ZulKestDate counts nanoseconds since the Unix
+// epoch in UTC; stat records carry dates.
+
+#include <sys/time.h>
+#include <time.h>
+
+#include <cstring>
+
+#include "debug/format.h"
+#include "kest2.h"
+
+namespace {
+
+constexpr int64_t kNanosecondsPerSecond = 1000000000;
+
+}  // namespace
+
+extern "C" ZulKestTime zulKestTimeGetCurrent(void) {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * kNanosecondsPerSecond + now.tv_nsec;
+}
+
+extern "C" int64_t zulKestTimeToNanoseconds(ZulKestTime time) { return time; }
+
+extern "C" ZulKestTime zulKestTimeFromNanoseconds(int64_t nanoseconds) {
+  return nanoseconds;
+}
+
+extern "C" int32_t zulKestTraceTimestamp(char* buffer, size_t size) {
+  int64_t t = zulKestTimeToNanoseconds(zulKestTimeGetCurrent());
+  // Whole microseconds rounded up, and the seconds of that rounded value.
+  int64_t micros = (t + 999) / 1000;
+  int64_t seconds = (t + 999) / kNanosecondsPerSecond;
+  kest2::FormatBounded(buffer, size, "%lld.%06lld",
+                       static_cast<long long>(seconds),
+                       static_cast<long long>(micros - seconds * 1000000));
+  return 0;
+}
+
+extern "C" ZulKestDate zulKestDateGetCurrent(void) {
+  timeval now{};
+  gettimeofday(&now, nullptr);
+  return (static_cast<uint64_t>(now.tv_sec) * 1000000u +
+          static_cast<uint64_t>(now.tv_usec)) *
+         1000u;
+}
+
+extern "C" struct tm* zulKestDateToComponents(ZulKestDate date, struct tm* tm) {
+  if (tm == nullptr) return tm;
+  time_t seconds = static_cast<time_t>(date / kNanosecondsPerSecond);
+  gmtime_r(&seconds, tm);
+  return tm;
+}
+
+extern "C" ZulKestDate zulKestDateFromComponents(const struct tm* tm) {
+  if (tm == nullptr) return 0;
+  // Only the nine integer fields take part; glibc's extra members stay zero.
+  struct tm fields;
+  std::memset(&fields, 0, sizeof(fields));
+  fields.tm_sec = tm->tm_sec;
+  fields.tm_min = tm->tm_min;
+  fields.tm_hour = tm->tm_hour;
+  fields.tm_mday = tm->tm_mday;
+  fields.tm_mon = tm->tm_mon;
+  fields.tm_year = tm->tm_year;
+  fields.tm_wday = tm->tm_wday;
+  fields.tm_yday = tm->tm_yday;
+  fields.tm_isdst = tm->tm_isdst;
+  // A direct UTC conversion: gives the same results as converting as local
+  // time and correcting by the zone offset when the zone is UTC, and stays
+  // right across daylight-saving changes when it is not.
+  time_t seconds = timegm(&fields);
+  if (seconds == static_cast<time_t>(-1)) return 0;
+  return static_cast<ZulKestDate>(static_cast<int64_t>(seconds)) *
+         static_cast<ZulKestDate>(kNanosecondsPerSecond);
+}

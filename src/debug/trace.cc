@@ -1,0 +1,42 @@
+#include "debug/trace.h"
+
+#include <cstdarg>
+#include <cstdio>
+
+#include "core/platform.h"
+#include "kest2.h"
+
+namespace kest2 {
+
+const char* TraceModuleTag(uint32_t module) {
+  switch (module) {
+    case kTraceApi: return "api";
+    case kTraceSched: return "sched";
+    case kTraceOp: return "op";
+    case kTraceChunk: return "chunk";
+    case kTraceIo: return "io";
+    case kTraceCache: return "cache";
+    case kTraceZorba: return "zorba";
+    case kTraceOvrly: return "ovrly";
+    default: return "?";
+  }
+}
+
+void TraceLine(uint32_t module, const char* function, const char* format, ...) {
+  // The line's own text is formatted first so that the whole line reaches
+  // the output sink in one call and lines from several threads interleave
+  // only whole.
+  char text[2048];
+  va_list args;
+  va_start(args, format);
+  std::vsnprintf(text, sizeof(text), format, args);
+  va_end(args);
+  char timestamp[16];
+  zulKestTraceTimestamp(timestamp, sizeof(timestamp));
+  zulKestPrintf("%s kest2/%-5s 0x%08llx %-15s %s\n", timestamp,
+                TraceModuleTag(module),
+                static_cast<unsigned long long>(CurrentThreadId()), function,
+                text);
+}
+
+}  // namespace kest2

@@ -1,0 +1,79 @@
+#include "test_support.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+
+#include "api/globals.h"
+
+namespace kest2_test {
+namespace {
+
+std::mutex g_captureMutex;
+std::string g_captured;
+
+int CaptureHook(const char* format, va_list args) {
+  char line[8192];
+  va_list copy;
+  va_copy(copy, args);
+  int n = std::vsnprintf(line, sizeof(line), format, copy);
+  va_end(copy);
+  std::lock_guard<std::mutex> lock(g_captureMutex);
+  g_captured.append(line);
+  return n;
+}
+
+}  // namespace
+
+OutputCapture::OutputCapture() : m_previous(kest2::g_KestParams.pVprintf) {
+  Clear();
+  kest2::g_KestParams.pVprintf = CaptureHook;
+}
+
+OutputCapture::~OutputCapture() { kest2::g_KestParams.pVprintf = m_previous; }
+
+ZulKestVprintfHook OutputCapture::Hook() { return CaptureHook; }
+
+const std::string& OutputCapture::text() const { return g_captured; }
+
+void OutputCapture::Clear() {
+  std::lock_guard<std::mutex> lock(g_captureMutex);
+  g_captured.clear();
+}
+
+ZulKestParams MakeParams(TestStorage* storage, uint32_t opUnits,
+                         uint32_t fhUnits, uint32_t dhUnits, uint32_t pathMax) {
+  const uint32_t effectivePathMax = pathMax == 0 || pathMax > 1024 ? 1024 : pathMax;
+  storage->op.assign(
+      ZUL_KEST_STORAGE_SIZE(opUnits, ZUL_KEST_OP_UNIT_SIZE(effectivePathMax)) / 8, 0);
+  storage->fh.assign(
+      ZUL_KEST_STORAGE_SIZE(fhUnits, ZUL_KEST_FH_UNIT_SIZE(effectivePathMax)) / 8, 0);
+  storage->dh.assign(
+      ZUL_KEST_STORAGE_SIZE(dhUnits, ZUL_KEST_DH_UNIT_SIZE(effectivePathMax)) / 8, 0);
+  ZulKestParams params{};
+  params.header = ZUL_KEST_PARAMS_HEADER(pathMax);
+  params.opStorage = storage->op.data();
+  params.opStorageSize = storage->op.size() * 8;
+  params.fhStorage = storage->fh.data();
+  params.fhStorageSize = storage->fh.size() * 8;
+  params.dhStorage = storage->dh.data();
+  params.dhStorageSize = storage->dh.size() * 8;
+  for (int i = 0; i < 3; ++i) params.threadPriority[i] = -1;
+  return params;
+}
+
+TempDir::TempDir() {
+  std::string pattern =
+      (std::filesystem::temp_directory_path() / "kest2_test_XXXXXX").string();
+  char* made = mkdtemp(pattern.data());
+  if (made == nullptr) std::abort();
+  m_path = made;
+}
+
+TempDir::~TempDir() {
+  std::error_code ignored;
+  std::filesystem::remove_all(m_path, ignored);
+}
+
+}  // namespace kest2_test

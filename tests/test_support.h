@@ -1,0 +1,56 @@
+// Small helpers shared by the tests.
+#ifndef KEST2_TESTS_TEST_SUPPORT_H_
+#define KEST2_TESTS_TEST_SUPPORT_H_
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "kest2.h"
+
+namespace kest2_test {
+
+// Collects everything the library prints while it is alive, by installing a
+// pVprintf hook in the library's parameters copy (and restoring the previous
+// hook afterwards).  One capture at a time.
+class OutputCapture {
+ public:
+  OutputCapture();
+  ~OutputCapture();
+  OutputCapture(const OutputCapture&) = delete;
+  OutputCapture& operator=(const OutputCapture&) = delete;
+
+  const std::string& text() const;
+  // The hook itself, for parameters records handed to zulKestInitialize
+  // (which replaces the library's hook with the record's).
+  static ZulKestVprintfHook Hook();
+  void Clear();
+
+ private:
+  ZulKestVprintfHook m_previous;
+};
+
+// Caller storage for the three handle tables, sized for the given unit
+// counts, and a parameters record that points at it.
+struct TestStorage {
+  std::vector<uint64_t> op, fh, dh;
+};
+ZulKestParams MakeParams(TestStorage* storage, uint32_t opUnits = 64,
+                         uint32_t fhUnits = 32, uint32_t dhUnits = 16,
+                         uint32_t pathMax = 1024);
+
+// A directory under the system's temporary directory, removed with its
+// contents at destruction.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  const std::string& path() const { return m_path; }
+
+ private:
+  std::string m_path;
+};
+
+}  // namespace kest2_test
+
+#endif  // KEST2_TESTS_TEST_SUPPORT_H_
