@@ -57,6 +57,8 @@ void* ThreadTrampoline(void* raw) {
   HybPlatformThreadStart* start = static_cast<HybPlatformThreadStart*>(raw);
   // The record is valid inside the thread before the creator stores the id.
   __atomic_store_n(&start->threadId, CurrentThreadId(), __ATOMIC_RELEASE);
+  // Named from inside, so the name is in place before the entry runs.
+  pthread_setname_np(pthread_self(), start->name);
   if (start->applyNice) {
     // Best effort: becoming more urgent than the creator needs privileges;
     // when refused the thread keeps the creator's scheduling.
@@ -260,7 +262,6 @@ int32_t CreateThread(HybPlatformThreadStart* start,
   if (rc != 0) return KernelResultFromErrno(rc);
   __atomic_store_n(&start->threadId, static_cast<ThreadId>(start->thread),
                    __ATOMIC_RELEASE);
-  pthread_setname_np(start->thread, start->name);
   return 0;
 }
 
