@@ -9,6 +9,7 @@
 
 #include <cstring>
 
+#include "core/time_date.h"
 #include "debug/format.h"
 #include "kest2.h"
 
@@ -17,6 +18,18 @@ namespace {
 constexpr int64_t kNanosecondsPerSecond = 1000000000;
 
 }  // namespace
+
+namespace kest2 {
+
+void FormatTraceTime(int64_t nanoseconds, char* buffer, size_t size) {
+  // Whole microseconds rounded up, and the seconds of that rounded value.
+  const int64_t micros = (nanoseconds + 999) / 1000;
+  const int64_t seconds = (nanoseconds + 999) / kNanosecondsPerSecond;
+  FormatBounded(buffer, size, "%lld.%06lld", static_cast<long long>(seconds),
+                static_cast<long long>(micros - seconds * 1000000));
+}
+
+}  // namespace kest2
 
 extern "C" ZulKestTime zulKestTimeGetCurrent(void) {
   timespec now{};
@@ -31,13 +44,7 @@ extern "C" ZulKestTime zulKestTimeFromNanoseconds(int64_t nanoseconds) {
 }
 
 extern "C" int32_t zulKestTraceTimestamp(char* buffer, size_t size) {
-  int64_t t = zulKestTimeToNanoseconds(zulKestTimeGetCurrent());
-  // Whole microseconds rounded up, and the seconds of that rounded value.
-  int64_t micros = (t + 999) / 1000;
-  int64_t seconds = (t + 999) / kNanosecondsPerSecond;
-  kest2::FormatBounded(buffer, size, "%lld.%06lld",
-                       static_cast<long long>(seconds),
-                       static_cast<long long>(micros - seconds * 1000000));
+  kest2::FormatTraceTime(zulKestTimeToNanoseconds(zulKestTimeGetCurrent()), buffer, size);
   return 0;
 }
 

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "core/time_date.h"
 #include "kest2.h"
 
 namespace {
@@ -33,6 +34,25 @@ TEST(TimeTest, TraceTimestampFormatAndTruncation) {
   EXPECT_EQ(zulKestTraceTimestamp(tiny, sizeof(tiny)), 0);
   EXPECT_EQ(std::strlen(tiny), 4u);
   EXPECT_EQ(std::strncmp(tiny, text, 2), 0);
+}
+
+TEST(TimeTest, TraceTimeRoundsUpToMicroseconds) {
+  struct Case {
+    int64_t nanoseconds;
+    const char* text;
+  };
+  const Case cases[] = {{0, "0.000000"},           {1, "0.000001"},
+                        {1000, "0.000001"},        {1001, "0.000002"},
+                        {999999999, "1.000000"},   {12345678901, "12.345679"},
+                        {5999999500, "6.000000"},  {86400000000000, "86400.000000"}};
+  for (const Case& c : cases) {
+    char text[16];
+    kest2::FormatTraceTime(c.nanoseconds, text, sizeof(text));
+    EXPECT_STREQ(text, c.text) << c.nanoseconds;
+  }
+  char small[5];
+  kest2::FormatTraceTime(12345678901, small, sizeof(small));
+  EXPECT_STREQ(small, "12.3");
 }
 
 TEST(DateTest, ComponentsOfTheEpochAndFarDates) {
