@@ -9,7 +9,6 @@
 #include "core/handletable.h"
 #include "core/stored_path.h"
 #include "debug/format.h"
-#include "debug/trace.h"
 
 namespace kest2 {
 namespace {
@@ -57,9 +56,9 @@ constexpr const char* kOpTypeNames[] = {
 constexpr uint16_t kOpTypeCount = sizeof(kOpTypeNames) / sizeof(kOpTypeNames[0]);
 static_assert(kOpTypeCount == 38, "");
 
-// Null buffer: the next shared buffer.  Returns false when nothing may be
-// written (a caller's buffer of size 0).
-bool SelectBuffer(char** buffer, size_t* size) {
+}  // namespace
+
+bool SelectDumpBuffer(char** buffer, size_t* size) {
   if (*buffer == nullptr) {
     const uint32_t turn =
         __atomic_fetch_add(&g_nextSharedDumpBuffer, 1u, __ATOMIC_RELAXED);
@@ -68,6 +67,8 @@ bool SelectBuffer(char** buffer, size_t* size) {
   }
   return *size != 0;
 }
+
+namespace {
 
 // Types whose dump always shows the offset and the request/actual counts.
 bool IsTransferType(uint16_t what) {
@@ -83,16 +84,6 @@ bool IsTransferType(uint16_t what) {
       return true;
     default:
       return false;
-  }
-}
-
-void AppendErrorName(char* buffer, size_t size, const char* prefix,
-                     int32_t code) {
-  const char* name = ErrorName(code);
-  if (name != nullptr) {
-    AppendFormat(buffer, size, "%s%s", prefix, name);
-  } else {
-    AppendFormat(buffer, size, "%s0x%08X", prefix, static_cast<uint32_t>(code));
   }
 }
 
@@ -157,7 +148,7 @@ void AppendDhFields(char* buffer, size_t size, const void* object) {
 char* DumpHandle(HandleTableId table, const char* kind, uint32_t handle,
                  char* buffer, size_t size,
                  void (*appendFields)(char*, size_t, const void*)) {
-  if (!SelectBuffer(&buffer, &size)) return buffer;
+  if (!SelectDumpBuffer(&buffer, &size)) return buffer;
   FormatBounded(buffer, size, "%s 0x%08X:{", kind, handle);
   const void* object = LookupHandle(table, handle);
   if (object != nullptr) {
@@ -178,6 +169,15 @@ char* DumpHandle(HandleTableId table, const char* kind, uint32_t handle,
 }
 
 }  // namespace
+
+void AppendErrorName(char* buffer, size_t size, const char* prefix, int32_t code) {
+  const char* name = ErrorName(code);
+  if (name != nullptr) {
+    AppendFormat(buffer, size, "%s%s", prefix, name);
+  } else {
+    AppendFormat(buffer, size, "%s0x%08X", prefix, static_cast<uint32_t>(code));
+  }
+}
 
 const char* ErrorName(int32_t code) {
   if (code == ZUL_KEST_OK) return "ZUL_KEST_OK";
@@ -229,7 +229,7 @@ void AppendOpFields(char* buffer, size_t size, const void* object) {
 
 char* DumpFilter(ZulKestIOFilterCallback function, void* context, char* buffer,
                  size_t size) {
-  if (!SelectBuffer(&buffer, &size)) return buffer;
+  if (!SelectDumpBuffer(&buffer, &size)) return buffer;
   FormatBounded(buffer, size, "iofilter 0x%08llX:{ pFilterContext:0x%08llX",
                 PointerBits(reinterpret_cast<const void*>(function)),
                 PointerBits(context));
@@ -253,7 +253,7 @@ char* DumpFilter(ZulKestIOFilterCallback function, void* context, char* buffer,
 using namespace kest2;
 
 extern "C" char* zulKestDebugDumpError(int32_t code, char* buffer, size_t size) {
-  if (!SelectBuffer(&buffer, &size)) return buffer;
+  if (!SelectDumpBuffer(&buffer, &size)) return buffer;
   const char* name = ErrorName(code);
   if (name != nullptr) {
     FormatBounded(buffer, size, "%s", name);
@@ -276,7 +276,7 @@ extern "C" char* zulKestDebugDumpDH(ZulKestDH dh, char* buffer, size_t size) {
 }
 
 extern "C" char* zulKestDebugDumpDate(ZulKestDate date, char* buffer, size_t size) {
-  if (!SelectBuffer(&buffer, &size)) return buffer;
+  if (!SelectDumpBuffer(&buffer, &size)) return buffer;
   struct tm fields {};
   zulKestDateToComponents(date, &fields);
   FormatBounded(buffer, size, "%d-%02d-%02d %02d:%02d:%02d", fields.tm_year + 1900,

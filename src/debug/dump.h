@@ -18,6 +18,13 @@ namespace kest2 {
 
 constexpr size_t kDumpBufferSize = 512;
 
+// Points *buffer at the next shared buffer when it is null (and sets *size).
+// Returns false when nothing may be written (a caller's buffer of size 0).
+bool SelectDumpBuffer(char** buffer, size_t* size);
+
+// Appends prefix and the name of a result code (or its "0x%08X" text).
+void AppendErrorName(char* buffer, size_t size, const char* prefix, int32_t code);
+
 // The name of a result code ("ZUL_KEST_ERROR_BAD_PATH"), or null for a code
 // without one (those print as "0x%08X").
 const char* ErrorName(int32_t code);

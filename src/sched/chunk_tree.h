@@ -1,0 +1,124 @@
+// The chunk tree: chunk storage, links between chunks, readiness,
+// preparation, completion and error propagation.
+//
+// Every operation is carried out as a tree of chunks under a root chunk; a
+// chunk may run only once all its children have completed, so the tree
+// encodes both the split of the work and the order of its steps.  All
+// operation roots hang below one global root (a CHUNK_NULL chunk allocated at
+// start-up), so chunk storage holds one forest under a single node.
+//
+// Links: a chunk has one inline parent slot and two inline child slots.  A
+// second parent moves the parent slot into a CHUNK_PARENT overflow record (4
+// slots, slot 0 chaining to a further record); a third child moves child1
+// into a CHUNK_CHILD overflow record (its own child0/child1 plus 8 slots,
+// slot 7 chaining to a further record).  Enumeration is in insertion order
+// and removal keeps the lists dense.
+//
+// Thread-safety: every function here that reads or changes links, flags,
+// priority or deadline takes the chunk lock ("ZulKestChunk") itself.  The
+// lock is recursive, so code that already holds it (the engine, filters)
+// calls the same functions.  Allocation from the pool is lock-free.
+#ifndef KEST2_SRC_SCHED_CHUNK_TREE_H_
+#define KEST2_SRC_SCHED_CHUNK_TREE_H_
+
+#include <cstddef>
+#include <cstdint>
+
+#include "core/pool.h"
+#include "sched/chunk.h"
+
+namespace kest2 {
+
+constexpr uint32_t kChunkUnitSize = 16;
+constexpr uint32_t kChunkMaxUnits = 65536;
+
+// Sets up the pool over the caller's storage (the pool's errors for
+// misaligned, null, too small or too large storage), then allocates the
+// global root; ZUL_KEST_ERROR_BAD_SIZE when it does not fit.
+int32_t InitializeChunkStorage(void* storage, uint64_t size);
+// Frees the global root, tears the pool down (with its leak warning) and
+// traces the high-water mark under "chunk".
+void TerminateChunkStorage();
+
+ChunkID GlobalRootChunk();
+// The chunk pool, for statistics.
+Pool* ChunkPool();
+
+// The record of a chunk (no checks).
+ChunkHeader* ChunkAt(ChunkID id);
+template <typename T>
+T* ChunkRecord(ChunkID id) {
+  return reinterpret_cast<T*>(ChunkAt(id));
+}
+// True when id names an allocated chunk with its live mark.
+bool ChunkIsLive(ChunkID id);
+
+// REQUIRES for the rest: chunk storage is set up (ids are CHUNKID_INVALID
+// otherwise).  Functions given CHUNKID_INVALID do nothing and answer
+// CHUNKID_INVALID, false or null.
+
+// Allocates a zeroed chunk of size bytes ((size + 15) / 16 units) with empty
+// link slots; CHUNKID_INVALID when storage is exhausted.  The second form
+// uses the type's footprint.
+ChunkID AllocateChunk(uint8_t type, uint32_t size);
+ChunkID AllocateChunk(uint8_t type);
+// Returns the chunk's units; does not touch links.
+void DeallocateChunk(ChunkID id);
+// Allocates a chunk and links it under parent; frees it again when the link
+// fails.
+ChunkID AllocateChildChunk(ChunkID parent, uint8_t type);
+// A CHUNK_BUFFER of dataSize bytes under parent, born scheduled and
+// completed (it never runs).  Returns its data, or null.
+void* AllocateBufferChunk(ChunkID parent, uint64_t dataSize);
+
+// Appends child to parent's children and parent to child's parents; false
+// (and nothing changed) when an overflow record cannot be had.
+bool LinkChunks(ChunkID parent, ChunkID child);
+// Removes the link both ways; frees only emptied overflow records.
+void UnlinkChunks(ChunkID parent, ChunkID child);
+// Moves every parent and child link of oldChunk to newChunk; oldChunk stays
+// allocated and unlinked.
+void ReplaceChunk(ChunkID oldChunk, ChunkID newChunk);
+// Unlinks the chunk from its parents, releases its children (a child with
+// another parent left is kept) and frees it.
+void DeallocateTree(ChunkID id);
+
+// The n-th parent / child in enumeration order, CHUNKID_INVALID past the end.
+ChunkID GetParent(ChunkID id, uint32_t n);
+ChunkID GetChild(ChunkID id, uint32_t n);
+// The file or directory handle a chunk works on, 0 when none.
+uint32_t GetChunkHandle(ChunkID id);
+// The path a chunk works on, null when none.
+const StoredPath* GetChunkPath(ChunkID id);
+
+bool AllChildrenCompleted(ChunkID id);
+// The readiness test: true when the chunk may run now (scheduled or forced,
+// every child completed, its handle open and, for a close, no I/O pending).
+bool DeferChunk(ChunkID id, bool force);
+// Stamps priority and deadline on every unprepared chunk of the subtree and
+// counts pending I/O on the handles.
+void PrepareChunk(ChunkID id, int8_t priority, ZulKestTime deadline);
+// Re-derives deadline and priority of the subtree from its parents.
+void RescheduleChunk(ChunkID id, ZulKestTime deadline, int8_t priority, ChunkID excluded);
+// Marks the chunk completed (propagating a non-zero error); true when it is
+// a CHUNK_ROOT.
+bool CompleteChunk(ChunkID id, int32_t error);
+// Records error in every CHUNK_CALLBACK and operation above the chunk where
+// none is recorded yet (or always, when forced).
+void PropagateChunkError(ChunkID id, int32_t error, bool force);
+
+// "chunk 12:{ type:CHUNK_FH_READ, ... }".
+char* DumpChunk(ChunkID id, char* buffer, size_t size);
+
+// Scoped hold of the chunk lock.
+class ChunkLocker {
+ public:
+  ChunkLocker();
+  ~ChunkLocker();
+  ChunkLocker(const ChunkLocker&) = delete;
+  ChunkLocker& operator=(const ChunkLocker&) = delete;
+};
+
+}  // namespace kest2
+
+#endif  // KEST2_SRC_SCHED_CHUNK_TREE_H_
