@@ -1,0 +1,58 @@
+// The operation object: one request's arguments, attributes, result and
+// completion state, kept in the operation table and named by its handle.
+//
+// Life: Create (allocated, attributes set) -> the request fills it and hands
+// it to the engine -> completion (Fail, CompleteOk or the engine) runs the
+// callback with ZUL_KEST_EVENT_COMPLETE, sets `done` and wakes every waiter
+// -> the caller deletes it (callback with ZUL_KEST_EVENT_DELETE, handle
+// released).
+//
+// Thread-safety: callers may use an operation from any thread.  All waits
+// share the "ZulKestOpWait" mutex and condition; every completion and
+// deletion broadcasts and each waiter re-tests its own operation.  `done`
+// and `waiters` change atomically; `done` is set before the broadcast, so a
+// waiter that saw the operation unfinished under the mutex cannot miss it.
+// Deletion waits, under the mutex, until no thread is inside a wait on the
+// operation, so a waiter never reads a released (and perhaps reused) unit.
+#ifndef KEST2_SRC_API_OPERATION_H_
+#define KEST2_SRC_API_OPERATION_H_
+
+#include <cstdint>
+
+#include "api/records.h"
+#include "kest2.h"
+
+namespace kest2 {
+
+// A new operation of the given type with the caller's attributes (copied
+// whole) or, when attr is null, the calling thread's effective defaults.
+// Null when the global locks do not exist or the table is full.
+Operation* OpCreate(const ZulKestOpAttr* attr, uint16_t type);
+
+// Completes the operation at once with an error (releasing a handle the
+// request created for it) or with success.  Both return the handle.
+uint32_t OpFail(Operation* op, int32_t code);
+uint32_t OpCompleteOk(Operation* op);
+
+// Runs the callback for event, marks the operation done and wakes waiters.
+uint32_t OpNotify(Operation* op, ZulKestOpEvent event);
+
+// True when the operation is done, or its callback runs on this thread.
+bool OpFinished(const Operation* op);
+
+// Blocks until the operation is finished; returns its error.
+// REQUIRES: op is live.
+int32_t OpWait(Operation* op);
+// As OpWait, but gives up at deadline with ZUL_KEST_ERROR_TIMEOUT.
+int32_t OpWaitUntil(Operation* op, ZulKestTime deadline);
+
+// Deletes a finished operation (once): DELETE callback, then the handle is
+// released when no thread waits on it any more.
+void OpDelete(Operation* op);
+
+// The sum of the lengths of all eight buffers.
+int64_t OpRequestCount(const Operation* op);
+
+}  // namespace kest2
+
+#endif  // KEST2_SRC_API_OPERATION_H_
