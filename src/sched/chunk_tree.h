@@ -11,8 +11,10 @@
 // second parent moves the parent slot into a CHUNK_PARENT overflow record (4
 // slots, slot 0 chaining to a further record); a third child moves child1
 // into a CHUNK_CHILD overflow record (its own child0/child1 plus 8 slots,
-// slot 7 chaining to a further record).  Enumeration is in insertion order
-// and removal keeps the lists dense.
+// slot 7 chaining to a further record).  Children enumerate in insertion
+// order; parents do too until a parent record fills up, when its slot-0
+// parent moves on into the next record and is enumerated after the full
+// record's others.  Removal keeps both lists dense.
 //
 // Thread-safety: every function here that reads or changes links, flags,
 // priority or deadline takes the chunk lock ("ZulKestChunk") itself.  The
@@ -37,7 +39,8 @@ constexpr uint32_t kChunkMaxUnits = 65536;
 // global root; ZUL_KEST_ERROR_BAD_SIZE when it does not fit.
 int32_t InitializeChunkStorage(void* storage, uint64_t size);
 // Frees the global root, tears the pool down (with its leak warning) and
-// traces the high-water mark under "chunk".
+// traces the high-water mark under "chunk".  Does nothing when chunk storage
+// is not set up.
 void TerminateChunkStorage();
 
 ChunkID GlobalRootChunk();
@@ -57,12 +60,16 @@ bool ChunkIsLive(ChunkID id);
 // otherwise).  Functions given CHUNKID_INVALID do nothing and answer
 // CHUNKID_INVALID, false or null.
 
-// Allocates a zeroed chunk of size bytes ((size + 15) / 16 units) with empty
-// link slots; CHUNKID_INVALID when storage is exhausted.  The second form
-// uses the type's footprint.
+// Allocates a zeroed chunk of size bytes ((size + 15) / 16 units, never less
+// than the type's footprint) with empty link slots; CHUNKID_INVALID when
+// storage is exhausted or the type is unknown.  A CHUNK_BUFFER records the
+// bytes beyond its footprint as its data size; other types must not ask for
+// more than their footprint, which is all DeallocateChunk returns.  The
+// second form uses the type's footprint.
 ChunkID AllocateChunk(uint8_t type, uint32_t size);
 ChunkID AllocateChunk(uint8_t type);
-// Returns the chunk's units; does not touch links.
+// Returns the chunk's units; does not touch links.  An id that does not
+// name a live chunk is ignored.
 void DeallocateChunk(ChunkID id);
 // Allocates a chunk and links it under parent; frees it again when the link
 // fails.
@@ -76,8 +83,10 @@ void* AllocateBufferChunk(ChunkID parent, uint64_t dataSize);
 bool LinkChunks(ChunkID parent, ChunkID child);
 // Removes the link both ways; frees only emptied overflow records.
 void UnlinkChunks(ChunkID parent, ChunkID child);
-// Moves every parent and child link of oldChunk to newChunk; oldChunk stays
-// allocated and unlinked.
+// Moves every parent and child link of oldChunk to newChunk (each as an
+// unlink, then a link appended at the end of the list); oldChunk stays
+// allocated and unlinked.  A link that cannot be had for want of storage is
+// dropped.
 void ReplaceChunk(ChunkID oldChunk, ChunkID newChunk);
 // Unlinks the chunk from its parents, releases its children (a child with
 // another parent left is kept) and frees it.
