@@ -10,12 +10,14 @@
 #define OP_UNITS 64
 #define FH_UNITS 32
 #define DH_UNITS 8
+#define CHUNK_UNITS 4096
 
 /* The library allocates nothing for its objects: these arrays are all the
  * memory its operations and handles will ever use. */
 static uint64_t g_opStorage[ZUL_KEST_STORAGE_SIZE(OP_UNITS, ZUL_KEST_OP_UNIT_SIZE(PATH_MAX_BYTES)) / 8];
 static uint64_t g_fhStorage[ZUL_KEST_STORAGE_SIZE(FH_UNITS, ZUL_KEST_FH_UNIT_SIZE(PATH_MAX_BYTES)) / 8];
 static uint64_t g_dhStorage[ZUL_KEST_STORAGE_SIZE(DH_UNITS, ZUL_KEST_DH_UNIT_SIZE(PATH_MAX_BYTES)) / 8];
+static uint64_t g_chunkStorage[ZUL_KEST_STORAGE_SIZE(CHUNK_UNITS, ZUL_KEST_CHUNK_UNIT_SIZE) / 8];
 
 int main(void) {
   ZulKestParams params;
@@ -27,6 +29,8 @@ int main(void) {
   params.fhStorageSize = sizeof(g_fhStorage);
   params.dhStorage = g_dhStorage;
   params.dhStorageSize = sizeof(g_dhStorage);
+  params.chunkStorage = g_chunkStorage;
+  params.chunkStorageSize = sizeof(g_chunkStorage);
   params.threadPriority[0] = params.threadPriority[1] = params.threadPriority[2] = -1;
 
   int32_t rc = zulKestInitialize(&params);

@@ -43,7 +43,8 @@ void OutputCapture::Clear() {
 }
 
 ZulKestParams MakeParams(TestStorage* storage, uint32_t opUnits,
-                         uint32_t fhUnits, uint32_t dhUnits, uint32_t pathMax) {
+                         uint32_t fhUnits, uint32_t dhUnits, uint32_t pathMax,
+                         uint32_t chunkUnits) {
   const uint32_t effectivePathMax = pathMax == 0 || pathMax > 1024 ? 1024 : pathMax;
   storage->op.assign(
       ZUL_KEST_STORAGE_SIZE(opUnits, ZUL_KEST_OP_UNIT_SIZE(effectivePathMax)) / 8, 0);
@@ -51,6 +52,7 @@ ZulKestParams MakeParams(TestStorage* storage, uint32_t opUnits,
       ZUL_KEST_STORAGE_SIZE(fhUnits, ZUL_KEST_FH_UNIT_SIZE(effectivePathMax)) / 8, 0);
   storage->dh.assign(
       ZUL_KEST_STORAGE_SIZE(dhUnits, ZUL_KEST_DH_UNIT_SIZE(effectivePathMax)) / 8, 0);
+  storage->chunk.assign(ZUL_KEST_STORAGE_SIZE(chunkUnits, ZUL_KEST_CHUNK_UNIT_SIZE) / 8, 0);
   ZulKestParams params{};
   params.header = ZUL_KEST_PARAMS_HEADER(pathMax);
   params.opStorage = storage->op.data();
@@ -59,6 +61,8 @@ ZulKestParams MakeParams(TestStorage* storage, uint32_t opUnits,
   params.fhStorageSize = storage->fh.size() * 8;
   params.dhStorage = storage->dh.data();
   params.dhStorageSize = storage->dh.size() * 8;
+  params.chunkStorage = storage->chunk.data();
+  params.chunkStorageSize = storage->chunk.size() * 8;
   for (int i = 0; i < 3; ++i) params.threadPriority[i] = -1;
   return params;
 }

@@ -30,14 +30,14 @@ class OutputCapture {
   ZulKestVprintfHook m_previous;
 };
 
-// Caller storage for the three handle tables, sized for the given unit
-// counts, and a parameters record that points at it.
+// Caller storage for the three handle tables and the chunks, sized for the
+// given unit counts, and a parameters record that points at it.
 struct TestStorage {
-  std::vector<uint64_t> op, fh, dh;
+  std::vector<uint64_t> op, fh, dh, chunk;
 };
 ZulKestParams MakeParams(TestStorage* storage, uint32_t opUnits = 64,
                          uint32_t fhUnits = 32, uint32_t dhUnits = 16,
-                         uint32_t pathMax = 1024);
+                         uint32_t pathMax = 1024, uint32_t chunkUnits = 1024);
 
 // A directory under the system's temporary directory, removed with its
 // contents at destruction.

@@ -2,8 +2,9 @@
 //
 // zulKestInitialize validates and copies the caller's record, applies
 // defaults and clamps, creates the global lock set when it does not exist,
-// then carves the operation, file-handle and directory-handle tables out of
-// the caller's storage, undoing everything in reverse at the first failure.
+// then carves the operation, file-handle and directory-handle tables and the
+// chunk storage out of the caller's storage, undoing everything in reverse
+// at the first failure.
 // zulKestTerminate undoes a successful initialisation in reverse.  Neither is
 // safe against concurrent calls or requests in flight.
 
@@ -14,6 +15,7 @@
 #include "core/handletable.h"
 #include "debug/trace.h"
 #include "kest2.h"
+#include "sched/chunk_tree.h"
 
 namespace kest2 {
 namespace {
@@ -143,6 +145,9 @@ extern "C" int32_t zulKestInitialize(const ZulKestParams* params) {
   }
   if (result == ZUL_KEST_OK) {
     ++built;
+    result = InitializeChunkStorage(g_KestParams.chunkStorage, g_KestParams.chunkStorageSize);
+  }
+  if (result == ZUL_KEST_OK) {
     __atomic_store_n(&g_KestParams.header, g_KestParams.header | 1u,
                      __ATOMIC_RELEASE);
     return ZUL_KEST_OK;
@@ -166,6 +171,7 @@ extern "C" void zulKestTerminate(void) {
                    __ATOMIC_RELEASE);
   SetAutoInitialized(false);
 
+  TerminateChunkStorage();
   ReleaseAllHandles(kDhTable);
   HandleTableTearDown(kDhTable);
   ReleaseAllHandles(kFhTable);

@@ -130,6 +130,10 @@ TEST_F(InitializeTest, StorageFailuresUnwindAndDestroyOwnLocks) {
          p->dhStorageSize -= 8;
        },
        ZUL_KEST_ERROR_BAD_ALIGNMENT},
+      {"chunk storage null", [](ZulKestParams* p) { p->chunkStorage = nullptr; },
+       ZUL_KEST_ERROR_BAD_PTR},
+      {"chunk storage without room for the global root",
+       [](ZulKestParams* p) { p->chunkStorageSize = 24; }, ZUL_KEST_ERROR_BAD_SIZE},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);

@@ -43,7 +43,7 @@ class ChunkTreeTest : public ::testing::Test {
   }
 
   // Chunk storage of `units` units over the test's own buffer.  With
-  // handles the library is initialised first, for its handle tables.
+  // handles the whole library is initialised over it.
   void Start(uint32_t units, bool withHandles = false) {
     chunks_.assign(ZUL_KEST_STORAGE_SIZE(units, ZUL_KEST_CHUNK_UNIT_SIZE) / 8, 0);
     if (withHandles) {
@@ -52,7 +52,7 @@ class ChunkTreeTest : public ::testing::Test {
       params.chunkStorageSize = chunks_.size() * 8;
       ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
       libraryStarted_ = true;
-      if (ChunkPool()->initialised) return;  // initialisation set chunks up itself
+      return;
     }
     ASSERT_EQ(InitializeChunkStorage(chunks_.data(), chunks_.size() * 8), ZUL_KEST_OK);
   }
