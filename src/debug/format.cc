@@ -2,10 +2,22 @@
 //
 // The formatter writes through a small sink that stores characters while
 // there is room (keeping one byte for the NUL) and counts every character,
-// so the result is both the truncated text and the full length.
+// so one pass gives both the truncated text and the full length.  Lengths
+// are counted in size_t and padding past the end of the buffer is only
+// counted, not looped over, so a huge width or precision ("%*d" with
+// INT_MAX) costs no time and cannot overflow; the returned length saturates
+// at INT_MAX.
+//
+// Deliberate differences from the C library's printf: "%p" is plain
+// alternate-form hexadecimal ("0", not "(nil)", for a null pointer); "#"
+// with "o" adds its leading zero only to a non-zero value, so "%#.0o" of 0
+// prints nothing; floating conversions print "UNSUP".  Length modifiers
+// other than "l" are unknown conversion characters and are dropped with
+// nothing consumed, so "%zu" prints a plain "u".
 
 #include "debug/format.h"
 
+#include <climits>
 #include <cstdint>
 #include <cstring>
 
@@ -15,55 +27,85 @@ namespace {
 constexpr const char* kLowerDigits = "0123456789abcdef";
 constexpr const char* kUpperDigits = "0123456789ABCDEF";
 
+size_t SaturatingAdd(size_t a, size_t b) { return b > SIZE_MAX - a ? SIZE_MAX : a + b; }
+
+// Destination of the formatter.  Stores at most size - 1 characters and
+// counts all of them.
 class Sink {
  public:
-  Sink(char* buffer, size_t size) : m_buffer(buffer), m_size(size), m_count(0) {}
+  Sink(char* buffer, size_t size)
+      : m_buffer(buffer), m_size(size), m_room(size == 0 ? 0 : size - 1), m_count(0) {}
 
   void Put(char c) {
-    if (m_size != 0 && m_count < m_size - 1) m_buffer[m_count] = c;
-    ++m_count;
+    if (m_count < m_room) m_buffer[m_count] = c;
+    m_count = SaturatingAdd(m_count, 1);
   }
-  void Repeat(char c, int n) {
-    for (int i = 0; i < n; ++i) Put(c);
+  void Repeat(char c, size_t n) {
+    const size_t stored = Storable(n);
+    if (stored != 0) std::memset(m_buffer + m_count, c, stored);
+    m_count = SaturatingAdd(m_count, n);
   }
-  void Write(const char* s, int n) {
-    for (int i = 0; i < n; ++i) Put(s[i]);
+  void Write(const char* s, size_t n) {
+    const size_t stored = Storable(n);
+    if (stored != 0) std::memcpy(m_buffer + m_count, s, stored);
+    m_count = SaturatingAdd(m_count, n);
   }
   void Terminate() {
-    if (m_size == 0) return;
-    m_buffer[m_count < m_size - 1 ? m_count : m_size - 1] = 0;
+    if (m_size != 0) m_buffer[m_count < m_room ? m_count : m_room] = 0;
   }
-  size_t count() const { return m_count; }
+  int Length() const {
+    return m_count > static_cast<size_t>(INT_MAX) ? INT_MAX : static_cast<int>(m_count);
+  }
 
  private:
-  char* m_buffer;
-  size_t m_size;
-  size_t m_count;
+  // How many of the next n characters still fit.
+  size_t Storable(size_t n) const {
+    if (m_count >= m_room) return 0;
+    return n < m_room - m_count ? n : m_room - m_count;
+  }
+
+  char* const m_buffer;
+  const size_t m_size;
+  const size_t m_room;  // characters that may be stored: size - 1, or 0
+  size_t m_count;       // characters produced so far, stored or not
 };
 
+// One conversion's flags, width and precision.
 struct Spec {
   bool left = false;
   bool plus = false;
   bool space = false;
   bool alternate = false;
   bool zero = false;
-  int width = 0;
+  size_t width = 0;
   int precision = -1;  // -1: none
 };
 
-// Writes text with width padding (the "0" flag never applies to text).
-void PadText(Sink* sink, const Spec& spec, const char* text, int length) {
-  const int padding = spec.width > length ? spec.width - length : 0;
+// Reads a run of decimal digits, saturating at INT_MAX.
+int ReadNumber(const char** f) {
+  int value = 0;
+  while (**f >= '0' && **f <= '9') {
+    const int digit = **f - '0';
+    value = value > (INT_MAX - digit) / 10 ? INT_MAX : value * 10 + digit;
+    ++*f;
+  }
+  return value;
+}
+
+// Writes text with width padding; the "0" flag does not apply to text.
+void PutText(Sink* sink, const Spec& spec, const char* text, size_t length) {
+  const size_t padding = spec.width > length ? spec.width - length : 0;
   if (!spec.left) sink->Repeat(' ', padding);
   sink->Write(text, length);
   if (spec.left) sink->Repeat(' ', padding);
 }
 
-// Formats an integer: magnitude in the given base, with sign or prefix.
-void PutInteger(Sink* sink, const Spec& spec, uint64_t magnitude, bool negative,
-                bool isSigned, unsigned base, bool upper) {
-  char digits[24];
-  int count = 0;
+// Writes an integer given as sign and magnitude, laid out as
+// [spaces] [sign or 0x prefix] [zeros] digits [spaces].
+void PutInteger(Sink* sink, const Spec& spec, uint64_t magnitude, bool negative, bool isSigned,
+                unsigned base, bool upper) {
+  char digits[24];  // 22 octal digits cover 64 bits
+  size_t count = 0;
   const char* set = upper ? kUpperDigits : kLowerDigits;
   // Precision 0 with value 0 prints no digits at all.
   if (!(magnitude == 0 && spec.precision == 0)) {
@@ -74,7 +116,7 @@ void PutInteger(Sink* sink, const Spec& spec, uint64_t magnitude, bool negative,
     } while (v != 0);
   }
   char prefix[2];
-  int prefixLength = 0;
+  size_t prefixLength = 0;
   if (isSigned) {
     if (negative) {
       prefix[prefixLength++] = '-';
@@ -87,22 +129,27 @@ void PutInteger(Sink* sink, const Spec& spec, uint64_t magnitude, bool negative,
     prefix[prefixLength++] = '0';
     prefix[prefixLength++] = upper ? 'X' : 'x';
   }
-  int zeros = spec.precision > count ? spec.precision - count : 0;
+  const size_t precision = spec.precision < 0 ? 0 : static_cast<size_t>(spec.precision);
+  size_t zeros = precision > count ? precision - count : 0;
+  // Octal alternate form: the first digit must be a zero.  Extra precision
+  // zeros already provide it.
   if (spec.alternate && base == 8 && magnitude != 0 && zeros == 0) zeros = 1;
-  int length = prefixLength + zeros + count;
+  size_t length = prefixLength + zeros + count;
+  // Zero padding fills the width between prefix and digits, unless the
+  // field is left-justified or a precision fixes the digit count.
   if (spec.zero && !spec.left && spec.precision < 0 && spec.width > length) {
     zeros += spec.width - length;
     length = spec.width;
   }
-  const int padding = spec.width > length ? spec.width - length : 0;
+  const size_t padding = spec.width > length ? spec.width - length : 0;
   if (!spec.left) sink->Repeat(' ', padding);
   sink->Write(prefix, prefixLength);
   sink->Repeat('0', zeros);
-  for (int i = count - 1; i >= 0; --i) sink->Put(digits[i]);
+  for (size_t i = count; i > 0; --i) sink->Put(digits[i - 1]);
   if (spec.left) sink->Repeat(' ', padding);
 }
 
-int FormatInto(Sink* sink, const char* format, va_list args) {
+void FormatInto(Sink* sink, const char* format, va_list args) {
   const char* f = format;
   while (*f != 0) {
     if (*f != '%') {
@@ -127,18 +174,18 @@ int FormatInto(Sink* sink, const char* format, va_list args) {
       }
     }
     if (*f == '*') {
-      int width = va_arg(args, int);
+      const int width = va_arg(args, int);
       if (width < 0) {
+        // A negative width argument is a "-" flag and its absolute value;
+        // computed unsigned so INT_MIN does not overflow.
         spec.left = true;
-        width = width == INT32_MIN ? INT32_MAX : -width;
+        spec.width = static_cast<size_t>(0u - static_cast<unsigned>(width));
+      } else {
+        spec.width = static_cast<size_t>(width);
       }
-      spec.width = width;
       ++f;
     } else {
-      while (*f >= '0' && *f <= '9') {
-        if (spec.width < 100000) spec.width = spec.width * 10 + (*f - '0');
-        ++f;
-      }
+      spec.width = static_cast<size_t>(ReadNumber(&f));
     }
     if (*f == '.') {
       ++f;
@@ -147,20 +194,17 @@ int FormatInto(Sink* sink, const char* format, va_list args) {
         spec.precision = precision < 0 ? -1 : precision;
         ++f;
       } else {
-        spec.precision = 0;
-        while (*f >= '0' && *f <= '9') {
-          if (spec.precision < 100000) spec.precision = spec.precision * 10 + (*f - '0');
-          ++f;
-        }
+        spec.precision = ReadNumber(&f);  // "." alone means precision 0
       }
     }
+    // "l" and "ll" both mean a 64-bit argument; further "l"s are skipped.
     int longs = 0;
     while (*f == 'l') {
       if (longs < 2) ++longs;
       ++f;
     }
     const char conversion = *f;
-    if (conversion == 0) break;
+    if (conversion == 0) break;  // the format ends inside a conversion
     ++f;
     switch (conversion) {
       case 'd':
@@ -168,6 +212,7 @@ int FormatInto(Sink* sink, const char* format, va_list args) {
         const int64_t value = longs != 0 ? static_cast<int64_t>(va_arg(args, long long))
                                          : static_cast<int64_t>(va_arg(args, int));
         const bool negative = value < 0;
+        // Negated as unsigned: INT64_MIN has no positive int64_t.
         const uint64_t magnitude =
             negative ? uint64_t{0} - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
         PutInteger(sink, spec, magnitude, negative, true, 10, false);
@@ -177,9 +222,8 @@ int FormatInto(Sink* sink, const char* format, va_list args) {
       case 'o':
       case 'x':
       case 'X': {
-        const uint64_t value = longs != 0
-                                   ? static_cast<uint64_t>(va_arg(args, unsigned long long))
-                                   : static_cast<uint64_t>(va_arg(args, unsigned int));
+        const uint64_t value = longs != 0 ? static_cast<uint64_t>(va_arg(args, unsigned long long))
+                                          : static_cast<uint64_t>(va_arg(args, unsigned int));
         const unsigned base = conversion == 'u' ? 10 : conversion == 'o' ? 8 : 16;
         PutInteger(sink, spec, value, false, false, base, conversion == 'X');
         break;
@@ -192,15 +236,22 @@ int FormatInto(Sink* sink, const char* format, va_list args) {
       }
       case 'c': {
         const char c = static_cast<char>(va_arg(args, int));
-        PadText(sink, spec, &c, 1);
+        PutText(sink, spec, &c, 1);
         break;
       }
       case 's': {
         const char* s = va_arg(args, const char*);
         if (s == nullptr) s = "(null)";
-        int length = 0;
-        while (s[length] != 0 && (spec.precision < 0 || length < spec.precision)) ++length;
-        PadText(sink, spec, s, length);
+        // Never reads past the precision: the text need not be terminated
+        // within it.
+        size_t length = 0;
+        if (spec.precision < 0) {
+          length = StringLength(s);
+        } else {
+          const size_t limit = static_cast<size_t>(spec.precision);
+          while (length < limit && s[length] != 0) ++length;
+        }
+        PutText(sink, spec, s, length);
         break;
       }
       case '%':
@@ -214,15 +265,16 @@ int FormatInto(Sink* sink, const char* format, va_list args) {
       case 'F':
       case 'g':
       case 'G':
+        // The formatter has no floating point; the argument is consumed so
+        // the following conversions stay aligned with theirs.  The precision
+        // would be a digit count, so it does not cut the marker.
         (void)va_arg(args, double);
-        PadText(sink, spec, "UNSUP", 5);
+        PutText(sink, spec, "UNSUP", 5);
         break;
       default:
-        break;  // unknown conversions are dropped
+        break;  // unknown conversions are dropped and take no argument
     }
   }
-  sink->Terminate();
-  return static_cast<int>(sink->count());
 }
 
 void SwapBytes(unsigned char* a, unsigned char* b, size_t n) {
@@ -252,11 +304,13 @@ void SiftDown(unsigned char* base, size_t root, size_t count, size_t size,
 
 int VFormatBounded(char* buffer, size_t size, const char* format, va_list args) {
   Sink sink(buffer, size);
+  // Formats from a copy so the caller's list is left as it was given.
   va_list copy;
   va_copy(copy, args);
-  const int length = FormatInto(&sink, format, copy);
+  FormatInto(&sink, format, copy);
   va_end(copy);
-  return length;
+  sink.Terminate();
+  return sink.Length();
 }
 
 int FormatBounded(char* buffer, size_t size, const char* format, ...) {
@@ -315,7 +369,7 @@ size_t StringCopy(char* dst, const char* src, size_t size) {
 size_t StringAppend(char* dst, const char* src, size_t size) {
   size_t used = 0;
   while (used < size && dst[used] != 0) ++used;
-  if (used == size) return used + StringLength(src);
+  // Unterminated within size: nothing is written (StringCopy with size 0).
   return used + StringCopy(dst + used, src, size - used);
 }
 
