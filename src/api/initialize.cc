@@ -14,6 +14,7 @@
 #include "api/records.h"
 #include "core/handletable.h"
 #include "debug/trace.h"
+#include "io/filter_chain.h"
 #include "kest2.h"
 #include "sched/chunk_tree.h"
 
@@ -171,6 +172,7 @@ extern "C" void zulKestTerminate(void) {
                    __ATOMIC_RELEASE);
   SetAutoInitialized(false);
 
+  RemoveAllFilters();
   TerminateChunkStorage();
   ReleaseAllHandles(kDhTable);
   HandleTableTearDown(kDhTable);
