@@ -128,6 +128,7 @@ TEST_F(FilterChainTest, InstallationRules) {
   EXPECT_EQ(a.terminates.load(), 1);
   EXPECT_EQ(zulKestIOFilterRemove(7), ZUL_KEST_ERROR_BAD_INDEX);
   EXPECT_EQ(FilterCount(), 1);
+  RemoveAllFilters();
 }
 
 TEST_F(FilterChainTest, RemovalWarnsAboutATerminateErrorButRemoves) {
@@ -178,6 +179,7 @@ TEST_F(FilterChainTest, TreeWalkOrderRewriteAndAnswer) {
   EXPECT_EQ(order, (std::vector<int>{3}));
   EXPECT_EQ(PoolAllocatedCount(ChunkPool()), before);
   EXPECT_EQ(FilterChunkTree(CHUNKID_INVALID), CHUNKID_INVALID);
+  RemoveAllFilters();  // before the filters go out of scope
 }
 
 TEST_F(FilterChainTest, TreeWalkWarnsAndGoesOn) {
@@ -197,6 +199,7 @@ TEST_F(FilterChainTest, TreeWalkWarnsAndGoesOn) {
             std::string::npos)
       << text;
   DeallocateTree(root);
+  RemoveAllFilters();
 }
 
 TEST_F(FilterChainTest, EventDispatchReturnsTheAnsweringIndex) {
@@ -212,6 +215,7 @@ TEST_F(FilterChainTest, EventDispatchReturnsTheAnsweringIndex) {
   one.containsAnswer = ZUL_KEST_OK;
   EXPECT_EQ(DispatchFilterEvent(ZUL_KEST_IOFILTER_EVENT_CACHE_CONTAINS, nullptr), 1);
   EXPECT_EQ(five.contains.load(), 2);
+  RemoveAllFilters();
 }
 
 TEST_F(FilterChainTest, TerminationRemovesEveryFilterInIndexOrder) {
