@@ -15,6 +15,7 @@
 #include "core/handletable.h"
 #include "debug/trace.h"
 #include "io/filter_chain.h"
+#include "io/native_dir_buffer.h"
 #include "kest2.h"
 #include "sched/chunk_tree.h"
 
@@ -149,6 +150,7 @@ extern "C" int32_t zulKestInitialize(const ZulKestParams* params) {
     result = InitializeChunkStorage(g_KestParams.chunkStorage, g_KestParams.chunkStorageSize);
   }
   if (result == ZUL_KEST_OK) {
+    InitializeNativeDirBuffer();
     __atomic_store_n(&g_KestParams.header, g_KestParams.header | 1u,
                      __ATOMIC_RELEASE);
     return ZUL_KEST_OK;
@@ -174,6 +176,7 @@ extern "C" void zulKestTerminate(void) {
 
   RemoveAllFilters();
   TerminateChunkStorage();
+  TerminateNativeDirBuffer();
   ReleaseAllHandles(kDhTable);
   HandleTableTearDown(kDhTable);
   ReleaseAllHandles(kFhTable);
