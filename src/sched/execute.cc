@@ -1,0 +1,157 @@
+// Chunk execution and root completion: see execute.h.
+
+#include "sched/execute.h"
+
+#include "api/operation.h"
+#include "api/records.h"
+#include "core/handletable.h"
+#include "debug/dump.h"
+#include "debug/trace.h"
+#include "sched/chunk_tree.h"
+
+namespace kest2 {
+namespace {
+
+int32_t Succeed(ChunkHeader*) { return ZUL_KEST_OK; }
+int32_t Unimplemented(ChunkHeader*) { return ZUL_KEST_ERROR_UNIMPLEMENTED; }
+
+struct BaseTable {
+  ChunkHandlerTable handlers;
+  BaseTable() {
+    for (ChunkHandler& handler : handlers) handler = Unimplemented;
+    handlers[CHUNK_NULL] = Succeed;
+    handlers[CHUNK_ROOT] = CompleteRoot;
+    handlers[CHUNK_CALLBACK] = RunCallbackChunk;
+  }
+};
+
+const BaseTable g_baseTable;
+
+// The opened mark is read under the chunk lock by the readiness test.
+void MarkOpened(uint32_t* mark) { __atomic_store_n(mark, 1u, __ATOMIC_RELEASE); }
+
+// Drops a handle's pending-I/O count by one when it is above 0.
+void DecrementPending(int32_t* pending, ChunkID id, const char* kind, const char* format) {
+  int32_t current = __atomic_load_n(pending, __ATOMIC_ACQUIRE);
+  while (current > 0) {
+    if (__atomic_compare_exchange_n(pending, &current, current - 1, false, __ATOMIC_ACQ_REL,
+                                    __ATOMIC_ACQUIRE)) {
+      KEST2_TRACE(kTraceChunk, kind, format, static_cast<int>(id), current - 1);
+      return;
+    }
+  }
+}
+
+void UpdateHandleBookkeeping(ChunkID id, const ChunkHeader* chunk) {
+  const uint32_t handle = GetChunkHandle(id);
+  switch (chunk->type) {
+    case CHUNK_DH_OPEN:
+      if (DirHandle* dir = Lookup<DirHandle>(kDhTable, handle)) MarkOpened(&dir->opened);
+      break;
+    case CHUNK_FH_OPEN:
+      if (FileHandle* file = Lookup<FileHandle>(kFhTable, handle)) MarkOpened(&file->opened);
+      break;
+    case CHUNK_FH_READ:
+    case CHUNK_FH_WRITE:
+    case CHUNK_FH_BARRIER:
+    case CHUNK_FH_SYNC:
+      if (FileHandle* file = Lookup<FileHandle>(kFhTable, handle))
+        DecrementPending(&file->m_pendingIO, id, "FH", "Chunk  %d decremented m_pendingIO = %d");
+      break;
+    case CHUNK_DH_READ:
+    case CHUNK_DH_READ_BULK:
+      if (DirHandle* dir = Lookup<DirHandle>(kDhTable, handle))
+        DecrementPending(&dir->m_pendingIO, id, "DH", "Chunk %d decremented m_pendingIO = %d");
+      break;
+    default:
+      break;
+  }
+}
+
+// Releases the operation's target handle from whichever table holds it.
+void ReleaseTarget(uint32_t handle) {
+  if (LookupHandle(kFhTable, handle) != nullptr) {
+    ReleaseHandle(kFhTable, handle);
+  } else if (LookupHandle(kDhTable, handle) != nullptr) {
+    ReleaseHandle(kDhTable, handle);
+  }
+}
+
+}  // namespace
+
+const ChunkHandlerTable& BaseHandlerTable() { return g_baseTable.handlers; }
+
+int32_t RunCallbackChunk(ChunkHeader* chunk) {
+  ChunkCallbackRecord* record = reinterpret_cast<ChunkCallbackRecord*>(chunk);
+  if (record->callback == nullptr) return ZUL_KEST_ERROR_UNIMPLEMENTED;
+  return record->callback(record, 1);
+}
+
+int32_t Execute(ChunkID id, const ChunkHandlerTable& table) {
+  ChunkHeader* chunk = ChunkAt(id);
+  const uint16_t flags = __atomic_load_n(&chunk->flags, __ATOMIC_ACQUIRE);
+  const uint8_t type = chunk->type;
+  char dump[kDumpBufferSize];
+  int32_t result = ZUL_KEST_OK;
+  if ((flags & kChunkCompleted) != 0) {
+    if (TraceEnabled(kTraceChunk))
+      TraceLine(kTraceChunk, "Execute", "completed: %s", DumpChunk(id, dump, sizeof(dump)));
+  } else if ((flags & kChunkCancelled) != 0 && type != CHUNK_ROOT && type != CHUNK_CALLBACK &&
+             type != CHUNK_FH_CLOSE) {
+    // Roots still finish their operation, callbacks still run and files are
+    // still closed; everything else of a cancelled tree is skipped.
+    if (TraceEnabled(kTraceChunk))
+      TraceLine(kTraceChunk, "Execute", "skipped/cancelled: %s", DumpChunk(id, dump, sizeof(dump)));
+  } else {
+    if (TraceEnabled(kTraceChunk))
+      TraceLine(kTraceChunk, "Execute", "starting: %s", DumpChunk(id, dump, sizeof(dump)));
+    result = type < kChunkTypeCount ? table[type](chunk) : ZUL_KEST_ERROR_UNIMPLEMENTED;
+    if (TraceEnabled(kTraceChunk)) {
+      TraceLine(kTraceChunk, "Execute", "finished: err=%d, %s", result,
+                DumpChunk(id, dump, sizeof(dump)));
+    }
+  }
+  UpdateHandleBookkeeping(id, chunk);
+  return result;
+}
+
+int32_t CompleteRoot(ChunkHeader* root) {
+  const uint32_t handle = reinterpret_cast<ChunkRootRecord*>(root)->op;
+  Operation* op = Lookup<Operation>(kOpTable, handle);
+  if (op == nullptr) {
+    zulKestPrintf("KEST2 unexpected NULL value for op pointer\n");
+    return ZUL_KEST_OK;
+  }
+  FileHandle* file = Lookup<FileHandle>(kFhTable, op->targetHandle);
+  if ((op->internalFlags & kOpUpdatesPosition) != 0 && file != nullptr) {
+    const bool movesPosition = op->what != OP_FH_PWRITEV;
+    if (op->err == ZUL_KEST_OK) {
+      const int64_t end = op->offset + op->actCount;
+      int64_t size = __atomic_load_n(&file->size, __ATOMIC_ACQUIRE);
+      while (end > size && !__atomic_compare_exchange_n(&file->size, &size, end, false,
+                                                         __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
+      }
+      if (movesPosition) __atomic_store_n(&file->offset, end, __ATOMIC_RELEASE);
+    } else if (movesPosition) {
+      const int64_t position = op->err == ZUL_KEST_ERROR_EOF
+                                   ? __atomic_load_n(&file->size, __ATOMIC_ACQUIRE)
+                                   : -1;
+      __atomic_store_n(&file->offset, position, __ATOMIC_RELEASE);
+    }
+  }
+  if ((op->internalFlags & kOpTemporaryHandle) != 0 ||
+      ((op->internalFlags & kOpOwnsNewHandle) != 0 && op->err != ZUL_KEST_OK)) {
+    ReleaseTarget(op->targetHandle);
+  }
+  if (op->err == ZUL_KEST_OK) {
+    OpCompleteOk(op);
+  } else {
+    // The handle is already released above; completing as a failure must
+    // not release it a second time.
+    op->internalFlags &= static_cast<uint16_t>(~kOpOwnsNewHandle);
+    OpFail(op, op->err);
+  }
+  return ZUL_KEST_OK;
+}
+
+}  // namespace kest2

@@ -1,0 +1,43 @@
+// Chunk execution: the one place where a chunk's work is done.  A scheduler
+// thread (or a caller on the fast path) hands Execute a chunk and a handler
+// table; Execute runs the handler for the chunk's type and keeps the handles'
+// bookkeeping (opened marks, pending-I/O counts) straight.  Also the base
+// handler table of the callback scheduler, whose CHUNK_ROOT handler finishes
+// an operation.
+//
+// Thread-safety: Execute runs concurrently for different chunks and holds no
+// engine lock while a handler runs.
+#ifndef KEST2_SRC_SCHED_EXECUTE_H_
+#define KEST2_SRC_SCHED_EXECUTE_H_
+
+#include <cstdint>
+
+#include "sched/chunk.h"
+
+namespace kest2 {
+
+// A handler runs one chunk and answers 0, an error code, or
+// ZUL_KEST_ERROR_RETRY when the chunk is busy and must run again later.
+using ChunkHandler = int32_t (*)(ChunkHeader* chunk);
+using ChunkHandlerTable = ChunkHandler[kChunkTypeCount];
+
+// Runs the chunk's handler unless it has completed (or was cancelled and is
+// not a root, callback or close), then updates its handle's bookkeeping.
+int32_t Execute(ChunkID id, const ChunkHandlerTable& table);
+
+// The callback scheduler's table: CHUNK_NULL succeeds, CHUNK_ROOT finishes
+// the operation, CHUNK_CALLBACK calls its callback, the rest are
+// unimplemented there.
+const ChunkHandlerTable& BaseHandlerTable();
+
+// Finishes the root's operation: moves the file handle's size and position,
+// releases handles the operation owned, completes it (callback, waiters).
+// Always 0.
+int32_t CompleteRoot(ChunkHeader* root);
+
+// Calls a CHUNK_CALLBACK chunk's callback with event 1.
+int32_t RunCallbackChunk(ChunkHeader* chunk);
+
+}  // namespace kest2
+
+#endif  // KEST2_SRC_SCHED_EXECUTE_H_
