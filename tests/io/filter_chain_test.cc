@@ -2,6 +2,7 @@
 // dispatch, warnings, and filters added and removed while trees flow.
 
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -255,7 +256,11 @@ TEST_F(FilterChainTest, FiltersComeAndGoWhileTreesFlow) {
     filter.mode = i % 3 == 0 ? TestFilter::kAnswer : TestFilter::kWrapReads;
     ASSERT_EQ(zulKestIOFilterAdd(static_cast<int32_t>(i % 4), TestFilterFunction, &filter),
               ZUL_KEST_OK);
-    std::this_thread::yield();
+    // Let a few walks pass while the filter is installed.
+    const int target = walks.load() + 2;
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    while (walks.load() < target && std::chrono::steady_clock::now() < until)
+      std::this_thread::yield();
     ASSERT_EQ(zulKestIOFilterRemove(static_cast<int32_t>(i % 4)), ZUL_KEST_OK);
   }
   stop = true;
@@ -264,7 +269,7 @@ TEST_F(FilterChainTest, FiltersComeAndGoWhileTreesFlow) {
     EXPECT_EQ(filter.initializes.load(), 1);
     EXPECT_EQ(filter.terminates.load(), 1);
   }
-  EXPECT_GT(walks.load(), 0);
+  EXPECT_GE(walks.load(), 2 * static_cast<int>(filters.size()));
   EXPECT_EQ(PoolAllocatedCount(ChunkPool()), before);
 }
 
