@@ -16,8 +16,10 @@
 #include "debug/trace.h"
 #include "io/filter_chain.h"
 #include "io/native_dir_buffer.h"
+#include "io/native_handlers.h"
 #include "kest2.h"
 #include "sched/chunk_tree.h"
+#include "sched/execute.h"
 
 namespace kest2 {
 namespace {
@@ -151,6 +153,7 @@ extern "C" int32_t zulKestInitialize(const ZulKestParams* params) {
   }
   if (result == ZUL_KEST_OK) {
     InitializeNativeDirBuffer();
+    SetRootHandler(CompleteRoot);  // the native table finishes roots too
     __atomic_store_n(&g_KestParams.header, g_KestParams.header | 1u,
                      __ATOMIC_RELEASE);
     return ZUL_KEST_OK;

@@ -471,7 +471,7 @@ ChunkID CreateChunkTree(Operation* op, bool* finishedNow) {
     }
   }
   if (ChildrenAllCompleted(root)) {
-    CompleteRoot(ChunkAt(root));
+    CompleteRoot(root);
     DeallocateTree(root);
     *finishedNow = true;
     return CHUNKID_INVALID;

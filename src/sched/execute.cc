@@ -12,21 +12,6 @@
 namespace kest2 {
 namespace {
 
-int32_t Succeed(ChunkHeader*) { return ZUL_KEST_OK; }
-int32_t Unimplemented(ChunkHeader*) { return ZUL_KEST_ERROR_UNIMPLEMENTED; }
-
-struct BaseTable {
-  ChunkHandlerTable handlers;
-  BaseTable() {
-    for (ChunkHandler& handler : handlers) handler = Unimplemented;
-    handlers[CHUNK_NULL] = Succeed;
-    handlers[CHUNK_ROOT] = CompleteRoot;
-    handlers[CHUNK_CALLBACK] = RunCallbackChunk;
-  }
-};
-
-const BaseTable g_baseTable;
-
 // The opened mark is read under the chunk lock by the readiness test.
 void MarkOpened(uint32_t* mark) { __atomic_store_n(mark, 1u, __ATOMIC_RELEASE); }
 
@@ -79,15 +64,23 @@ void ReleaseTarget(uint32_t handle) {
 
 }  // namespace
 
-const ChunkHandlerTable& BaseHandlerTable() { return g_baseTable.handlers; }
-
-int32_t RunCallbackChunk(ChunkHeader* chunk) {
-  ChunkCallbackRecord* record = reinterpret_cast<ChunkCallbackRecord*>(chunk);
-  if (record->callback == nullptr) return ZUL_KEST_ERROR_UNIMPLEMENTED;
-  return record->callback(record, 1);
+int32_t ExecuteBase(ChunkID id) {
+  switch (ChunkAt(id)->type) {
+    case CHUNK_NULL:
+      return ZUL_KEST_OK;
+    case CHUNK_ROOT:
+      return CompleteRoot(id);
+    case CHUNK_CALLBACK: {
+      ChunkCallbackRecord* record = ChunkRecord<ChunkCallbackRecord>(id);
+      return record->callback != nullptr ? record->callback(record, 1)
+                                         : ZUL_KEST_ERROR_UNIMPLEMENTED;
+    }
+    default:
+      return ZUL_KEST_ERROR_UNIMPLEMENTED;
+  }
 }
 
-int32_t Execute(ChunkID id, const ChunkHandlerTable& table) {
+int32_t Execute(ChunkID id, ChunkRunner run) {
   ChunkHeader* chunk = ChunkAt(id);
   const uint16_t flags = __atomic_load_n(&chunk->flags, __ATOMIC_ACQUIRE);
   const uint8_t type = chunk->type;
@@ -105,7 +98,7 @@ int32_t Execute(ChunkID id, const ChunkHandlerTable& table) {
   } else {
     if (TraceEnabled(kTraceChunk))
       TraceLine(kTraceChunk, "Execute", "starting: %s", DumpChunk(id, dump, sizeof(dump)));
-    result = type < kChunkTypeCount ? table[type](chunk) : ZUL_KEST_ERROR_UNIMPLEMENTED;
+    result = run(id);
     if (TraceEnabled(kTraceChunk)) {
       TraceLine(kTraceChunk, "Execute", "finished: err=%d, %s", result,
                 DumpChunk(id, dump, sizeof(dump)));
@@ -115,8 +108,8 @@ int32_t Execute(ChunkID id, const ChunkHandlerTable& table) {
   return result;
 }
 
-int32_t CompleteRoot(ChunkHeader* root) {
-  const uint32_t handle = reinterpret_cast<ChunkRootRecord*>(root)->op;
+int32_t CompleteRoot(ChunkID root) {
+  const uint32_t handle = ChunkRecord<ChunkRootRecord>(root)->op;
   Operation* op = Lookup<Operation>(kOpTable, handle);
   if (op == nullptr) {
     zulKestPrintf("KEST2 unexpected NULL value for op pointer\n");

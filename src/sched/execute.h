@@ -16,27 +16,25 @@
 
 namespace kest2 {
 
-// A handler runs one chunk and answers 0, an error code, or
-// ZUL_KEST_ERROR_RETRY when the chunk is busy and must run again later.
-using ChunkHandler = int32_t (*)(ChunkHeader* chunk);
-using ChunkHandlerTable = ChunkHandler[kChunkTypeCount];
+// A handler table, as one function: runs one chunk by its type and answers
+// 0, an error code, or ZUL_KEST_ERROR_RETRY when the chunk is busy and must
+// run again later.  The I/O schedulers use the native layer's
+// (ExecuteNative), the callback scheduler ExecuteBase.
+using ChunkRunner = int32_t (*)(ChunkID id);
 
-// Runs the chunk's handler unless it has completed (or was cancelled and is
-// not a root, callback or close), then updates its handle's bookkeeping.
-int32_t Execute(ChunkID id, const ChunkHandlerTable& table);
+// Runs the chunk through run unless it has completed (or was cancelled and
+// is not a root, callback or close), then updates its handle's bookkeeping.
+int32_t Execute(ChunkID id, ChunkRunner run);
 
-// The callback scheduler's table: CHUNK_NULL succeeds, CHUNK_ROOT finishes
-// the operation, CHUNK_CALLBACK calls its callback, the rest are
+// The callback scheduler's handlers: CHUNK_NULL succeeds, CHUNK_ROOT
+// finishes the operation, CHUNK_CALLBACK calls its callback, the rest are
 // unimplemented there.
-const ChunkHandlerTable& BaseHandlerTable();
+int32_t ExecuteBase(ChunkID id);
 
 // Finishes the root's operation: moves the file handle's size and position,
 // releases handles the operation owned, completes it (callback, waiters).
 // Always 0.
-int32_t CompleteRoot(ChunkHeader* root);
-
-// Calls a CHUNK_CALLBACK chunk's callback with event 1.
-int32_t RunCallbackChunk(ChunkHeader* chunk);
+int32_t CompleteRoot(ChunkID root);
 
 }  // namespace kest2
 

@@ -20,18 +20,11 @@ namespace {
 using namespace kest2;
 
 std::atomic<int> g_handled{0};
-int32_t CountingHandler(ChunkHeader*) {
+int32_t CountingHandler(ChunkID) {
   ++g_handled;
   return ZUL_KEST_OK;
 }
-int32_t FailingHandler(ChunkHeader*) { return ZUL_KEST_ERROR_ACCESS; }
-
-struct CountingTable {
-  ChunkHandlerTable handlers;
-  explicit CountingTable(ChunkHandler handler) {
-    for (ChunkHandler& h : handlers) h = handler;
-  }
-};
+int32_t FailingHandler(ChunkID) { return ZUL_KEST_ERROR_ACCESS; }
 
 class ExecuteTest : public ::testing::Test {
  protected:
@@ -85,17 +78,16 @@ TEST_F(ExecuteTest, CancelledReadIsSkippedButCountedAndTheCloseStillRuns) {
   ChunkAt(read)->flags |= kChunkScheduled | kChunkCancelled;
   EXPECT_EQ(Lookup<FileHandle>(kFhTable, fh)->m_pendingIO, 1);
 
-  CountingTable table(CountingHandler);
-  EXPECT_EQ(Execute(read, table.handlers), ZUL_KEST_OK);
+  EXPECT_EQ(Execute(read, CountingHandler), ZUL_KEST_OK);
   EXPECT_EQ(g_handled.load(), 0);  // not performed
   EXPECT_EQ(Lookup<FileHandle>(kFhTable, fh)->m_pendingIO, 0);
   CompleteChunk(read, ZUL_KEST_OK);
   EXPECT_TRUE(DeferChunk(close, false));
-  EXPECT_EQ(Execute(close, table.handlers), ZUL_KEST_OK);
+  EXPECT_EQ(Execute(close, CountingHandler), ZUL_KEST_OK);
   EXPECT_EQ(g_handled.load(), 1);  // closes run even when cancelled
   // A completed chunk never runs again.
   CompleteChunk(close, ZUL_KEST_OK);
-  EXPECT_EQ(Execute(close, table.handlers), ZUL_KEST_OK);
+  EXPECT_EQ(Execute(close, CountingHandler), ZUL_KEST_OK);
   EXPECT_EQ(g_handled.load(), 1);
   DeallocateTree(close);
 }
@@ -105,8 +97,7 @@ TEST_F(ExecuteTest, FailedOpenStillMarksTheHandleOpened) {
   const ChunkID open = AllocateChunk(CHUNK_FH_OPEN);
   ChunkRecord<ChunkFhOpenRecord>(open)->h = fh;
   ChunkAt(open)->flags |= kChunkScheduled;
-  CountingTable table(FailingHandler);
-  EXPECT_EQ(Execute(open, table.handlers), ZUL_KEST_ERROR_ACCESS);
+  EXPECT_EQ(Execute(open, FailingHandler), ZUL_KEST_ERROR_ACCESS);
   EXPECT_EQ(Lookup<FileHandle>(kFhTable, fh)->opened, 1u);
   DeallocateChunk(open);
 }
@@ -135,7 +126,7 @@ TEST_F(ExecuteTest, RootCompletionMovesPositionAndSize) {
     op->actCount = 100;
     op->err = c.err;
     const ZulKestOp h = op->h;
-    EXPECT_EQ(Execute(root, BaseHandlerTable()), ZUL_KEST_OK);
+    EXPECT_EQ(Execute(root, ExecuteBase), ZUL_KEST_OK);
     EXPECT_EQ(zulKestOpGetError(h), c.err);
     EXPECT_EQ(Lookup<FileHandle>(kFhTable, fh)->offset, c.expectedPosition);
     EXPECT_EQ(zulKestFHGetSize(fh), c.expectedSize);
@@ -152,7 +143,7 @@ TEST_F(ExecuteTest, RootCompletionReleasesOwnedHandles) {
   ChunkID root = NewRoot(OP_FH_OPEN, kept, &op);
   op->internalFlags = kOpOwnsNewHandle;
   ZulKestOp h = op->h;
-  Execute(root, BaseHandlerTable());
+  Execute(root, ExecuteBase);
   EXPECT_NE(LookupHandle(kFhTable, kept), nullptr);
   EXPECT_EQ(zulKestOpSyncWait(h), ZUL_KEST_OK);
   DeallocateTree(root);
@@ -163,7 +154,7 @@ TEST_F(ExecuteTest, RootCompletionReleasesOwnedHandles) {
   op->err = ZUL_KEST_ERROR_BAD_PATH;
   h = op->h;
   kest2_test::OutputCapture out;
-  Execute(root, BaseHandlerTable());
+  Execute(root, ExecuteBase);
   EXPECT_EQ(LookupHandle(kFhTable, failed), nullptr);
   EXPECT_EQ(zulKestOpSyncWait(h), ZUL_KEST_ERROR_BAD_PATH);
   EXPECT_EQ(out.text(), "");  // no report of a second release
@@ -173,7 +164,7 @@ TEST_F(ExecuteTest, RootCompletionReleasesOwnedHandles) {
   root = NewRoot(OP_PATH_READ, temporary, &op);
   op->internalFlags = kOpTemporaryHandle;
   h = op->h;
-  Execute(root, BaseHandlerTable());
+  Execute(root, ExecuteBase);
   EXPECT_EQ(LookupHandle(kFhTable, temporary), nullptr);
   zulKestOpDelete(h);
   DeallocateTree(root);
@@ -186,7 +177,7 @@ TEST_F(ExecuteTest, CancelledRootStillCompletesItsOperation) {
   op->err = ZUL_KEST_ERROR_CANCELLED;
   ChunkAt(root)->flags |= kChunkCancelled;
   const ZulKestOp h = op->h;
-  Execute(root, BaseHandlerTable());
+  Execute(root, ExecuteBase);
   EXPECT_EQ(zulKestOpGetError(h), ZUL_KEST_ERROR_CANCELLED);
   zulKestOpDelete(h);
   DeallocateTree(root);
@@ -196,7 +187,7 @@ TEST_F(ExecuteTest, MissingOperationIsReported) {
   const ChunkID root = AllocateChunk(CHUNK_ROOT);
   ChunkRecord<ChunkRootRecord>(root)->op = 0x00014123;
   kest2_test::OutputCapture out;
-  EXPECT_EQ(Execute(root, BaseHandlerTable()), ZUL_KEST_OK);
+  EXPECT_EQ(Execute(root, ExecuteBase), ZUL_KEST_OK);
   EXPECT_EQ(out.text(), "KEST2 unexpected NULL value for op pointer\n");
   DeallocateChunk(root);
 }
@@ -205,7 +196,7 @@ TEST_F(ExecuteTest, TraceLinesAroundAHandler) {
   const ChunkID null = AllocateChunk(CHUNK_NULL);
   g_KestParams.debugFlags = kTraceChunk;
   kest2_test::OutputCapture out;
-  EXPECT_EQ(Execute(null, BaseHandlerTable()), ZUL_KEST_OK);
+  EXPECT_EQ(Execute(null, ExecuteBase), ZUL_KEST_OK);
   const std::string text = out.text();
   EXPECT_NE(text.find(" Execute         starting: chunk "), std::string::npos) << text;
   EXPECT_NE(text.find(" Execute         finished: err=0, chunk "), std::string::npos) << text;
