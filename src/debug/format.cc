@@ -71,7 +71,7 @@ class Sink {
 };
 
 // One conversion's flags, width and precision.
-struct Spec {
+struct Directive {
   bool left = false;
   bool plus = false;
   bool space = false;
@@ -93,22 +93,22 @@ int ReadNumber(const char** f) {
 }
 
 // Writes text with width padding; the "0" flag does not apply to text.
-void PutText(Sink* sink, const Spec& spec, const char* text, size_t length) {
-  const size_t padding = spec.width > length ? spec.width - length : 0;
-  if (!spec.left) sink->Repeat(' ', padding);
+void PutText(Sink* sink, const Directive& directive, const char* text, size_t length) {
+  const size_t padding = directive.width > length ? directive.width - length : 0;
+  if (!directive.left) sink->Repeat(' ', padding);
   sink->Write(text, length);
-  if (spec.left) sink->Repeat(' ', padding);
+  if (directive.left) sink->Repeat(' ', padding);
 }
 
 // Writes an integer given as sign and magnitude, laid out as
 // [spaces] [sign or 0x prefix] [zeros] digits [spaces].
-void PutInteger(Sink* sink, const Spec& spec, uint64_t magnitude, bool negative, bool isSigned,
+void PutInteger(Sink* sink, const Directive& directive, uint64_t magnitude, bool negative, bool isSigned,
                 unsigned base, bool upper) {
   char digits[24];  // 22 octal digits cover 64 bits
   size_t count = 0;
   const char* set = upper ? kUpperDigits : kLowerDigits;
   // Precision 0 with value 0 prints no digits at all.
-  if (!(magnitude == 0 && spec.precision == 0)) {
+  if (!(magnitude == 0 && directive.precision == 0)) {
     uint64_t v = magnitude;
     do {
       digits[count++] = set[v % base];
@@ -120,33 +120,33 @@ void PutInteger(Sink* sink, const Spec& spec, uint64_t magnitude, bool negative,
   if (isSigned) {
     if (negative) {
       prefix[prefixLength++] = '-';
-    } else if (spec.plus) {
+    } else if (directive.plus) {
       prefix[prefixLength++] = '+';
-    } else if (spec.space) {
+    } else if (directive.space) {
       prefix[prefixLength++] = ' ';
     }
-  } else if (spec.alternate && magnitude != 0 && base == 16) {
+  } else if (directive.alternate && magnitude != 0 && base == 16) {
     prefix[prefixLength++] = '0';
     prefix[prefixLength++] = upper ? 'X' : 'x';
   }
-  const size_t precision = spec.precision < 0 ? 0 : static_cast<size_t>(spec.precision);
+  const size_t precision = directive.precision < 0 ? 0 : static_cast<size_t>(directive.precision);
   size_t zeros = precision > count ? precision - count : 0;
   // Octal alternate form: the first digit must be a zero.  Extra precision
   // zeros already provide it.
-  if (spec.alternate && base == 8 && magnitude != 0 && zeros == 0) zeros = 1;
+  if (directive.alternate && base == 8 && magnitude != 0 && zeros == 0) zeros = 1;
   size_t length = prefixLength + zeros + count;
   // Zero padding fills the width between prefix and digits, unless the
   // field is left-justified or a precision fixes the digit count.
-  if (spec.zero && !spec.left && spec.precision < 0 && spec.width > length) {
-    zeros += spec.width - length;
-    length = spec.width;
+  if (directive.zero && !directive.left && directive.precision < 0 && directive.width > length) {
+    zeros += directive.width - length;
+    length = directive.width;
   }
-  const size_t padding = spec.width > length ? spec.width - length : 0;
-  if (!spec.left) sink->Repeat(' ', padding);
+  const size_t padding = directive.width > length ? directive.width - length : 0;
+  if (!directive.left) sink->Repeat(' ', padding);
   sink->Write(prefix, prefixLength);
   sink->Repeat('0', zeros);
   for (size_t i = count; i > 0; --i) sink->Put(digits[i - 1]);
-  if (spec.left) sink->Repeat(' ', padding);
+  if (directive.left) sink->Repeat(' ', padding);
 }
 
 void FormatInto(Sink* sink, const char* format, va_list args) {
@@ -157,18 +157,18 @@ void FormatInto(Sink* sink, const char* format, va_list args) {
       continue;
     }
     ++f;
-    Spec spec;
+    Directive directive;
     for (;; ++f) {
       if (*f == '-') {
-        spec.left = true;
+        directive.left = true;
       } else if (*f == '+') {
-        spec.plus = true;
+        directive.plus = true;
       } else if (*f == ' ') {
-        spec.space = true;
+        directive.space = true;
       } else if (*f == '#') {
-        spec.alternate = true;
+        directive.alternate = true;
       } else if (*f == '0') {
-        spec.zero = true;
+        directive.zero = true;
       } else {
         break;
       }
@@ -178,23 +178,23 @@ void FormatInto(Sink* sink, const char* format, va_list args) {
       if (width < 0) {
         // A negative width argument is a "-" flag and its absolute value;
         // computed unsigned so INT_MIN does not overflow.
-        spec.left = true;
-        spec.width = static_cast<size_t>(0u - static_cast<unsigned>(width));
+        directive.left = true;
+        directive.width = static_cast<size_t>(0u - static_cast<unsigned>(width));
       } else {
-        spec.width = static_cast<size_t>(width);
+        directive.width = static_cast<size_t>(width);
       }
       ++f;
     } else {
-      spec.width = static_cast<size_t>(ReadNumber(&f));
+      directive.width = static_cast<size_t>(ReadNumber(&f));
     }
     if (*f == '.') {
       ++f;
       if (*f == '*') {
         const int precision = va_arg(args, int);
-        spec.precision = precision < 0 ? -1 : precision;
+        directive.precision = precision < 0 ? -1 : precision;
         ++f;
       } else {
-        spec.precision = ReadNumber(&f);  // "." alone means precision 0
+        directive.precision = ReadNumber(&f);  // "." alone means precision 0
       }
     }
     // "l" and "ll" both mean a 64-bit argument; further "l"s are skipped.
@@ -215,7 +215,7 @@ void FormatInto(Sink* sink, const char* format, va_list args) {
         // Negated as unsigned: INT64_MIN has no positive int64_t.
         const uint64_t magnitude =
             negative ? uint64_t{0} - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
-        PutInteger(sink, spec, magnitude, negative, true, 10, false);
+        PutInteger(sink, directive, magnitude, negative, true, 10, false);
         break;
       }
       case 'u':
@@ -225,18 +225,18 @@ void FormatInto(Sink* sink, const char* format, va_list args) {
         const uint64_t value = longs != 0 ? static_cast<uint64_t>(va_arg(args, unsigned long long))
                                           : static_cast<uint64_t>(va_arg(args, unsigned int));
         const unsigned base = conversion == 'u' ? 10 : conversion == 'o' ? 8 : 16;
-        PutInteger(sink, spec, value, false, false, base, conversion == 'X');
+        PutInteger(sink, directive, value, false, false, base, conversion == 'X');
         break;
       }
       case 'p': {
         const uint64_t value = reinterpret_cast<uintptr_t>(va_arg(args, void*));
-        spec.alternate = true;
-        PutInteger(sink, spec, value, false, false, 16, false);
+        directive.alternate = true;
+        PutInteger(sink, directive, value, false, false, 16, false);
         break;
       }
       case 'c': {
         const char c = static_cast<char>(va_arg(args, int));
-        PutText(sink, spec, &c, 1);
+        PutText(sink, directive, &c, 1);
         break;
       }
       case 's': {
@@ -245,13 +245,13 @@ void FormatInto(Sink* sink, const char* format, va_list args) {
         // Never reads past the precision: the text need not be terminated
         // within it.
         size_t length = 0;
-        if (spec.precision < 0) {
+        if (directive.precision < 0) {
           length = StringLength(s);
         } else {
-          const size_t limit = static_cast<size_t>(spec.precision);
+          const size_t limit = static_cast<size_t>(directive.precision);
           while (length < limit && s[length] != 0) ++length;
         }
-        PutText(sink, spec, s, length);
+        PutText(sink, directive, s, length);
         break;
       }
       case '%':
@@ -269,7 +269,7 @@ void FormatInto(Sink* sink, const char* format, va_list args) {
         // the following conversions stay aligned with theirs.  The precision
         // would be a digit count, so it does not cut the marker.
         (void)va_arg(args, double);
-        PutText(sink, spec, "UNSUP", 5);
+        PutText(sink, directive, "UNSUP", 5);
         break;
       default:
         break;  // unknown conversions are dropped and take no argument
