@@ -843,6 +843,30 @@ bool AllChildrenCompleted(ChunkID id) {
   return AllChildrenCompletedLocked(id);
 }
 
+namespace {
+
+// The handle part of the readiness test: the handle's open has executed
+// and, for a close, no prepared I/O is still outstanding on it.  An unknown
+// handle never holds a chunk back (the caller checks that).
+bool HandleAllowsRun(ChunkID id, const uint32_t* opened, const int32_t* pending, bool isClose,
+                     const char* kind) {
+  if (__atomic_load_n(opened, __ATOMIC_ACQUIRE) == 0) {
+    KEST2_TRACE(kTraceChunk, "Defer", "%s not open yet: %s", kind, DumpChunk(id, nullptr, 0));
+    return false;
+  }
+  if (isClose) {
+    const int32_t outstanding = __atomic_load_n(pending, __ATOMIC_ACQUIRE);
+    if (outstanding > 0) {
+      KEST2_TRACE(kTraceChunk, "Defer", "%d pending I/Os: %s", outstanding,
+                  DumpChunk(id, nullptr, 0));
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
 bool DeferChunk(ChunkID id, bool force) {
   if (id == CHUNKID_INVALID) return false;
   ChunkLocker lock;
@@ -855,40 +879,16 @@ bool DeferChunk(ChunkID id, bool force) {
     case CHUNK_FH_BARRIER:
     case CHUNK_FH_SYNC:
     case CHUNK_FH_CLOSE: {
-      FileHandle* fh = Lookup<FileHandle>(kFhTable, HandleOf(chunk));
-      if (fh == nullptr) return true;
-      if (__atomic_load_n(&fh->opened, __ATOMIC_ACQUIRE) == 0) {
-        KEST2_TRACE(kTraceChunk, "Defer", "file not open yet: %s", DumpChunk(id, nullptr, 0));
-        return false;
-      }
-      if (chunk->type == CHUNK_FH_CLOSE) {
-        const int32_t pending = __atomic_load_n(&fh->m_pendingIO, __ATOMIC_ACQUIRE);
-        if (pending > 0) {
-          KEST2_TRACE(kTraceChunk, "Defer", "%d pending I/Os: %s", pending,
-                      DumpChunk(id, nullptr, 0));
-          return false;
-        }
-      }
-      return true;
+      const FileHandle* fh = Lookup<FileHandle>(kFhTable, HandleOf(chunk));
+      return fh == nullptr || HandleAllowsRun(id, &fh->opened, &fh->m_pendingIO,
+                                              chunk->type == CHUNK_FH_CLOSE, "file");
     }
     case CHUNK_DH_READ:
     case CHUNK_DH_READ_BULK:
     case CHUNK_DH_CLOSE: {
-      DirHandle* dh = Lookup<DirHandle>(kDhTable, HandleOf(chunk));
-      if (dh == nullptr) return true;
-      if (__atomic_load_n(&dh->opened, __ATOMIC_ACQUIRE) == 0) {
-        KEST2_TRACE(kTraceChunk, "Defer", "dir not open yet: %s", DumpChunk(id, nullptr, 0));
-        return false;
-      }
-      if (chunk->type == CHUNK_DH_CLOSE) {
-        const int32_t pending = __atomic_load_n(&dh->m_pendingIO, __ATOMIC_ACQUIRE);
-        if (pending > 0) {
-          KEST2_TRACE(kTraceChunk, "Defer", "%d pending I/Os: %s", pending,
-                      DumpChunk(id, nullptr, 0));
-          return false;
-        }
-      }
-      return true;
+      const DirHandle* dh = Lookup<DirHandle>(kDhTable, HandleOf(chunk));
+      return dh == nullptr || HandleAllowsRun(id, &dh->opened, &dh->m_pendingIO,
+                                              chunk->type == CHUNK_DH_CLOSE, "dir");
     }
     default:
       return true;
