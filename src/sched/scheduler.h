@@ -1,0 +1,114 @@
+// A scheduler: one queue of chunks, kept in the order that misses the fewest
+// deadlines, and the threads that run them.
+//
+// There is one scheduler for operation roots and callback chunks and one or
+// two for file-system chunks.  The queue is a fixed ring of chunk ids inside
+// the record: logical index i (0 = front) lives at physical slot
+// (queuePosition + i) mod kQueueSize; vacated slots hold 0 (the global
+// root, which is never queued).  A new file-system chunk is placed by
+// simulating the queue with a time model (per-type duration estimates and
+// seek costs between media positions) and choosing the place with the
+// fewest missed deadlines, then the earliest finish.
+//
+// Thread-safety: every field below the mutex is guarded by it.  Lock order:
+// scheduler mutex, then chunk lock; no thread holds two scheduler mutexes.
+#ifndef KEST2_SRC_SCHED_SCHEDULER_H_
+#define KEST2_SRC_SCHED_SCHEDULER_H_
+
+#include <cstdint>
+
+#include "core/platform.h"
+#include "core/stored_path.h"
+#include "sched/chunk.h"
+#include "sched/execute.h"
+
+namespace kest2 {
+
+constexpr uint64_t kQueueSize = 8192;
+// The queue is full above this count, so it holds at most 8191 entries.
+constexpr uint64_t kQueueFullCount = 8190;
+constexpr int kMaxSchedulerThreads = 3;
+
+// Lateness of a chunk that meets its deadline: below every priority.
+constexpr int32_t kOnTime = -129;
+
+struct Scheduler;
+using MatchPathFunction = bool (*)(const Scheduler* scheduler, const StoredPath* path,
+                                   int64_t offset, int64_t length);
+
+struct Scheduler {
+  int32_t threadCount;
+  Scheduler* next;  // next in the global list
+  HybPlatformMutex mutex;       // "ZulKestScheduler"
+  HybPlatformCond wakeup;       // "ZulKestSchedulerWakeup"
+  HybPlatformCond queueFull;    // "ZulKestSchedulerQueueFull"
+  HybPlatformThreadStart threads[kMaxSchedulerThreads];
+  const char* pathPrefix;       // "" or "/"
+  uint64_t prefixLength;
+  ChunkID queue[kQueueSize];
+  uint64_t queuePosition;       // physical slot of the front
+  uint64_t m_queueCount;
+  uint64_t queueHighWater;
+  uint64_t m_busySkip;          // leading entries known blocked or busy
+  int32_t kickCount;
+  uint64_t busyCount;
+  uint64_t takePosition;
+  uint64_t removeHint;
+  int32_t activeThreads;        // chunks executing for this scheduler
+  bool initialized;
+  bool shuttingDown;
+  MatchPathFunction matchPath;
+  ChunkRunner run;              // the handler table
+  int32_t lastHandle;           // position key of the chunk last started
+  int64_t lastEnd;
+  ZulKestTime runningFinish;    // estimated finish of that chunk, 0 idle
+  ZulKestTime typeEstimate[kChunkTypeCount];  // positioned: per 64 KiB
+  ZulKestTime seekEstimate[2];  // far seek; per 64 KiB of distance
+};
+
+// Sets the time model to its initial estimates and empties the queue.
+void ResetSchedulerModel(Scheduler* scheduler);
+
+// --- The ring (REQUIRES: scheduler mutex held) -----------------------------
+
+ChunkID QueueAt(const Scheduler* scheduler, uint64_t index);
+// Moves logical entries start .. start+length-1 by shift places.
+void ShiftQueue(Scheduler* scheduler, uint64_t start, uint64_t length, int64_t shift);
+// Inserts at logical index, keeping the bookkeeping indexes in step.
+void InsertIntoQueue(Scheduler* scheduler, uint64_t index, ChunkID id);
+// Removes the entry at logical index; signals the queue-full condition when
+// the count has just dropped to the full threshold.
+void RemoveFromQueue(Scheduler* scheduler, uint64_t index);
+// Traces the queue's occupied slots under "sched".
+void PrintQueue(const Scheduler* scheduler);
+
+// --- Placement (REQUIRES: scheduler mutex held) ----------------------------
+
+// A positioned chunk's place on the media, for seek ordering.
+struct PositionKey {
+  int64_t handle;    // -2 once the media position is known, else the file handle
+  int64_t position;  // media position, or the file offset
+};
+
+// The state of a simulated run of the queue.
+struct EstimateState {
+  ZulKestTime clock;
+  PositionKey head;  // where the last positioned chunk ended
+  uint32_t misses;
+  uint32_t laterHigher;
+  uint32_t laterEqual;
+};
+
+// Computes and stores a positioned chunk's media position.
+void ComputeChunkPosition(ChunkID id);
+PositionKey ChunkPositionKey(ChunkID id);
+// Advances the simulation by one chunk; returns its lateness (its priority
+// when it misses its deadline, kOnTime otherwise).
+int32_t EstimateStep(const Scheduler* scheduler, ChunkID id, int32_t referenceLateness,
+                     EstimateState* state);
+// The queue index at which the chunk misses the fewest deadlines.
+uint64_t FindInsertPosition(Scheduler* scheduler, ChunkID id);
+
+}  // namespace kest2
+
+#endif  // KEST2_SRC_SCHED_SCHEDULER_H_

@@ -1,0 +1,165 @@
+// Queue placement on hand-built queues: the stream shortcut, deadline
+// order, the protection of chunks already late, and the ring itself
+// against a simple model.
+
+#include <deque>
+#include <memory>
+#include <random>
+
+#include <gtest/gtest.h>
+
+#include "core/handletable.h"
+#include "kest2.h"
+#include "sched/chunk_tree.h"
+#include "sched/scheduler.h"
+#include "test_support.h"
+
+namespace {
+
+using namespace kest2;
+
+constexpr ZulKestTime kBase = 1000000000000LL;  // the simulated "now"
+constexpr ZulKestTime kMs = 1000000;
+constexpr int64_t k64K = 65536;
+
+class InsertPositionTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ZulKestParams params = kest2_test::MakeParams(&storage_, 8, 8, 4, 1024, 4096);
+    ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
+    scheduler_.reset(new Scheduler{});
+    MutexInitialize(&scheduler_->mutex, 0, "ZulKestScheduler");
+    CondInitialize(&scheduler_->queueFull, &scheduler_->mutex, "ZulKestSchedulerQueueFull");
+    ResetSchedulerModel(scheduler_.get());
+    scheduler_->runningFinish = kBase;  // a fixed clock for the simulation
+    MutexLock(&scheduler_->mutex);
+  }
+  void TearDown() override {
+    MutexUnlock(&scheduler_->mutex);
+    CondDestroy(&scheduler_->queueFull);
+    MutexDestroy(&scheduler_->mutex);
+    kest2_test::OutputCapture quiet;  // the hand-built chunks are left to the storage
+    zulKestTerminate();
+  }
+
+  // A prepared, positioned read of `length` bytes at media `position`.
+  ChunkID Read(int64_t position, int64_t length, ZulKestTime deadline, int8_t priority = 0,
+               uint32_t handle = 7) {
+    const ChunkID id = AllocateChunk(CHUNK_FH_READ);
+    auto* io = ChunkRecord<ChunkFhIoRecord>(id);
+    io->h = handle;
+    io->offset = position;
+    io->position = position;
+    io->reqCount = length;
+    io->header.flags |= kChunkPositioned;
+    io->header.deadline = deadline;
+    io->header.priority = priority;
+    return id;
+  }
+
+  void Queue(std::initializer_list<ChunkID> ids) {
+    for (ChunkID id : ids) InsertIntoQueue(scheduler_.get(), scheduler_->m_queueCount, id);
+  }
+
+  uint64_t Place(ChunkID id) { return FindInsertPosition(scheduler_.get(), id); }
+
+  kest2_test::TestStorage storage_;
+  std::unique_ptr<Scheduler> scheduler_;
+};
+
+TEST_F(InsertPositionTest, SequentialPiecesAreAppendedWithoutSimulation) {
+  Queue({Read(0, k64K, kBase + 1000 * kMs), Read(10 * k64K, k64K, kBase + 1000 * kMs)});
+  // Continues the last queued read within 32 KiB: appended.
+  const ChunkID next = Read(11 * k64K + 100, k64K, kBase + 1000 * kMs);
+  EXPECT_EQ(Place(next), 2u);
+  // With another priority it goes through the model, which puts a tight
+  // deadline first.
+  const ChunkID urgent = Read(11 * k64K, k64K, kBase + 8 * kMs, 1);
+  EXPECT_EQ(Place(urgent), 0u);
+}
+
+TEST_F(InsertPositionTest, EarlierDeadlineGoesBeforeTheEntriesItWouldMakeLate) {
+  // Three reads of another stream, all easily on time.
+  Queue({Read(100 * k64K, k64K, kBase + 500 * kMs), Read(101 * k64K, k64K, kBase + 500 * kMs),
+         Read(102 * k64K, k64K, kBase + 500 * kMs)});
+  // Due in 8 ms: only the front makes it (one far seek and one read: 7.25 ms).
+  const ChunkID tight = Read(0, k64K, kBase + 8 * kMs);
+  EXPECT_EQ(Place(tight), 0u);
+}
+
+TEST_F(InsertPositionTest, NewChunksNeverPushOthersPastTheirDeadline) {
+  // Two reads due just in time one after the other.
+  Queue({Read(0, k64K, kBase + 8 * kMs), Read(k64K, k64K, kBase + 14 * kMs)});
+  // A relaxed read of another file must not go before either of them.
+  const ChunkID relaxed = Read(200 * k64K, k64K, kBase + 1000 * kMs);
+  EXPECT_EQ(Place(relaxed), 2u);
+}
+
+TEST_F(InsertPositionTest, AChunkAlreadyLateIsNotOvertakenByALowerPriority) {
+  Queue({Read(0, k64K, kBase - kMs, /*priority=*/5)});
+  const ChunkID lower = Read(200 * k64K, k64K, kBase + 1000 * kMs, 0);
+  EXPECT_EQ(Place(lower), 1u);
+  const ChunkID lateLower = Read(200 * k64K, k64K, kBase - kMs, 2);
+  EXPECT_EQ(Place(lateLower), 1u);  // late too, but with a lower priority
+}
+
+TEST_F(InsertPositionTest, NeighboursOnTheMediaAreGroupedWhenDeadlinesAllow) {
+  // Reads of two distant regions, interleaved; a new read that continues
+  // the first region's first read fits next to it and saves the most seeking.
+  Queue({Read(0, k64K, kBase + 1000 * kMs), Read(100 * k64K, k64K, kBase + 1000 * kMs),
+         Read(2 * k64K, k64K, kBase + 1000 * kMs), Read(101 * k64K, k64K, kBase + 1000 * kMs)});
+  const ChunkID neighbour = Read(k64K, k64K, kBase + 1000 * kMs, 0, 8);
+  EXPECT_EQ(Place(neighbour), 1u);
+}
+
+TEST_F(InsertPositionTest, NoDeadlineMeansThreeHundredSeconds) {
+  const ChunkID id = Read(0, k64K, 0);
+  const ZulKestTime before = zulKestTimeGetCurrent();
+  EXPECT_EQ(Place(id), 0u);  // empty queue
+  EXPECT_GE(ChunkAt(id)->deadline, before + 300000 * kMs);
+}
+
+TEST_F(InsertPositionTest, InsertingAtTheFrontWrapsThePosition) {
+  Scheduler* s = scheduler_.get();
+  InsertIntoQueue(s, 0, 11);
+  EXPECT_EQ(s->queuePosition, 0u);
+  InsertIntoQueue(s, 0, 12);
+  EXPECT_EQ(s->queuePosition, kQueueSize - 1);
+  EXPECT_EQ(QueueAt(s, 0), 12);
+  EXPECT_EQ(QueueAt(s, 1), 11);
+  EXPECT_EQ(s->queueHighWater, 2u);
+  RemoveFromQueue(s, 1);
+  EXPECT_EQ(s->m_queueCount, 1u);
+  EXPECT_EQ(QueueAt(s, 0), 12);
+  EXPECT_EQ(s->queuePosition, 0u);
+}
+
+TEST_F(InsertPositionTest, RingMatchesADequeAcrossTheWrap) {
+  Scheduler* s = scheduler_.get();
+  s->queuePosition = kQueueSize - 40;  // start close to the wrap
+  std::deque<ChunkID> model;
+  const unsigned seed = std::random_device{}();
+  std::mt19937 rng(seed);
+  for (int step = 0; step < 20000; ++step) {
+    const bool insert = model.empty() || (model.size() < 300 && rng() % 2 == 0);
+    if (insert) {
+      const uint64_t at = rng() % (model.size() + 1);
+      const ChunkID id = static_cast<ChunkID>(1 + rng() % 60000);
+      InsertIntoQueue(s, at, id);
+      model.insert(model.begin() + static_cast<long>(at), id);
+    } else {
+      const uint64_t at = rng() % model.size();
+      RemoveFromQueue(s, at);
+      model.erase(model.begin() + static_cast<long>(at));
+    }
+    ASSERT_EQ(s->m_queueCount, model.size()) << "seed " << seed;
+    for (uint64_t i = 0; i < model.size(); ++i)
+      ASSERT_EQ(QueueAt(s, i), model[i]) << "seed " << seed << " step " << step;
+  }
+  // Vacated slots hold 0: exactly the live entries are non-zero.
+  uint64_t nonZero = 0;
+  for (ChunkID slot : s->queue) nonZero += slot != 0;
+  EXPECT_EQ(nonZero, model.size());
+}
+
+}  // namespace
