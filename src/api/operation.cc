@@ -23,16 +23,6 @@ char* DumpOp(const Operation* op, char* buffer, size_t size) {
 // The live operation named by handle, or null.
 Operation* LiveOp(uint32_t handle) { return Lookup<Operation>(kOpTable, handle); }
 
-// Releases a handle that the request created for the operation, from
-// whichever table it lives in.
-void ReleaseOwnedHandle(uint32_t handle) {
-  if (LookupHandle(kFhTable, handle) != nullptr) {
-    ReleaseHandle(kFhTable, handle);
-  } else if (LookupHandle(kDhTable, handle) != nullptr) {
-    ReleaseHandle(kDhTable, handle);
-  }
-}
-
 // The common part of OpWait and OpWaitUntil.  REQUIRES: op live.
 // deadline < 0 waits without limit.
 int32_t WaitCommon(Operation* op, ZulKestTime deadline, const char* function) {
@@ -106,9 +96,17 @@ Operation* OpCreate(const ZulKestOpAttr* attr, uint16_t type) {
 
 bool OpFinished(const Operation* op) { return OpFinishedForThisThread(op); }
 
+void OpReleaseTarget(uint32_t handle) {
+  if (LookupHandle(kFhTable, handle) != nullptr) {
+    ReleaseHandle(kFhTable, handle);
+  } else if (LookupHandle(kDhTable, handle) != nullptr) {
+    ReleaseHandle(kDhTable, handle);
+  }
+}
+
 uint32_t OpFail(Operation* op, int32_t code) {
   op->err = code;
-  if ((op->internalFlags & kOpOwnsNewHandle) != 0) ReleaseOwnedHandle(op->targetHandle);
+  if ((op->internalFlags & kOpOwnsNewHandle) != 0) OpReleaseTarget(op->targetHandle);
   return OpNotify(op, ZUL_KEST_EVENT_COMPLETE);
 }
 

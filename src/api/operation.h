@@ -34,6 +34,11 @@ Operation* OpCreate(const ZulKestOpAttr* attr, uint16_t type);
 uint32_t OpFail(Operation* op, int32_t code);
 uint32_t OpCompleteOk(Operation* op);
 
+// Releases a file or directory handle that a request created for its
+// operation, from whichever table holds it; a handle no longer live is left
+// alone.
+void OpReleaseTarget(uint32_t handle);
+
 // Runs the callback for event, marks the operation done and wakes waiters.
 uint32_t OpNotify(Operation* op, ZulKestOpEvent event);
 

@@ -53,15 +53,6 @@ void UpdateHandleBookkeeping(ChunkID id, const ChunkHeader* chunk) {
   }
 }
 
-// Releases the operation's target handle from whichever table holds it.
-void ReleaseTarget(uint32_t handle) {
-  if (LookupHandle(kFhTable, handle) != nullptr) {
-    ReleaseHandle(kFhTable, handle);
-  } else if (LookupHandle(kDhTable, handle) != nullptr) {
-    ReleaseHandle(kDhTable, handle);
-  }
-}
-
 }  // namespace
 
 int32_t ExecuteBase(ChunkID id) {
@@ -132,16 +123,12 @@ int32_t CompleteRoot(ChunkID root) {
       __atomic_store_n(&file->offset, position, __ATOMIC_RELEASE);
     }
   }
-  if ((op->internalFlags & kOpTemporaryHandle) != 0 ||
-      ((op->internalFlags & kOpOwnsNewHandle) != 0 && op->err != ZUL_KEST_OK)) {
-    ReleaseTarget(op->targetHandle);
-  }
+  // A request's private handle goes whatever the result; a handle the
+  // request created goes when it failed, which OpFail sees to.
+  if ((op->internalFlags & kOpTemporaryHandle) != 0) OpReleaseTarget(op->targetHandle);
   if (op->err == ZUL_KEST_OK) {
     OpCompleteOk(op);
   } else {
-    // The handle is already released above; completing as a failure must
-    // not release it a second time.
-    op->internalFlags &= static_cast<uint16_t>(~kOpOwnsNewHandle);
     OpFail(op, op->err);
   }
   return ZUL_KEST_OK;
