@@ -226,8 +226,18 @@ typedef struct ZulKestIORequest {
   int8_t priority;
 } ZulKestIORequest;
 
+/* The subject of the scheduler events (kinds 9-13): their `request` field
+ * points at this record instead; cast it back. */
+typedef struct ZulKestSchedulerEventSubject {
+  uint64_t threadId; /* the thread that took the step */
+  uint16_t chunkId;
+  uint8_t chunkType;
+} ZulKestSchedulerEventSubject;
+
 /* kind: 0 open, 1 read, 2 write, 3 close, 4 stat, 5 sync, 6 directory open,
- * 7 directory read, 8 directory close; 9-13 scheduler events. */
+ * 7 directory read, 8 directory close; scheduler events: 9 schedule a tree,
+ * 10 unschedule a tree, 11 add a chunk to a queue, 12 remove a chunk from a
+ * queue, 13 execute a chunk. */
 typedef struct ZulKestIOEvent {
   uint64_t startTime; /* time-stamp counter before the system call */
   uint64_t endTime;   /* and after it */

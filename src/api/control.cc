@@ -4,14 +4,16 @@
 // need n resumptions, and a resume without a matching suspend leaves it 0.
 
 #include "api/globals.h"
+#include "api/records.h"
 #include "core/handletable.h"
+#include "sched/scheduler.h"
 #include "debug/trace.h"
 #include "kest2.h"
 
 namespace kest2 {
-namespace {
-
 int32_t g_suspendCount;
+
+namespace {
 
 int32_t ListHandles(HandleTableId table, uint32_t* handles, int32_t length) {
   const uint32_t maxCount =
@@ -35,6 +37,8 @@ extern "C" void zulKestResume(void) {
   while (count > 0) {
     if (__atomic_compare_exchange_n(&g_suspendCount, &count, count - 1, false,
                                     __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
+      // The call that lifts the last suspension sets the threads going.
+      if (count == 1) KickAllSchedulers();
       break;
     }
   }
@@ -63,4 +67,28 @@ extern "C" int32_t zulKestGetAllFHs(ZulKestFH* handles, int32_t length) {
 extern "C" int32_t zulKestGetAllDHs(ZulKestDH* handles, int32_t length) {
   KEST2_TRACE_API("zulKestGetAllDHs");
   return ListHandles(kDhTable, handles, length);
+}
+
+extern "C" void zulKestCancelAllOps(void) {
+  KEST2_TRACE_API("zulKestCancelAllOps");
+  // Closes are never cancelled: a cancelled tree still closes its files.
+  ForEachHandle(
+      kOpTable,
+      [](uint32_t handle, void*) {
+        const Operation* op = Lookup<Operation>(kOpTable, handle);
+        if (op != nullptr && op->what != OP_FH_CLOSE && op->what != OP_DH_CLOSE)
+          zulKestOpCancel(handle);
+      },
+      nullptr);
+}
+
+extern "C" void zulKestShutdownAndCancelOps(void) {
+  KEST2_TRACE_API("zulKestShutdownAndCancelOps");
+  zulKestCancelAllOps();
+  zulKestTerminate();
+}
+
+extern "C" bool zulKestIsIdle(void) {
+  KEST2_TRACE_API("zulKestIsIdle");
+  return SchedulersIdle();
 }

@@ -46,6 +46,11 @@ inline ZulKestEventHook EventHook() {
   return __atomic_load_n(&g_KestParams.pEventCallback, __ATOMIC_RELAXED);
 }
 
+// The suspend count: while above 0 no scheduler thread takes a chunk.
+// Changed only atomically (control.cc).
+extern int32_t g_suspendCount;
+inline int32_t SuspendCount() { return __atomic_load_n(&g_suspendCount, __ATOMIC_ACQUIRE); }
+
 // The global lock set, created together and destroyed together.
 struct GlobalLocks {
   HybPlatformRwlock defaultAttr;  // "ZulKestDefaultOpAttr"

@@ -20,6 +20,7 @@
 #include "kest2.h"
 #include "sched/chunk_tree.h"
 #include "sched/execute.h"
+#include "sched/scheduler.h"
 
 namespace kest2 {
 namespace {
@@ -131,7 +132,7 @@ extern "C" int32_t zulKestInitialize(const ZulKestParams* params) {
   if (CreateGlobalLocks()) SetLocksCreatedByInitialize(true);
 
   const uint32_t pathMax = g_KestParams.pathMax;
-  int built = 0;  // tables set up so far
+  int built = 0;  // steps set up so far
   int32_t result = HandleTableSetUp(kOpTable, g_KestParams.opStorage,
                                     g_KestParams.opStorageSize,
                                     kTableAlignment, OpUnitSize(pathMax));
@@ -152,14 +153,22 @@ extern "C" int32_t zulKestInitialize(const ZulKestParams* params) {
     result = InitializeChunkStorage(g_KestParams.chunkStorage, g_KestParams.chunkStorageSize);
   }
   if (result == ZUL_KEST_OK) {
+    ++built;
     InitializeNativeDirBuffer();
     SetRootHandler(CompleteRoot);  // the native table finishes roots too
+    result = StartSchedulers();
+  }
+  if (result == ZUL_KEST_OK) {
     __atomic_store_n(&g_KestParams.header, g_KestParams.header | 1u,
                      __ATOMIC_RELEASE);
     return ZUL_KEST_OK;
   }
 
   // Undo, newest first.
+  if (built >= 4) {
+    TerminateNativeDirBuffer();
+    TerminateChunkStorage();
+  }
   if (built >= 3) HandleTableTearDown(kDhTable);
   if (built >= 2) HandleTableTearDown(kFhTable);
   if (built >= 1) HandleTableTearDown(kOpTable);
@@ -173,6 +182,8 @@ extern "C" void zulKestTerminate(void) {
     return;
   }
   KEST2_TRACE_API("zulKestTerminate");
+  if (__atomic_exchange_n(&g_suspendCount, 0, __ATOMIC_ACQ_REL) != 0) KickAllSchedulers();
+  ShutdownSchedulers();
   __atomic_store_n(&g_KestParams.header, g_KestParams.header & ~1u,
                    __ATOMIC_RELEASE);
   SetAutoInitialized(false);

@@ -29,6 +29,16 @@ namespace kest2 {
 // Null when the global locks do not exist or the table is full.
 Operation* OpCreate(const ZulKestOpAttr* attr, uint16_t type);
 
+// Hands a filled operation to the engine: builds its chunk tree and
+// schedules it, or completes it at once (bad flags, no I/O needed, no chunk
+// storage).  Returns the handle.
+uint32_t OpAccept(Operation* op);
+// Stores the request's path (and copies a rename's or mount's second path
+// from arg for the duration of the call), then accepts.  Path errors
+// complete the operation with ZUL_KEST_ERROR_BAD_PATH or
+// ZUL_KEST_ERROR_PATH_TOO_LONG.
+uint32_t OpAcceptWithPath(Operation* op, const char* path, bool forWrite);
+
 // Completes the operation at once with an error (releasing a handle the
 // request created for it) or with success.  Both return the handle.
 uint32_t OpFail(Operation* op, int32_t code);

@@ -15,4 +15,8 @@ int32_t DiscMapQueryHardDisk(const char*, int64_t, int64_t, bool* onHardDisk) {
   return kNotSupported;
 }
 
+int32_t LoadSystemModule(uint32_t) { return 0; }
+
+void UnloadSystemModule(uint32_t) {}
+
 }  // namespace kest2

@@ -18,6 +18,11 @@ int32_t DiscMapQueryPosition(const char* path, int64_t offset, int64_t length, i
 // On success (0) *onHardDisk tells whether the range lies on the hard disk.
 int32_t DiscMapQueryHardDisk(const char* path, int64_t offset, int64_t length, bool* onHardDisk);
 
+// The system-module loader through which the disc-map service is brought in
+// and let go.  Here there is nothing to load: both succeed.
+int32_t LoadSystemModule(uint32_t moduleId);
+void UnloadSystemModule(uint32_t moduleId);
+
 }  // namespace kest2
 
 #endif  // KEST2_SRC_CORE_DISC_MAP_H_

@@ -88,6 +88,17 @@ uint32_t EnumerateHandles(HandleTableId table, uint32_t* array,
   return PoolAllocatedCount(pool);
 }
 
+void ForEachHandle(HandleTableId table, void (*visit)(uint32_t handle, void* context),
+                   void* context) {
+  const Pool* pool = &g_handleTables[table];
+  if (!pool->initialised) return;
+  for (uint32_t index = 0; index < pool->capacity; ++index) {
+    if (!PoolUnitAllocated(pool, index)) continue;
+    const uint32_t handle = LoadHandleWord(PoolUnitAddress(pool, index));
+    if (handle != 0) visit(handle, context);
+  }
+}
+
 void ReleaseHandle(HandleTableId table, uint32_t handle) {
   Pool* pool = &g_handleTables[table];
   const uint32_t index = handle & kHandleSlotMask;

@@ -66,6 +66,10 @@ uint32_t ObjectHandle(const void* object);
 // array and returns the number of live objects (array may be null).
 uint32_t EnumerateHandles(HandleTableId table, uint32_t* array,
                           uint32_t maxCount);
+// Calls visit for every live handle in slot order (no copy of the list);
+// visit may release the handle it is given.
+void ForEachHandle(HandleTableId table, void (*visit)(uint32_t handle, void* context),
+                   void* context);
 void ReleaseHandle(HandleTableId table, uint32_t handle);
 
 }  // namespace kest2

@@ -98,6 +98,11 @@ using ChunkCallbackFunction = int32_t (*)(ChunkCallbackRecord* chunk, int32_t ev
 struct ChunkRootRecord {
   ChunkHeader header;
   uint32_t op;
+  // Threads walking the tree from outside the engine (cancel, reschedule)
+  // pin the root; a root that finishes while pinned is freed by the last
+  // unpin instead of by the thread that ran it.  Both under the chunk lock.
+  uint16_t pins;
+  uint8_t freeWhenUnpinned;
 };
 
 struct ChunkParentRecord {  // overflow of a chunk's parent slot

@@ -530,7 +530,8 @@ void PropagateErrorLocked(ChunkID id, int32_t error, bool force) {
     } else if (above->type == CHUNK_ROOT) {
       const uint32_t handle = ChunkRecord<ChunkRootRecord>(parent)->op;
       Operation* op = handle != 0 ? Lookup<Operation>(kOpTable, handle) : nullptr;
-      if (op != nullptr && (force || op->err == 0)) op->err = error;
+      if (op != nullptr && (force || __atomic_load_n(&op->err, __ATOMIC_ACQUIRE) == 0))
+        __atomic_store_n(&op->err, error, __ATOMIC_RELEASE);
     }
     PropagateErrorLocked(parent, error, force);
   }
@@ -950,6 +951,34 @@ char* DumpChunk(ChunkID id, char* buffer, size_t size) {
   AppendTypeFields(buffer, size, id);
   AppendFormat(buffer, size, " }");
   return buffer;
+}
+
+bool PinRoot(ChunkID root, uint32_t opHandle) {
+  ChunkLocker lock;
+  if (!ChunkIsLive(root)) return false;
+  ChunkRootRecord* record = ChunkRecord<ChunkRootRecord>(root);
+  if (record->header.type != CHUNK_ROOT || record->op != opHandle ||
+      (record->header.flags & (kChunkExecuting | kChunkCompleted)) != 0) {
+    return false;
+  }
+  ++record->pins;
+  return true;
+}
+
+void UnpinRoot(ChunkID root) {
+  ChunkLocker lock;
+  ChunkRootRecord* record = ChunkRecord<ChunkRootRecord>(root);
+  if (--record->pins == 0 && record->freeWhenUnpinned != 0) DeallocateTree(root);
+}
+
+void ReleaseFinishedRoot(ChunkID root) {
+  ChunkLocker lock;
+  ChunkRootRecord* record = ChunkRecord<ChunkRootRecord>(root);
+  if (record->pins != 0) {
+    record->freeWhenUnpinned = 1;
+  } else {
+    DeallocateTree(root);
+  }
 }
 
 }  // namespace kest2

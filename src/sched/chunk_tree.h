@@ -92,6 +92,15 @@ void ReplaceChunk(ChunkID oldChunk, ChunkID newChunk);
 // another parent left is kept) and frees it.
 void DeallocateTree(ChunkID id);
 
+// Pins an operation's root so that its tree stays allocated while a thread
+// outside the engine (cancel, reschedule) walks it.  False, and nothing
+// pinned, when root is not that operation's root or has started to run
+// (its operation is then being completed).
+bool PinRoot(ChunkID root, uint32_t opHandle);
+void UnpinRoot(ChunkID root);
+// Frees the tree of a root that has run, or leaves that to its last unpin.
+void ReleaseFinishedRoot(ChunkID root);
+
 // The n-th parent / child in enumeration order, CHUNKID_INVALID past the end.
 ChunkID GetParent(ChunkID id, uint32_t n);
 ChunkID GetChild(ChunkID id, uint32_t n);

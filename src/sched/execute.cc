@@ -106,10 +106,14 @@ int32_t CompleteRoot(ChunkID root) {
     zulKestPrintf("KEST2 unexpected NULL value for op pointer\n");
     return ZUL_KEST_OK;
   }
+  // A cancel may set the error and the cancelled bit until the root starts
+  // to run; from here on both are stable.
+  const int32_t err = __atomic_load_n(&op->err, __ATOMIC_ACQUIRE);
+  const uint16_t internalFlags = __atomic_load_n(&op->internalFlags, __ATOMIC_ACQUIRE);
   FileHandle* file = Lookup<FileHandle>(kFhTable, op->targetHandle);
-  if ((op->internalFlags & kOpUpdatesPosition) != 0 && file != nullptr) {
+  if ((internalFlags & kOpUpdatesPosition) != 0 && file != nullptr) {
     const bool movesPosition = op->what != OP_FH_PWRITEV;
-    if (op->err == ZUL_KEST_OK) {
+    if (err == ZUL_KEST_OK) {
       const int64_t end = op->offset + op->actCount;
       int64_t size = __atomic_load_n(&file->size, __ATOMIC_ACQUIRE);
       while (end > size && !__atomic_compare_exchange_n(&file->size, &size, end, false,
@@ -117,7 +121,7 @@ int32_t CompleteRoot(ChunkID root) {
       }
       if (movesPosition) __atomic_store_n(&file->offset, end, __ATOMIC_RELEASE);
     } else if (movesPosition) {
-      const int64_t position = op->err == ZUL_KEST_ERROR_EOF
+      const int64_t position = err == ZUL_KEST_ERROR_EOF
                                    ? __atomic_load_n(&file->size, __ATOMIC_ACQUIRE)
                                    : -1;
       __atomic_store_n(&file->offset, position, __ATOMIC_RELEASE);
@@ -125,11 +129,11 @@ int32_t CompleteRoot(ChunkID root) {
   }
   // A request's private handle goes whatever the result; a handle the
   // request created goes when it failed, which OpFail sees to.
-  if ((op->internalFlags & kOpTemporaryHandle) != 0) OpReleaseTarget(op->targetHandle);
-  if (op->err == ZUL_KEST_OK) {
+  if ((internalFlags & kOpTemporaryHandle) != 0) OpReleaseTarget(op->targetHandle);
+  if (err == ZUL_KEST_OK) {
     OpCompleteOk(op);
   } else {
-    OpFail(op, op->err);
+    OpFail(op, err);
   }
   return ZUL_KEST_OK;
 }

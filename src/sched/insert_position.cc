@@ -39,17 +39,6 @@ bool IsPositioned(const ChunkHeader* chunk) {
   return (chunk->flags & kChunkPositioned) != 0 && IsTransfer(chunk);
 }
 
-// Two keys belong to one stream: the same key handle and, for pseudo
-// positions, the same file bits.
-bool SameStream(const PositionKey& a, const PositionKey& b) {
-  if (a.handle != b.handle) return false;
-  if (a.position < 0 || b.position < 0) {
-    return (static_cast<uint64_t>(a.position) & kStreamMask) ==
-           (static_cast<uint64_t>(b.position) & kStreamMask);
-  }
-  return true;
-}
-
 ZulKestTime SeekCost(const Scheduler* scheduler, const PositionKey& head, const PositionKey& key) {
   if (!SameStream(head, key)) return scheduler->seekEstimate[0];
   if (key.position == head.position) return 0;
@@ -71,6 +60,15 @@ struct Candidate {
 };
 
 }  // namespace
+
+bool SameStream(const PositionKey& a, const PositionKey& b) {
+  if (a.handle != b.handle) return false;
+  if (a.position < 0 || b.position < 0) {
+    return (static_cast<uint64_t>(a.position) & kStreamMask) ==
+           (static_cast<uint64_t>(b.position) & kStreamMask);
+  }
+  return true;
+}
 
 void ComputeChunkPosition(ChunkID id) {
   ChunkHeader* chunk = ChunkAt(id);
@@ -148,7 +146,8 @@ uint64_t FindInsertPosition(Scheduler* scheduler, ChunkID id) {
   }
 
   EstimateState prefix{};
-  prefix.clock = scheduler->runningFinish != 0 ? scheduler->runningFinish : now + kIdleStartDelay;
+  const ZulKestTime running = __atomic_load_n(&scheduler->runningFinish, __ATOMIC_RELAXED);
+  prefix.clock = running != 0 ? running : now + kIdleStartDelay;
   prefix.head = PositionKey{scheduler->lastHandle, scheduler->lastEnd};
   int32_t previousLateness = 128;
   Candidate best;

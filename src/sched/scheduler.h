@@ -99,6 +99,9 @@ struct EstimateState {
   uint32_t laterEqual;
 };
 
+// Two keys of one stream: the same key handle and, for pseudo positions, the
+// same file bits.
+bool SameStream(const PositionKey& a, const PositionKey& b);
 // Computes and stores a positioned chunk's media position.
 void ComputeChunkPosition(ChunkID id);
 PositionKey ChunkPositionKey(ChunkID id);
@@ -108,6 +111,60 @@ int32_t EstimateStep(const Scheduler* scheduler, ChunkID id, int32_t referenceLa
                      EstimateState* state);
 // The queue index at which the chunk misses the fewest deadlines.
 uint64_t FindInsertPosition(Scheduler* scheduler, ChunkID id);
+
+// --- Scheduling (schedule.cc) ----------------------------------------------
+
+// Chunk type codes of the profiling hook's scheduler events.
+enum SchedulerEventKind : uint8_t {
+  kEventScheduleTree = 9,
+  kEventUnscheduleTree = 10,
+  kEventAddToSchedule = 11,
+  kEventRemoveFromSchedule = 12,
+  kEventExecute = 13,
+};
+
+// The scheduler that runs the chunk (cached in the chunk's flags); null when
+// none matches.
+Scheduler* GetScheduler(ChunkID id);
+// Adds a chunk tree to the queues, children before parents.  With
+// permission, single steps run on the calling thread (the fast path) until
+// the first one that has to be queued; opflags bit 0x1 lets opens, closes
+// and stats take the fast path even when the queue is busy.
+void ScheduleTree(ChunkID root, uint32_t opflags, bool fastPathPermission);
+// Queues one chunk (or runs it on the fast path); true when it was executed
+// there.
+bool AddToSchedule(Scheduler* scheduler, ChunkID id, uint32_t opflags, bool fastPathPermission);
+// Takes a tree's queued chunks out of the I/O queues.  With cancel, marks
+// them cancelled and completes each removed one at once (without its I/O);
+// a chunk shared with a parent that is not cancelled is left alone.
+void UnscheduleTree(ChunkID id, bool cancel);
+// Takes one queued chunk out of its scheduler's queue.
+void RemoveFromSchedule(Scheduler* scheduler, ChunkID id);
+
+// --- Threads and execution (scheduler_threads.cc) ------------------------
+
+// Creates the callback scheduler, the all-other I/O scheduler and, with
+// schedulerCount 2, the HDD I/O scheduler, each with its threads.
+int32_t StartSchedulers();
+// Waits until every queue is empty, then stops every scheduler.
+void ShutdownSchedulers();
+// True when every queue is empty.
+bool SchedulersIdle();
+// The global list, newest first; null before start-up.
+Scheduler* SchedulerListHead();
+Scheduler* CallbackScheduler();
+Scheduler* AllOtherScheduler();
+// Runs a taken chunk: entered and left with the scheduler mutex held, which
+// is released while the chunk executes.  0, or ZUL_KEST_ERROR_RETRY when the
+// chunk was busy and has been put back.
+int32_t ExecuteChunk(Scheduler* scheduler, ChunkID id, bool fastPath);
+// Wakes a scheduler's threads when its queue is not empty: something its
+// chunks wait for may have changed.
+void Kick(Scheduler* scheduler);
+void KickAllSchedulers();
+// True when the linked CHUNK_CALLBACK (or the chunk itself, when it is one)
+// would answer busy now.  REQUIRES: scheduler mutex held.
+bool ChunkIsBusy(const Scheduler* scheduler, ChunkID id);
 
 }  // namespace kest2
 

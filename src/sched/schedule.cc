@@ -1,0 +1,331 @@
+// Putting chunk trees into the queues and taking them out again.
+//
+// A tree is scheduled children first, so a parent enters its queue already
+// marked scheduled and becomes ready the moment its last child completes.
+// With the caller's permission single steps run on the caller's thread (the
+// fast path) until the first step that has to wait in a queue; a tree that
+// fans out into parallel chunks is queued as a whole.
+//
+// Unscheduling walks the tree under the chunk lock, clearing `scheduled` on
+// every queued chunk it takes out (so no thread will take it meanwhile), and
+// then removes each from its queue with the scheduler mutex, which must not
+// be taken while the chunk lock is held.
+
+#include "api/globals.h"
+#include "api/records.h"
+#include "core/handletable.h"
+#include "debug/dump.h"
+#include "debug/trace.h"
+#include "sched/chunk_tree.h"
+#include "sched/scheduler.h"
+#include "sched/scheduler_event.h"
+
+namespace kest2 {
+namespace {
+
+constexpr ZulKestTime kDefaultDeadlineDelay = 300000000000LL;  // 300 s
+
+uint16_t LoadFlags(ChunkID id) { return __atomic_load_n(&ChunkAt(id)->flags, __ATOMIC_ACQUIRE); }
+
+// Sets or clears flag bits; REQUIRES: chunk lock held.
+void ChangeFlags(ChunkID id, uint16_t set, uint16_t clear) {
+  ChunkHeader* chunk = ChunkAt(id);
+  __atomic_store_n(&chunk->flags, static_cast<uint16_t>((chunk->flags | set) & ~clear),
+                   __ATOMIC_RELEASE);
+}
+
+Scheduler* SchedulerAt(int place) {
+  Scheduler* scheduler = SchedulerListHead();
+  for (int i = 0; scheduler != nullptr && i < place; ++i) scheduler = scheduler->next;
+  return scheduler;
+}
+
+int SchedulerPlace(const Scheduler* wanted) {
+  int place = 0;
+  for (Scheduler* s = SchedulerListHead(); s != nullptr; s = s->next, ++place) {
+    if (s == wanted) return place;
+  }
+  return -1;
+}
+
+Scheduler* ChooseScheduler(ChunkID id) {
+  const ChunkHeader* chunk = ChunkAt(id);
+  if (chunk->type == CHUNK_NULL || chunk->type == CHUNK_ROOT || chunk->type == CHUNK_CALLBACK)
+    return CallbackScheduler();
+  int64_t offset = 0;
+  int64_t length = 0;
+  if ((chunk->flags & kChunkPositioned) != 0 &&
+      (chunk->type == CHUNK_FH_READ || chunk->type == CHUNK_FH_WRITE)) {
+    const ChunkFhIoRecord* io = reinterpret_cast<const ChunkFhIoRecord*>(chunk);
+    offset = io->offset;
+    length = io->reqCount;
+  }
+  const uint32_t handle = GetChunkHandle(id);
+  if (handle == 0) {
+    const StoredPath* path = GetChunkPath(id);
+    for (Scheduler* s = SchedulerListHead(); s != nullptr; s = s->next) {
+      if (s->prefixLength == 0) return s;
+      if (path != nullptr && s->matchPath(s, path, offset, length)) return s;
+    }
+    return nullptr;
+  }
+  for (Scheduler* s = SchedulerListHead(); s != nullptr; s = s->next) {
+    const StoredPath* path = nullptr;
+    if (const FileHandle* file = Lookup<FileHandle>(kFhTable, handle)) {
+      path = &file->path;
+    } else if (const DirHandle* dir = Lookup<DirHandle>(kDhTable, handle)) {
+      path = &dir->path;
+    } else {
+      continue;
+    }
+    if (s->prefixLength == 0 || s->matchPath(s, path, offset, length)) return s;
+  }
+  return AllOtherScheduler();
+}
+
+// Whether the just-queued only entry of an I/O queue can run now: ready,
+// and neither it nor its linked callback busy.
+bool ReadyAndNotBusy(const Scheduler* scheduler, ChunkID id) {
+  return DeferChunk(id, false) && !ChunkIsBusy(scheduler, id);
+}
+
+// Removes the entry at index i and, when the chunk was cancelled, completes
+// it at once.  REQUIRES: scheduler mutex held.
+void RemoveAt(Scheduler* scheduler, uint64_t index, ChunkID id) {
+  char dump[kDumpBufferSize];
+  if (TraceEnabled(kTraceSched)) {
+    TraceLine(kTraceSched, "RemoveFromSchedule", "removing chunk %d: %s", id,
+              DumpChunk(id, dump, sizeof(dump)));
+  }
+  if (scheduler->m_busySkip != 0 && scheduler->m_busySkip >= index) --scheduler->m_busySkip;
+  RemoveFromQueue(scheduler, index);
+  scheduler->removeHint = index;
+  if ((LoadFlags(id) & kChunkCancelled) == 0) return;
+  {
+    ChunkLocker lock;
+    ChangeFlags(id, kChunkExecuting, 0);
+  }
+  __atomic_add_fetch(&scheduler->activeThreads, 1, __ATOMIC_ACQ_REL);
+  const int32_t result = ExecuteChunk(scheduler, id, false);
+  __atomic_sub_fetch(&scheduler->activeThreads, 1, __ATOMIC_ACQ_REL);
+  if (result != ZUL_KEST_OK && result != ZUL_KEST_ERROR_CANCELLED) {
+    zulKestPrintf("KEST2 WARNING: Unexpected return from Execute during cancel: %ld\n",
+                  static_cast<long>(result));
+  }
+}
+
+bool ScheduleTreeRecurse(ChunkID id, uint32_t opflags, bool permission) {
+  KEST2_TRACE(kTraceSched, "ScheduleTreeRecurse", "called for chunk %d", id);
+  bool add = false;
+  {
+    ChunkLocker lock;
+    uint32_t pending = 0;
+    for (uint32_t n = 0;; ++n) {
+      const ChunkID child = GetChild(id, n);
+      if (child == CHUNKID_INVALID) break;
+      if ((LoadFlags(child) & kChunkCompleted) == 0) ++pending;
+    }
+    if (pending >= 2 && permission) {
+      KEST2_TRACE(kTraceSched, "ScheduleTreeRecurse", "%s", "parallel chunks caused switch to queueing");
+      permission = false;
+    }
+    if ((LoadFlags(id) & kChunkScheduled) == 0) {
+      ChangeFlags(id, kChunkScheduled, 0);
+      add = true;
+    }
+  }
+  // The subtree cannot finish before this chunk is queued, so its children
+  // stay allocated while they are walked without the lock.
+  for (uint32_t n = 0;; ++n) {
+    const ChunkID child = GetChild(id, n);
+    if (child == CHUNKID_INVALID) break;
+    if ((LoadFlags(child) & kChunkCompleted) != 0) continue;
+    if (!ScheduleTreeRecurse(child, opflags, permission)) permission = false;
+  }
+  if (add) {
+    {
+      ChunkLocker lock;
+      ChangeFlags(id, 0, kChunkSchedulerIndexMask);
+    }
+    Scheduler* scheduler = GetScheduler(id);
+    const bool held = permission;
+    const bool ranNow = scheduler != nullptr && AddToSchedule(scheduler, id, opflags, permission);
+    if (held && !ranNow) {
+      KEST2_TRACE(kTraceSched, "ScheduleTreeRecurse", "chunk %d caused switch to queueing", id);
+      permission = false;
+    }
+  }
+  return permission;
+}
+
+}  // namespace
+
+Scheduler* GetScheduler(ChunkID id) {
+  if (id == CHUNKID_INVALID) return nullptr;
+  const uint16_t flags = LoadFlags(id);
+  const int cached = (flags & kChunkSchedulerIndexMask) >> kChunkSchedulerIndexShift;
+  if (cached != 0) {
+    if (Scheduler* scheduler = SchedulerAt(cached - 1)) return scheduler;
+  }
+  Scheduler* scheduler = ChooseScheduler(id);
+  const int place = SchedulerPlace(scheduler);
+  if (place >= 0) {
+    ChunkLocker lock;
+    const uint16_t index = static_cast<uint16_t>((place + 1) << kChunkSchedulerIndexShift);
+    ChangeFlags(id, index, static_cast<uint16_t>(kChunkSchedulerIndexMask & ~index));
+  }
+  return scheduler;
+}
+
+bool ChunkIsBusy(const Scheduler* scheduler, ChunkID id) {
+  const ChunkHeader* chunk = ChunkAt(id);
+  if (chunk->type == CHUNK_CALLBACK) {
+    ChunkCallbackRecord* self = ChunkRecord<ChunkCallbackRecord>(id);
+    return self->callback != nullptr && self->callback(self, 0) == ZUL_KEST_ERROR_RETRY;
+  }
+  if (chunk->linked == CHUNKID_INVALID) return false;
+  if (scheduler->busyCount != 0) return true;
+  ChunkCallbackRecord* linked = ChunkRecord<ChunkCallbackRecord>(chunk->linked);
+  return linked->callback != nullptr && linked->callback(linked, 0) == ZUL_KEST_ERROR_RETRY;
+}
+
+bool AddToSchedule(Scheduler* scheduler, ChunkID id, uint32_t opflags, bool fastPathPermission) {
+  SchedulerEvent event(kEventAddToSchedule, id);
+  MutexLock(&scheduler->mutex);
+  ChunkHeader* chunk = ChunkAt(id);
+  if ((chunk->flags & kChunkPositioned) != 0) ComputeChunkPosition(id);
+  while (scheduler->m_queueCount > kQueueFullCount) {
+    zulKestPrintf("KEST2 scheduler queue is full, waiting...\n");
+    CondWait(&scheduler->queueFull);
+    zulKestPrintf("KEST2 scheduler queue is available again\n");
+  }
+
+  bool ranNow = false;
+  if (fastPathPermission && SuspendCount() <= 0) {
+    const bool quickStep = (chunk->type == CHUNK_FH_OPEN || chunk->type == CHUNK_FH_CLOSE ||
+                            chunk->type == CHUNK_STAT) &&
+                           (opflags & ZUL_KEST_OPFLAG_FAST_PATH_ALWAYS) != 0;
+    const bool threadFree =
+        scheduler->m_queueCount == 0 &&
+        __atomic_load_n(&scheduler->activeThreads, __ATOMIC_ACQUIRE) < scheduler->threadCount;
+    if ((quickStep || threadFree) && DeferChunk(id, false)) {
+      __atomic_add_fetch(&scheduler->activeThreads, 1, __ATOMIC_ACQ_REL);
+      KEST2_TRACE(kTraceSched, "AddToSchedule", "fast-path chunk %d", id);
+      {
+        ChunkLocker lock;
+        ChangeFlags(id, kChunkExecuting, 0);
+      }
+      ranNow = ExecuteChunk(scheduler, id, true) == ZUL_KEST_OK;
+      __atomic_sub_fetch(&scheduler->activeThreads, 1, __ATOMIC_ACQ_REL);
+    }
+  }
+
+  if (!ranNow) {
+    KEST2_TRACE(kTraceSched, "AddToSchedule", "inserting chunk %d", id);
+    uint64_t index;
+    if (scheduler == CallbackScheduler()) {
+      if (chunk->deadline == 0) chunk->deadline = zulKestTimeGetCurrent() + kDefaultDeadlineDelay;
+      index = scheduler->m_queueCount;
+    } else {
+      index = FindInsertPosition(scheduler, id);
+    }
+    InsertIntoQueue(scheduler, index, id);
+  }
+
+  if (scheduler->m_queueCount != 0) {
+    const int32_t active = __atomic_load_n(&scheduler->activeThreads, __ATOMIC_ACQUIRE);
+    if (scheduler == CallbackScheduler()) {
+      CondBroadcast(&scheduler->wakeup);
+    } else if (active == 0) {
+      if (scheduler->m_queueCount != 1 || ReadyAndNotBusy(scheduler, id))
+        CondBroadcast(&scheduler->wakeup);
+    } else if (active < scheduler->threadCount) {
+      // Some of the threads are idle: one of them can take the new chunk
+      // while the others are busy.
+      CondSignal(&scheduler->wakeup);
+    }
+  }
+  MutexUnlock(&scheduler->mutex);
+  return ranNow;
+}
+
+void ScheduleTree(ChunkID root, uint32_t opflags, bool fastPathPermission) {
+  SchedulerEvent event(kEventScheduleTree, root);
+  ScheduleTreeRecurse(root, opflags, fastPathPermission);
+}
+
+void UnscheduleTree(ChunkID id, bool cancel) {
+  SchedulerEvent event(kEventUnscheduleTree, id);
+  KEST2_TRACE(kTraceSched, "UnscheduleTree", "called for chunk %d", id);
+  bool remove = false;
+  {
+    ChunkLocker lock;
+    if (cancel) {
+      // A chunk shared with a tree that goes on is left alone.
+      for (uint32_t n = 0;; ++n) {
+        const ChunkID parent = GetParent(id, n);
+        if (parent == CHUNKID_INVALID) break;
+        if (parent != GlobalRootChunk() && (LoadFlags(parent) & kChunkCancelled) == 0) return;
+      }
+    }
+    const uint16_t flags = LoadFlags(id);
+    if ((flags & (kChunkCompleted | kChunkExecuting)) == 0) {
+      if (cancel) {
+        ChangeFlags(id, kChunkCancelled, 0);
+        const ChunkID linked = ChunkAt(id)->linked;
+        if (linked != CHUNKID_INVALID) ChangeFlags(linked, kChunkCancelled, 0);
+      }
+      if ((flags & kChunkScheduled) != 0 && GetScheduler(id) != CallbackScheduler()) {
+        ChangeFlags(id, 0, kChunkScheduled);
+        remove = true;
+      }
+    }
+    if ((flags & kChunkCompleted) != 0 && AllChildrenCompleted(id)) return;
+  }
+  // The caller has pinned the tree's root, so the children stay allocated.
+  for (uint32_t n = 0;; ++n) {
+    const ChunkID child = GetChild(id, n);
+    if (child == CHUNKID_INVALID) break;
+    if ((LoadFlags(child) & kChunkCompleted) == 0) UnscheduleTree(child, cancel);
+  }
+  if (remove) {
+    if (Scheduler* scheduler = GetScheduler(id)) RemoveFromSchedule(scheduler, id);
+  }
+}
+
+void RemoveFromSchedule(Scheduler* scheduler, ChunkID id) {
+  SchedulerEvent event(kEventRemoveFromSchedule, id);
+  MutexLock(&scheduler->mutex);
+  const uint64_t count = scheduler->m_queueCount;
+  const uint64_t start = scheduler->removeHint < count ? scheduler->removeHint : 0;
+  uint64_t index = count;
+  for (uint64_t step = 0; step < count; ++step) {
+    const uint64_t i = (start + step) % count;
+    if (QueueAt(scheduler, i) == id) {
+      index = i;
+      break;
+    }
+  }
+  char dump[kDumpBufferSize];
+  if (index == count) {
+    zulKestPrintf("Scheduler::RemoveFromSchedule could not find chunk! chunk = %d\n", id);
+    zulKestPrintf("%s\n", DumpChunk(id, dump, sizeof(dump)));
+  } else if ((LoadFlags(id) & kChunkCancelled) != 0 && !DeferChunk(id, true)) {
+    // It waits for children that still run; it stays queued until they
+    // have finished and then completes as cancelled.
+    if (TraceEnabled(kTraceSched)) {
+      TraceLine(kTraceSched, "RemoveFromSchedule", "chunk %d not removed, cancelled but not eligible: %s",
+                id, DumpChunk(id, dump, sizeof(dump)));
+    }
+    {
+      ChunkLocker lock;
+      ChangeFlags(id, kChunkScheduled, 0);
+    }
+    scheduler->m_busySkip = 0;
+  } else {
+    RemoveAt(scheduler, index, id);
+  }
+  MutexUnlock(&scheduler->mutex);
+}
+
+}  // namespace kest2

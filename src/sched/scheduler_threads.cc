@@ -1,0 +1,456 @@
+// The schedulers' threads: start-up and shut-down, the loop that takes the
+// first ready chunk, execution with the busy protocol, learning of the time
+// model, and kicks.
+//
+// A thread holds its scheduler's mutex except while a chunk executes.  A
+// chunk that answers busy (ZUL_KEST_ERROR_RETRY) is put back where it was
+// taken, and `m_busySkip` counts the leading entries known to be blocked or
+// busy so that the next scan starts after them; any completion that may
+// have changed the picture kicks the schedulers concerned, which resets the
+// count.  When everything queued stays busy and no kick comes, the thread
+// looks again every 50 ms.
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "api/globals.h"
+#include "core/disc_map.h"
+#include "debug/dump.h"
+#include "debug/trace.h"
+#include "io/native_handlers.h"
+#include "sched/chunk_tree.h"
+#include "sched/scheduler.h"
+#include "sched/scheduler_event.h"
+
+namespace kest2 {
+namespace {
+
+constexpr int64_t kBusyBackOffMicroseconds = 50000;
+constexpr ZulKestTime kSlowHandoverNanoseconds = 100001;
+constexpr int64_t kSeekLearnDistance = 32768;
+constexpr ZulKestTime kSeekLearnMinimum = 10000;
+constexpr int64_t kIdleWaitMaxMilliseconds = 1000;
+constexpr uint32_t kDiscMapModuleId = 0xD7;
+
+// The three schedulers live in static storage; the list links the running
+// ones, newest first.  The list changes only at start-up and shut-down.
+Scheduler g_callbackScheduler;
+Scheduler g_allOtherScheduler;
+Scheduler g_hddScheduler;
+Scheduler* g_schedulerList;
+
+bool g_unexpectedBusyReported;
+
+bool PrefixMatch(const Scheduler* scheduler, const StoredPath* path, int64_t, int64_t) {
+  return std::strncmp(GetPath(path), scheduler->pathPrefix, scheduler->prefixLength) == 0;
+}
+
+bool HardDiskMatch(const Scheduler*, const StoredPath* path, int64_t offset, int64_t length) {
+  bool onHardDisk = false;
+  return DiscMapQueryHardDisk(GetPath(path), offset, length, &onHardDisk) == 0 && onHardDisk;
+}
+
+void ClearExecuting(ChunkID id) {
+  ChunkLocker lock;
+  ChunkHeader* chunk = ChunkAt(id);
+  __atomic_store_n(&chunk->flags, static_cast<uint16_t>(chunk->flags & ~kChunkExecuting),
+                   __ATOMIC_RELEASE);
+}
+
+bool HasLinked(ChunkID id) { return ChunkAt(id)->linked != CHUNKID_INVALID; }
+
+int32_t CallLinked(ChunkID id, int32_t event) {
+  ChunkCallbackRecord* linked = ChunkRecord<ChunkCallbackRecord>(ChunkAt(id)->linked);
+  return linked->callback != nullptr ? linked->callback(linked, event) : ZUL_KEST_OK;
+}
+
+// Puts a busy chunk back at the place it was taken from.
+void PutBack(Scheduler* scheduler, ChunkID id) {
+  InsertIntoQueue(scheduler, scheduler->takePosition, id);
+}
+
+// Exponential average with weight 1/20; never stalls short of the sample.
+ZulKestTime LearnTypeEstimate(ZulKestTime estimate, ZulKestTime sample) {
+  ZulKestTime next = (19 * estimate + sample) / 20;
+  if (next == estimate) {
+    if (sample > estimate) next = estimate + 1;
+    if (sample < estimate) next = estimate - 1;
+  }
+  return next;
+}
+
+void LearnSeekEstimate(ZulKestTime* estimate, ZulKestTime sample) {
+  if (sample > kSeekLearnMinimum) *estimate = (19 * *estimate + sample) / 20;
+}
+
+// What the time model learns from, taken before the chunk completes (a
+// completed chunk may be freed at once by the thread that runs its root).
+struct Measured {
+  uint8_t type;
+  uint32_t pieceCount;
+  bool positioned;
+  PositionKey key;
+};
+
+Measured Measure(ChunkID id) {
+  const ChunkHeader* chunk = ChunkAt(id);
+  Measured measured{chunk->type, chunk->pieceCount, false, PositionKey{0, 0}};
+  measured.positioned = (chunk->flags & kChunkPositioned) != 0 &&
+                        (chunk->type == CHUNK_FH_READ || chunk->type == CHUNK_FH_WRITE);
+  if (measured.positioned) measured.key = ChunkPositionKey(id);
+  return measured;
+}
+
+// Updates the time model from one measured execution.  REQUIRES: mutex held.
+void Learn(Scheduler* scheduler, const Measured& chunk, ZulKestTime elapsed,
+           const PositionKey& before) {
+  if (chunk.type >= kChunkTypeCount) return;
+  const ZulKestTime per = chunk.pieceCount != 0 ? elapsed / chunk.pieceCount : elapsed;
+  ZulKestTime& estimate = scheduler->typeEstimate[chunk.type];
+  if (!chunk.positioned) {
+    estimate = LearnTypeEstimate(estimate, per);
+    return;
+  }
+  const PositionKey& key = chunk.key;
+  if (key.position == before.position && key.handle != before.handle) {
+    if (per >= kSlowHandoverNanoseconds) estimate = LearnTypeEstimate(estimate, per);
+    return;
+  }
+  const ZulKestTime surplus = per - estimate;
+  if (surplus <= 0) return;
+  if (!SameStream(key, before)) {
+    LearnSeekEstimate(&scheduler->seekEstimate[0], surplus);
+    return;
+  }
+  const int64_t distance = std::llabs(key.position - before.position);
+  if (distance < kSeekLearnDistance) return;
+  const int64_t steps = distance / 65536 > 0 ? distance / 65536 : 1;
+  LearnSeekEstimate(&scheduler->seekEstimate[1], surplus / steps);
+}
+
+// Bit i set: the i-th scheduler of the list.
+uint32_t PlaceBit(const Scheduler* wanted) {
+  uint32_t bit = 1;
+  for (Scheduler* s = g_schedulerList; s != nullptr; s = s->next, bit <<= 1) {
+    if (s == wanted) return bit;
+  }
+  return 0;
+}
+
+// The schedulers to kick once the chunk has completed, gathered before: a
+// completed chunk's parents may run, and be freed, at once.
+uint32_t SchedulersToKick(const Scheduler* scheduler, ChunkID id) {
+  uint32_t kick = 0;
+  for (uint32_t n = 0;; ++n) {
+    const ChunkID parent = GetParent(id, n);
+    if (parent == CHUNKID_INVALID) break;
+    Scheduler* parentScheduler = GetScheduler(parent);
+    if (parentScheduler != nullptr && parentScheduler != scheduler) kick |= PlaceBit(parentScheduler);
+    for (Scheduler* s = g_schedulerList; s != nullptr; s = s->next) {
+      if (s != scheduler && s != &g_callbackScheduler) kick |= PlaceBit(s);
+    }
+  }
+  return kick;
+}
+
+void KickPlaces(uint32_t places) {
+  uint32_t bit = 1;
+  for (Scheduler* s = g_schedulerList; s != nullptr && places != 0; s = s->next, bit <<= 1) {
+    if ((places & bit) == 0) continue;
+    KEST2_TRACE(kTraceSched, "ExecuteChunk", "%s", "kick");
+    Kick(s);
+  }
+}
+
+// The first ready, not busy chunk of the queue, taken out of it; or
+// CHUNKID_INVALID.  REQUIRES: mutex held.
+ChunkID NextEligible(Scheduler* scheduler) {
+  while (scheduler->m_busySkip != 0) {
+    if (scheduler->m_busySkip != scheduler->m_queueCount) {
+      if (scheduler->m_busySkip > scheduler->m_queueCount) {
+        zulKestPrintf("Warning m_busySkip %lu, m_queueCount %lu\n",
+                      static_cast<unsigned long>(scheduler->m_busySkip),
+                      static_cast<unsigned long>(scheduler->m_queueCount));
+      }
+      break;
+    }
+    KEST2_TRACE(kTraceSched, "NextEligible", "sleeping up to 50ms after getting BUSY from all %d chunks",
+                static_cast<int>(scheduler->m_busySkip));
+    if (!CondTimedWait(&scheduler->wakeup, NowMicroseconds() + kBusyBackOffMicroseconds)) {
+      if (!__atomic_exchange_n(&g_unexpectedBusyReported, true, __ATOMIC_ACQ_REL))
+        zulKestPrintf("KEST2 WARNING: An unexpected busy state was hit while scheduling!\n");
+      scheduler->m_busySkip = 0;
+      scheduler->busyCount = 0;
+      break;
+    }
+  }
+
+  ChunkLocker lock;
+  ChunkID taken = CHUNKID_INVALID;
+  for (uint64_t i = scheduler->m_busySkip; i < scheduler->m_queueCount; ++i) {
+    const ChunkID c = QueueAt(scheduler, i);
+    const bool isCallback = ChunkAt(c)->type == CHUNK_CALLBACK;
+    if (!DeferChunk(c, false) || (isCallback && ChunkIsBusy(scheduler, c))) {
+      ++scheduler->m_busySkip;
+      continue;
+    }
+    if (!isCallback && HasLinked(c) && ChunkIsBusy(scheduler, c)) {
+      ++scheduler->m_busySkip;
+      ++scheduler->busyCount;
+      continue;
+    }
+    RemoveFromQueue(scheduler, i);
+    scheduler->takePosition = i;
+    ChunkHeader* chunk = ChunkAt(c);
+    __atomic_store_n(&chunk->flags, static_cast<uint16_t>(chunk->flags | kChunkExecuting),
+                     __ATOMIC_RELEASE);
+    taken = c;
+    break;
+  }
+  if (TraceEnabled(kTraceSched)) {
+    char dump[kDumpBufferSize];
+    TraceLine(kTraceSched, "NextEligible", "%s", DumpChunk(taken, dump, sizeof(dump)));
+    PrintQueue(scheduler);
+  }
+  return taken;
+}
+
+void SchedulerThread(void* argument) {
+  Scheduler* scheduler = static_cast<Scheduler*>(argument);
+  KEST2_TRACE(kTraceSched, "Thread", "%s", "starting");
+  MutexLock(&scheduler->mutex);
+  for (;;) {
+    if (scheduler->shuttingDown && scheduler->m_queueCount == 0) break;
+    if (__atomic_load_n(&scheduler->activeThreads, __ATOMIC_ACQUIRE) < scheduler->threadCount &&
+        SuspendCount() <= 0) {
+      const ChunkID c = NextEligible(scheduler);
+      if (c != CHUNKID_INVALID) {
+        __atomic_add_fetch(&scheduler->activeThreads, 1, __ATOMIC_ACQ_REL);
+        ExecuteChunk(scheduler, c, false);
+        __atomic_sub_fetch(&scheduler->activeThreads, 1, __ATOMIC_ACQ_REL);
+        continue;
+      }
+    }
+    if (scheduler->shuttingDown && scheduler->m_queueCount == 0) break;
+    KEST2_TRACE(kTraceSched, "Thread", "%s", "waiting");
+    CondWait(&scheduler->wakeup);
+    KEST2_TRACE(kTraceSched, "Thread", "%s", "woke up");
+  }
+  KEST2_TRACE(kTraceSched, "Thread", "%s", "shutting down");
+  MutexUnlock(&scheduler->mutex);
+}
+
+void StopThreads(Scheduler* scheduler, int count) {
+  MutexLock(&scheduler->mutex);
+  scheduler->shuttingDown = true;
+  CondBroadcast(&scheduler->wakeup);
+  MutexUnlock(&scheduler->mutex);
+  for (int i = 0; i < count; ++i) JoinThread(&scheduler->threads[i]);
+}
+
+void DestroySchedulerLocks(Scheduler* scheduler) {
+  CondDestroy(&scheduler->queueFull);
+  CondDestroy(&scheduler->wakeup);
+  MutexDestroy(&scheduler->mutex);
+}
+
+int32_t CreateScheduler(Scheduler* scheduler, const char* prefix, MatchPathFunction match,
+                        ChunkRunner run) {
+  if (scheduler->initialized) return ZUL_KEST_OK;
+  const bool isCallback = scheduler == &g_callbackScheduler;
+  scheduler->threadCount = isCallback ? 1 : static_cast<int32_t>(g_KestParams.ioThreadCount);
+  scheduler->next = nullptr;
+  scheduler->pathPrefix = prefix;
+  scheduler->prefixLength = std::strlen(prefix);
+  ResetSchedulerModel(scheduler);
+  scheduler->queueHighWater = 0;
+  scheduler->kickCount = 0;
+  scheduler->busyCount = 0;
+  scheduler->activeThreads = 0;
+  scheduler->shuttingDown = false;
+  scheduler->matchPath = match;
+  scheduler->run = run;
+  MutexInitialize(&scheduler->mutex, 0, "ZulKestScheduler");
+  CondInitialize(&scheduler->wakeup, &scheduler->mutex, "ZulKestSchedulerWakeup");
+  CondInitialize(&scheduler->queueFull, &scheduler->mutex, "ZulKestSchedulerQueueFull");
+
+  // I/O threads use the first entry of the thread parameters, the callback
+  // thread the third.
+  const int paramIndex = isCallback ? 2 : 0;
+  HybPlatformThreadParams params;
+  std::memset(&params, 0, sizeof(params));
+  if (isCallback) {
+    std::snprintf(params.name, sizeof(params.name), "ZulKestCallback");
+  } else if (scheduler->prefixLength == 0) {
+    std::snprintf(params.name, sizeof(params.name), "ZulKestIO");
+  } else {
+    std::snprintf(params.name, sizeof(params.name), "ZulKestIO %s", prefix);
+  }
+  params.stackSize = g_KestParams.threadStackSize[paramIndex];
+  params.affinityMask = g_KestParams.threadAffinity[paramIndex];
+  params.priority = g_KestParams.threadPriority[paramIndex];
+  for (int i = 0; i < scheduler->threadCount; ++i) {
+    const int32_t result = CreateThread(&scheduler->threads[i], &params, SchedulerThread, scheduler);
+    if (result != ZUL_KEST_OK) {
+      StopThreads(scheduler, i);
+      DestroySchedulerLocks(scheduler);
+      return result;
+    }
+  }
+  scheduler->initialized = true;
+  scheduler->next = g_schedulerList;
+  g_schedulerList = scheduler;
+  return ZUL_KEST_OK;
+}
+
+void StopScheduler(Scheduler* scheduler) {
+  if (!scheduler->initialized) return;
+  StopThreads(scheduler, scheduler->threadCount);
+  DestroySchedulerLocks(scheduler);
+  scheduler->initialized = false;
+  g_schedulerList = scheduler->next;
+}
+
+}  // namespace
+
+Scheduler* SchedulerListHead() { return g_schedulerList; }
+Scheduler* CallbackScheduler() { return &g_callbackScheduler; }
+Scheduler* AllOtherScheduler() { return &g_allOtherScheduler; }
+
+int32_t StartSchedulers() {
+  int32_t result = CreateScheduler(&g_callbackScheduler, "", PrefixMatch, ExecuteBase);
+  if (result != ZUL_KEST_OK) return result;
+  result = CreateScheduler(&g_allOtherScheduler, "", PrefixMatch, ExecuteNative);
+  if (result != ZUL_KEST_OK) {
+    StopScheduler(&g_callbackScheduler);
+    return result;
+  }
+  result = LoadSystemModule(kDiscMapModuleId);
+  if (result != ZUL_KEST_OK) {
+    StopScheduler(&g_allOtherScheduler);
+    StopScheduler(&g_callbackScheduler);
+    return result;
+  }
+  if (g_KestParams.schedulerCount >= 2) {
+    result = CreateScheduler(&g_hddScheduler, "/", HardDiskMatch, ExecuteNative);
+    if (result != ZUL_KEST_OK) {
+      StopScheduler(&g_allOtherScheduler);
+      UnloadSystemModule(kDiscMapModuleId);
+      StopScheduler(&g_callbackScheduler);
+      return result;
+    }
+  }
+  return ZUL_KEST_OK;
+}
+
+void ShutdownSchedulers() {
+  int64_t delay = 1;
+  while (!SchedulersIdle()) {
+    KEST2_TRACE(kTraceSched, "Shutdown", "waiting %dms for idle", static_cast<int>(delay));
+    SleepMilliseconds(delay);
+    delay = delay * 2 < kIdleWaitMaxMilliseconds ? delay * 2 : kIdleWaitMaxMilliseconds;
+  }
+  StopScheduler(&g_hddScheduler);
+  StopScheduler(&g_allOtherScheduler);
+  UnloadSystemModule(kDiscMapModuleId);
+  StopScheduler(&g_callbackScheduler);
+}
+
+bool SchedulersIdle() {
+  uint64_t queued = 0;
+  for (Scheduler* s = g_schedulerList; s != nullptr; s = s->next) {
+    MutexLock(&s->mutex);
+    queued += s->m_queueCount;
+    MutexUnlock(&s->mutex);
+  }
+  return queued == 0;
+}
+
+int32_t ExecuteChunk(Scheduler* scheduler, ChunkID id, bool fastPath) {
+  const PositionKey before{scheduler->lastHandle, scheduler->lastEnd};
+  int32_t result = ZUL_KEST_OK;
+  if (HasLinked(id)) {
+    result = CallLinked(id, 1);
+    if (result == ZUL_KEST_ERROR_RETRY) {
+      ++scheduler->busyCount;
+    } else if (result == ZUL_KEST_OK && scheduler->takePosition != 0 && scheduler->busyCount != 0) {
+      // Chunks ahead of this one are busy: give the claim back and let
+      // them go first.
+      CallLinked(id, 2);
+      if (!fastPath) PutBack(scheduler, id);
+      ++scheduler->busyCount;
+      ++scheduler->m_busySkip;
+      __atomic_store_n(&scheduler->runningFinish, ZulKestTime{0}, __ATOMIC_RELAXED);
+      ClearExecuting(id);
+      return ZUL_KEST_ERROR_RETRY;
+    }
+  }
+
+  const ZulKestTime start = zulKestTimeGetCurrent();
+  EstimateState state{};
+  state.clock = start;
+  state.head = before;
+  EstimateStep(scheduler, id, kOnTime, &state);
+  __atomic_store_n(&scheduler->runningFinish, state.clock, __ATOMIC_RELAXED);
+  scheduler->lastHandle = static_cast<int32_t>(state.head.handle);
+  scheduler->lastEnd = state.head.position;
+  const int32_t kicksBefore = scheduler->kickCount;
+  MutexUnlock(&scheduler->mutex);
+
+  if (result == ZUL_KEST_OK ||
+      (result == ZUL_KEST_ERROR_CANCELLED && (ChunkAt(id)->flags & kChunkCancelled) != 0)) {
+    SchedulerEvent event(kEventExecute, id);
+    result = Execute(id, scheduler->run);
+  }
+  if (__atomic_load_n(&scheduler->activeThreads, __ATOMIC_ACQUIRE) < 2)
+    __atomic_store_n(&scheduler->runningFinish, ZulKestTime{0}, __ATOMIC_RELAXED);
+
+  if (result == ZUL_KEST_ERROR_RETRY) {
+    MutexLock(&scheduler->mutex);
+    if (!fastPath) {
+      PutBack(scheduler, id);
+      if (scheduler->kickCount == kicksBefore) ++scheduler->m_busySkip;
+    }
+    ClearExecuting(id);
+    return ZUL_KEST_ERROR_RETRY;
+  }
+
+  const uint32_t kick = fastPath ? 0 : SchedulersToKick(scheduler, id);
+  const Measured measured = Measure(id);
+  const bool isRoot = CompleteChunk(id, result);
+  const ZulKestTime elapsed = zulKestTimeGetCurrent() - start;
+
+  MutexLock(&scheduler->mutex);
+  Learn(scheduler, measured, elapsed, before);
+  scheduler->m_busySkip = 0;
+  scheduler->busyCount = 0;
+  const bool queueNotEmpty = scheduler->m_queueCount != 0;
+  MutexUnlock(&scheduler->mutex);
+
+  if (!fastPath) {
+    KickPlaces(kick);
+  } else if (queueNotEmpty) {
+    Kick(scheduler);
+  }
+  if (isRoot) ReleaseFinishedRoot(id);
+  MutexLock(&scheduler->mutex);
+  return ZUL_KEST_OK;
+}
+
+void Kick(Scheduler* scheduler) {
+  MutexLock(&scheduler->mutex);
+  if (!scheduler->shuttingDown && scheduler->m_queueCount != 0) {
+    ++scheduler->kickCount;
+    scheduler->m_busySkip = 0;
+    scheduler->busyCount = 0;
+    CondBroadcast(&scheduler->wakeup);
+  }
+  MutexUnlock(&scheduler->mutex);
+}
+
+void KickAllSchedulers() {
+  for (Scheduler* s = g_schedulerList; s != nullptr; s = s->next) Kick(s);
+}
+
+}  // namespace kest2
