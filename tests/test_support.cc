@@ -42,6 +42,10 @@ void OutputCapture::Clear() {
   g_captured.clear();
 }
 
+void SetDebugFlags(uint32_t flags) {
+  __atomic_store_n(&kest2::g_KestParams.debugFlags, flags, __ATOMIC_RELAXED);
+}
+
 ZulKestParams MakeParams(TestStorage* storage, uint32_t opUnits,
                          uint32_t fhUnits, uint32_t dhUnits, uint32_t pathMax,
                          uint32_t chunkUnits) {

@@ -30,6 +30,9 @@ class OutputCapture {
   ZulKestVprintfHook m_previous;
 };
 
+// Switches trace modules while the library's threads may be reading them.
+void SetDebugFlags(uint32_t flags);
+
 // Caller storage for the three handle tables and the chunks, sized for the
 // given unit counts, and a parameters record that points at it.
 struct TestStorage {

@@ -90,6 +90,15 @@ struct ChunkHeader {
 };
 static_assert(sizeof(ChunkHeader) == 24, "");
 
+// Flags change under the chunk lock but are also read without it (queue
+// scans, scheduler choice, execution), so every access is atomic.
+inline uint16_t LoadChunkFlags(const ChunkHeader* chunk) {
+  return __atomic_load_n(&chunk->flags, __ATOMIC_ACQUIRE);
+}
+inline void StoreChunkFlags(ChunkHeader* chunk, uint16_t flags) {
+  __atomic_store_n(&chunk->flags, flags, __ATOMIC_RELEASE);
+}
+
 // The callback of a CHUNK_CALLBACK chunk: called with the chunk's record and
 // an event; answers a result code (ZUL_KEST_ERROR_RETRY: run again later).
 struct ChunkCallbackRecord;

@@ -79,7 +79,7 @@ bool IsChildRecord(ChunkID id) { return IsRecordOf(id, CHUNK_CHILD); }
 bool IsLiveLocked(ChunkID id) {
   if (!g_chunkPool.initialised || id >= g_chunkPool.capacity) return false;
   if (!PoolUnitAllocated(&g_chunkPool, id)) return false;
-  return (ChunkAt(id)->flags & kChunkLiveMarkMask) == kChunkLiveMark;
+  return (LoadChunkFlags(ChunkAt(id)) & kChunkLiveMarkMask) == kChunkLiveMark;
 }
 
 // One cell of a child list, with where it lives: `record` is the CHUNK_CHILD
@@ -376,7 +376,7 @@ bool RemoveParent(ChunkID child, ChunkID parent) {
 bool AllChildrenCompletedLocked(ChunkID id) {
   ChildCursor cursor(id);
   for (ChunkID child = cursor.NextChild(); child != CHUNKID_INVALID; child = cursor.NextChild()) {
-    if ((ChunkAt(child)->flags & kChunkCompleted) == 0) return false;
+    if ((LoadChunkFlags(ChunkAt(child)) & kChunkCompleted) == 0) return false;
   }
   return true;
 }
@@ -470,13 +470,13 @@ uint32_t PieceCount(int64_t reqCount) {
 // REQUIRES: chunk lock held.
 void PrepareLocked(ChunkID id, int8_t priority, ZulKestTime deadline) {
   ChunkHeader* chunk = ChunkAt(id);
-  if ((chunk->flags & kChunkPrepared) != 0) return;
+  if ((LoadChunkFlags(chunk) & kChunkPrepared) != 0) return;
   chunk->priority = priority;
   chunk->deadline = deadline;
-  chunk->flags = static_cast<uint16_t>((chunk->flags | kChunkPrepared) & ~kChunkPositioned);
+  StoreChunkFlags(chunk, static_cast<uint16_t>((LoadChunkFlags(chunk) | kChunkPrepared) & ~kChunkPositioned));
   chunk->pieceCount = 1;
   if (chunk->type == CHUNK_FH_READ || chunk->type == CHUNK_FH_WRITE) {
-    chunk->flags |= kChunkPositioned;
+    StoreChunkFlags(chunk, LoadChunkFlags(chunk) | kChunkPositioned);
     chunk->pieceCount = PieceCount(ChunkRecord<ChunkFhIoRecord>(id)->reqCount);
   }
   const int table = PendingIoTable(chunk->type);
@@ -501,7 +501,7 @@ void PrepareLocked(ChunkID id, int8_t priority, ZulKestTime deadline) {
 // REQUIRES: chunk lock held.
 void RescheduleLocked(ChunkID id, ZulKestTime deadline, int8_t priority, ChunkID excluded) {
   ChunkHeader* chunk = ChunkAt(id);
-  if ((chunk->flags & kChunkCompleted) == 0) {
+  if ((LoadChunkFlags(chunk) & kChunkCompleted) == 0) {
     ZulKestTime effectiveDeadline = deadline;
     int8_t effectivePriority = priority;
     ParentCursor parents(id);
@@ -683,7 +683,7 @@ ChunkID AllocateChunk(uint8_t type, uint32_t size) {
   // The units come zeroed and nobody knows the id yet: no lock needed.
   const ChunkID id = static_cast<ChunkID>(index);
   ChunkHeader* chunk = ChunkAt(id);
-  chunk->flags = kChunkLiveMark;
+  StoreChunkFlags(chunk, kChunkLiveMark);
   chunk->type = type;
   chunk->parent = CHUNKID_INVALID;
   chunk->child0 = CHUNKID_INVALID;
@@ -711,7 +711,7 @@ void DeallocateChunk(ChunkID id) {
   KEST2_TRACE(kTraceChunk, "Deallocate", "%s", DumpChunk(id, nullptr, 0));
   ChunkHeader* chunk = ChunkAt(id);
   const uint32_t units = ChunkUnits(chunk);
-  chunk->flags = static_cast<uint16_t>(chunk->flags & ~kChunkLiveMarkMask);
+  StoreChunkFlags(chunk, static_cast<uint16_t>(LoadChunkFlags(chunk) & ~kChunkLiveMarkMask));
   PoolFree(&g_chunkPool, id, units);
 }
 
@@ -738,7 +738,7 @@ void* AllocateBufferChunk(ChunkID parent, uint64_t dataSize) {
       AllocateChunk(CHUNK_BUFFER, static_cast<uint32_t>(kChunkFootprint[CHUNK_BUFFER] + dataSize));
   if (id == CHUNKID_INVALID) return nullptr;
   ChunkLocker lock;
-  ChunkAt(id)->flags |= kChunkScheduled | kChunkCompleted;
+  StoreChunkFlags(ChunkAt(id), LoadChunkFlags(ChunkAt(id)) | kChunkScheduled | kChunkCompleted);
   if (!LinkChunks(parent, id)) {
     DeallocateChunk(id);
     return nullptr;
@@ -872,7 +872,7 @@ bool DeferChunk(ChunkID id, bool force) {
   if (id == CHUNKID_INVALID) return false;
   ChunkLocker lock;
   const ChunkHeader* chunk = ChunkAt(id);
-  if ((chunk->flags & kChunkScheduled) == 0 && !force) return false;
+  if ((LoadChunkFlags(chunk) & kChunkScheduled) == 0 && !force) return false;
   if (!AllChildrenCompletedLocked(id)) return false;
   switch (chunk->type) {
     case CHUNK_FH_READ:
@@ -913,7 +913,7 @@ bool CompleteChunk(ChunkID id, int32_t error) {
   ChunkLocker lock;
   KEST2_TRACE(kTraceChunk, "Complete", "%s", DumpChunk(id, nullptr, 0));
   ChunkHeader* chunk = ChunkAt(id);
-  chunk->flags = static_cast<uint16_t>((chunk->flags | kChunkCompleted) & ~kChunkExecuting);
+  StoreChunkFlags(chunk, static_cast<uint16_t>((LoadChunkFlags(chunk) | kChunkCompleted) & ~kChunkExecuting));
   if (error != 0) PropagateErrorLocked(id, error, false);
   return chunk->type == CHUNK_ROOT;
 }
@@ -937,7 +937,7 @@ char* DumpChunk(ChunkID id, char* buffer, size_t size) {
     return buffer;
   }
   const ChunkHeader* chunk = ChunkAt(id);
-  const uint16_t flags = chunk->flags;
+  const uint16_t flags = LoadChunkFlags(chunk);
   FormatBounded(buffer, size,
                 "chunk %d:{ type:%s, scheduled:%d, completed:%d, executing:%d, prepared:%d", id,
                 ChunkTypeName(chunk->type), (flags & kChunkScheduled) != 0 ? 1 : 0,
@@ -958,7 +958,7 @@ bool PinRoot(ChunkID root, uint32_t opHandle) {
   if (!ChunkIsLive(root)) return false;
   ChunkRootRecord* record = ChunkRecord<ChunkRootRecord>(root);
   if (record->header.type != CHUNK_ROOT || record->op != opHandle ||
-      (record->header.flags & (kChunkExecuting | kChunkCompleted)) != 0) {
+      (LoadChunkFlags(&record->header) & (kChunkExecuting | kChunkCompleted)) != 0) {
     return false;
   }
   ++record->pins;

@@ -435,7 +435,7 @@ int32_t ChunkTree(ChunkID id) {
     children[count++] = child;
   }
   if ((chunk->type == CHUNK_FH_READ || chunk->type == CHUNK_FH_WRITE) &&
-      (chunk->flags & kChunkNoSplit) == 0 && maxChunk != 0 &&
+      (LoadChunkFlags(chunk) & kChunkNoSplit) == 0 && maxChunk != 0 &&
       reinterpret_cast<const ChunkFhIoRecord*>(chunk)->reqCount > maxChunk) {
     const int32_t result = SplitTransfer(id, maxChunk);
     if (result != ZUL_KEST_OK) return result;

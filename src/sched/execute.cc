@@ -73,7 +73,7 @@ int32_t ExecuteBase(ChunkID id) {
 
 int32_t Execute(ChunkID id, ChunkRunner run) {
   ChunkHeader* chunk = ChunkAt(id);
-  const uint16_t flags = __atomic_load_n(&chunk->flags, __ATOMIC_ACQUIRE);
+  const uint16_t flags = LoadChunkFlags(chunk);
   const uint8_t type = chunk->type;
   char dump[kDumpBufferSize];
   int32_t result = ZUL_KEST_OK;

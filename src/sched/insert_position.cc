@@ -36,7 +36,7 @@ bool IsTransfer(const ChunkHeader* chunk) {
 }
 
 bool IsPositioned(const ChunkHeader* chunk) {
-  return (chunk->flags & kChunkPositioned) != 0 && IsTransfer(chunk);
+  return (LoadChunkFlags(chunk) & kChunkPositioned) != 0 && IsTransfer(chunk);
 }
 
 ZulKestTime SeekCost(const Scheduler* scheduler, const PositionKey& head, const PositionKey& key) {

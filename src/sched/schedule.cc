@@ -25,13 +25,12 @@ namespace {
 
 constexpr ZulKestTime kDefaultDeadlineDelay = 300000000000LL;  // 300 s
 
-uint16_t LoadFlags(ChunkID id) { return __atomic_load_n(&ChunkAt(id)->flags, __ATOMIC_ACQUIRE); }
+uint16_t LoadFlags(ChunkID id) { return LoadChunkFlags(ChunkAt(id)); }
 
 // Sets or clears flag bits; REQUIRES: chunk lock held.
 void ChangeFlags(ChunkID id, uint16_t set, uint16_t clear) {
   ChunkHeader* chunk = ChunkAt(id);
-  __atomic_store_n(&chunk->flags, static_cast<uint16_t>((chunk->flags | set) & ~clear),
-                   __ATOMIC_RELEASE);
+  StoreChunkFlags(chunk, static_cast<uint16_t>((LoadChunkFlags(chunk) | set) & ~clear));
 }
 
 Scheduler* SchedulerAt(int place) {
@@ -54,7 +53,7 @@ Scheduler* ChooseScheduler(ChunkID id) {
     return CallbackScheduler();
   int64_t offset = 0;
   int64_t length = 0;
-  if ((chunk->flags & kChunkPositioned) != 0 &&
+  if ((LoadChunkFlags(chunk) & kChunkPositioned) != 0 &&
       (chunk->type == CHUNK_FH_READ || chunk->type == CHUNK_FH_WRITE)) {
     const ChunkFhIoRecord* io = reinterpret_cast<const ChunkFhIoRecord*>(chunk);
     offset = io->offset;
@@ -193,7 +192,7 @@ bool AddToSchedule(Scheduler* scheduler, ChunkID id, uint32_t opflags, bool fast
   SchedulerEvent event(kEventAddToSchedule, id);
   MutexLock(&scheduler->mutex);
   ChunkHeader* chunk = ChunkAt(id);
-  if ((chunk->flags & kChunkPositioned) != 0) ComputeChunkPosition(id);
+  if ((LoadChunkFlags(chunk) & kChunkPositioned) != 0) ComputeChunkPosition(id);
   while (scheduler->m_queueCount > kQueueFullCount) {
     zulKestPrintf("KEST2 scheduler queue is full, waiting...\n");
     CondWait(&scheduler->queueFull);

@@ -54,8 +54,7 @@ bool HardDiskMatch(const Scheduler*, const StoredPath* path, int64_t offset, int
 void ClearExecuting(ChunkID id) {
   ChunkLocker lock;
   ChunkHeader* chunk = ChunkAt(id);
-  __atomic_store_n(&chunk->flags, static_cast<uint16_t>(chunk->flags & ~kChunkExecuting),
-                   __ATOMIC_RELEASE);
+  StoreChunkFlags(chunk, static_cast<uint16_t>(LoadChunkFlags(chunk) & ~kChunkExecuting));
 }
 
 bool HasLinked(ChunkID id) { return ChunkAt(id)->linked != CHUNKID_INVALID; }
@@ -96,7 +95,7 @@ struct Measured {
 Measured Measure(ChunkID id) {
   const ChunkHeader* chunk = ChunkAt(id);
   Measured measured{chunk->type, chunk->pieceCount, false, PositionKey{0, 0}};
-  measured.positioned = (chunk->flags & kChunkPositioned) != 0 &&
+  measured.positioned = (LoadChunkFlags(chunk) & kChunkPositioned) != 0 &&
                         (chunk->type == CHUNK_FH_READ || chunk->type == CHUNK_FH_WRITE);
   if (measured.positioned) measured.key = ChunkPositionKey(id);
   return measured;
@@ -203,8 +202,7 @@ ChunkID NextEligible(Scheduler* scheduler) {
     RemoveFromQueue(scheduler, i);
     scheduler->takePosition = i;
     ChunkHeader* chunk = ChunkAt(c);
-    __atomic_store_n(&chunk->flags, static_cast<uint16_t>(chunk->flags | kChunkExecuting),
-                     __ATOMIC_RELEASE);
+    StoreChunkFlags(chunk, static_cast<uint16_t>(LoadChunkFlags(chunk) | kChunkExecuting));
     taken = c;
     break;
   }
@@ -399,7 +397,7 @@ int32_t ExecuteChunk(Scheduler* scheduler, ChunkID id, bool fastPath) {
   MutexUnlock(&scheduler->mutex);
 
   if (result == ZUL_KEST_OK ||
-      (result == ZUL_KEST_ERROR_CANCELLED && (ChunkAt(id)->flags & kChunkCancelled) != 0)) {
+      (result == ZUL_KEST_ERROR_CANCELLED && (LoadChunkFlags(ChunkAt(id)) & kChunkCancelled) != 0)) {
     SchedulerEvent event(kEventExecute, id);
     result = Execute(id, scheduler->run);
   }

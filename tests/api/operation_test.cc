@@ -49,7 +49,7 @@ class OperationTest : public ::testing::Test {
     ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
   }
   void TearDown() override {
-    kest2::g_KestParams.debugFlags = 0;
+    kest2_test::SetDebugFlags(0);
     zulKestTerminate();
   }
 
@@ -123,7 +123,7 @@ TEST_F(OperationTest, ManyWaitersAllSeeTheResult) {
 TEST_F(OperationTest, TimedWaitsTimeOutOrFinishJustInTime) {
   Operation* op = NewOp();
   const ZulKestOp h = op->h;
-  kest2::g_KestParams.debugFlags = kest2::kTraceOp;
+  kest2_test::SetDebugFlags(kest2::kTraceOp);
   {
     kest2_test::OutputCapture out;
     EXPECT_EQ(zulKestOpWaitUntil(h, zulKestTimeGetCurrent() - 1000), ZUL_KEST_ERROR_TIMEOUT);
@@ -131,7 +131,7 @@ TEST_F(OperationTest, TimedWaitsTimeOutOrFinishJustInTime) {
               std::string::npos)
         << out.text();
   }
-  kest2::g_KestParams.debugFlags = 0;
+  kest2_test::SetDebugFlags(0);
   const ZulKestTime start = zulKestTimeGetCurrent();
   EXPECT_EQ(zulKestOpWaitUntil(h, start + 30000000), ZUL_KEST_ERROR_TIMEOUT);
   EXPECT_GE(zulKestTimeGetCurrent() - start, 30000000);

@@ -15,11 +15,11 @@ namespace {
 
 class TraceTest : public ::testing::Test {
  protected:
-  void TearDown() override { kest2::g_KestParams.debugFlags = 0; }
+  void TearDown() override { kest2_test::SetDebugFlags(0); }
 };
 
 TEST_F(TraceTest, LineHasTheFixedPrefix) {
-  kest2::g_KestParams.debugFlags = kest2::kTraceSched;
+  kest2_test::SetDebugFlags(kest2::kTraceSched);
   kest2_test::OutputCapture out;
   KEST2_TRACE(kest2::kTraceSched, "NextEligible", "queue %d of %s", 3, "io");
   const std::regex line(
@@ -29,19 +29,19 @@ TEST_F(TraceTest, LineHasTheFixedPrefix) {
 
 TEST_F(TraceTest, OnlyModulesWhoseBitIsSetAreTraced) {
   kest2_test::OutputCapture out;
-  kest2::g_KestParams.debugFlags = kest2::kTraceIo;
+  kest2_test::SetDebugFlags(kest2::kTraceIo);
   KEST2_TRACE(kest2::kTraceCache, "Fill", "nothing");
   EXPECT_EQ(out.text(), "");
   KEST2_TRACE(kest2::kTraceIo, "zulKestNativeRead", "x");
   EXPECT_NE(out.text().find("kest2/io    0x"), std::string::npos);
   out.Clear();
-  kest2::g_KestParams.debugFlags = 0;  // switched at run time
+  kest2_test::SetDebugFlags(0);  // switched at run time
   KEST2_TRACE(kest2::kTraceIo, "zulKestNativeRead", "x");
   EXPECT_EQ(out.text(), "");
 }
 
 TEST_F(TraceTest, ExportedFunctionsTraceTheirName) {
-  kest2::g_KestParams.debugFlags = kest2::kTraceApi;
+  kest2_test::SetDebugFlags(kest2::kTraceApi);
   kest2_test::OutputCapture out;
   zulKestGetAllOps(nullptr, 0);
   const std::regex line(R"(\d+\.\d{6} kest2/api   0x[0-9a-f]+ zulKestGetAllOps \n)");

@@ -75,7 +75,7 @@ class NativeHandlersTest : public ::testing::Test {
     g_requests.clear();
   }
   void TearDown() override {
-    g_KestParams.debugFlags = 0;
+    kest2_test::SetDebugFlags(0);
     g_KestParams.pEventCallback = nullptr;
     for (uint32_t h : handles_) {
       if (FileHandle* fh = Fh(h)) {
@@ -484,7 +484,7 @@ TEST_F(NativeHandlersTest, TraceLinesAreExact) {
   const uint32_t h = NewHandle(f, ZUL_KEST_O_READ | ZUL_KEST_O_CREAT);
   const uint32_t missing = NewHandle(m, ZUL_KEST_O_READ);
   kest2_test::OutputCapture capture;
-  g_KestParams.debugFlags = kTraceIo;
+  kest2_test::SetDebugFlags(kTraceIo);
   ASSERT_EQ(Open(h, f, 0644), ZUL_KEST_OK);
   char buf[16];
   EXPECT_EQ(Io(CHUNK_FH_READ, h, 0x1A, 4, buf, nullptr), ZUL_KEST_ERROR_EOF);
@@ -501,7 +501,7 @@ TEST_F(NativeHandlersTest, TraceLinesAreExact) {
   sync->path = Stored("/x");
   sync->flags = 0x2A;
   EXPECT_EQ(Run(), ZUL_KEST_OK);
-  g_KestParams.debugFlags = 0;
+  kest2_test::SetDebugFlags(0);
 
   char bufText[32];
   std::snprintf(bufText, sizeof(bufText), "0x%08llX",

@@ -33,7 +33,7 @@ class ChunkTreeTest : public ::testing::Test {
  protected:
   void SetUp() override { zulKestDataInit(); }
   void TearDown() override {
-    g_KestParams.debugFlags = 0;
+    kest2_test::SetDebugFlags(0);
     {
       kest2_test::OutputCapture quiet;
       TerminateChunkStorage();
@@ -110,9 +110,9 @@ TEST_F(ChunkTreeTest, SetUpRefusesUnusableStorageAndTerminateReportsHighWater) {
   DeallocateChunk(b);
   DeallocateChunk(b);  // freed twice: ignored
   EXPECT_EQ(Used(), 7u);
-  g_KestParams.debugFlags = kTraceChunk;
+  kest2_test::SetDebugFlags(kTraceChunk);
   TerminateChunkStorage();
-  g_KestParams.debugFlags = 0;
+  kest2_test::SetDebugFlags(0);
   const std::string& out = capture.text();
   EXPECT_TRUE(Traced(out, "Deallocate", "chunk 0:{ type:CHUNK_NULL" + kFresh)) << out;
   const size_t leak = out.find("terminated with 80 bytes (5 units) of chunks still allocated\n");
@@ -137,7 +137,7 @@ TEST_F(ChunkTreeTest, ExhaustedStorageFailsCleanlyAndLeaksNothing) {
   const Ids both = {a, b};
 
   kest2_test::OutputCapture capture;
-  g_KestParams.debugFlags = kTraceChunk;
+  kest2_test::SetDebugFlags(kTraceChunk);
   EXPECT_EQ(AllocateChildChunk(parent, CHUNK_NULL), CHUNKID_INVALID);
   EXPECT_EQ(AllocateBufferChunk(parent, 8), nullptr);
   EXPECT_FALSE(LinkChunks(parent, fillers[0]));  // a third child needs a record
@@ -152,7 +152,7 @@ TEST_F(ChunkTreeTest, ExhaustedStorageFailsCleanlyAndLeaksNothing) {
   EXPECT_EQ(Children(parent), both);
   EXPECT_EQ(Parents(a), Ids{parent});
   EXPECT_EQ(Used(), 60u);
-  g_KestParams.debugFlags = 0;
+  kest2_test::SetDebugFlags(0);
   const std::string& out = capture.text();
   EXPECT_TRUE(Traced(out, "AllocateChild", "parent 2, type 0\n")) << out;
   EXPECT_TRUE(Traced(out, "Allocate", "(failed)\n")) << out;
@@ -278,9 +278,9 @@ TEST_F(ChunkTreeTest, SharedChunkOutlivesOneTreeAndReplaceMovesEveryLink) {
   for (int i = 0; i < 3; ++i) kids.push_back(AllocateChildChunk(old, CHUNK_FH_OPEN));
   const ChunkID replacement = AllocateChunk(CHUNK_FH_READ);
   kest2_test::OutputCapture capture;
-  g_KestParams.debugFlags = kTraceChunk;
+  kest2_test::SetDebugFlags(kTraceChunk);
   ReplaceChunk(old, replacement);
-  g_KestParams.debugFlags = 0;
+  kest2_test::SetDebugFlags(0);
   EXPECT_EQ(Parents(replacement), (Ids{p1, p2}));
   EXPECT_EQ(Children(replacement), kids);
   EXPECT_EQ(Children(p1), (Ids{sibling, replacement}));
@@ -317,7 +317,7 @@ TEST_F(ChunkTreeTest, DeferWaitsForOpenFilesChildrenAndPendingIo) {
   ChunkRecord<ChunkHandleRecord>(close)->h = h;
 
   kest2_test::OutputCapture capture;
-  g_KestParams.debugFlags = kTraceChunk;
+  kest2_test::SetDebugFlags(kTraceChunk);
   PrepareChunk(roots[0], 7, 1000);
   PrepareChunk(roots[1], 7, 1000);
   PrepareChunk(roots[0], 9, 5);  // already prepared: nothing changes or counts
@@ -376,7 +376,7 @@ TEST_F(ChunkTreeTest, DeferWaitsForOpenFilesChildrenAndPendingIo) {
   EXPECT_FALSE(DeferChunk(dirClose, true));
   dh->opened = 1;
   EXPECT_FALSE(DeferChunk(dirClose, true));
-  g_KestParams.debugFlags = 0;
+  kest2_test::SetDebugFlags(0);
   const std::string dc = std::to_string(dirClose);
   EXPECT_TRUE(
       Traced(out, "DH", "Chunk " + std::to_string(dirRead) + " incremented m_pendingIO = 1"));
@@ -402,9 +402,9 @@ TEST_F(ChunkTreeTest, CompletionKeepsTheFirstErrorAtEveryLevel) {
   ChunkAt(first)->flags |= kChunkExecuting;
 
   kest2_test::OutputCapture capture;
-  g_KestParams.debugFlags = kTraceChunk;
+  kest2_test::SetDebugFlags(kTraceChunk);
   EXPECT_FALSE(CompleteChunk(first, ZUL_KEST_ERROR_EOF));
-  g_KestParams.debugFlags = 0;
+  kest2_test::SetDebugFlags(0);
   // The dump is traced before the chunk is marked.
   EXPECT_TRUE(Traced(capture.text(), "Complete",
                      "chunk " + std::to_string(first) +

@@ -34,7 +34,7 @@ class ExecuteTest : public ::testing::Test {
     g_handled = 0;
   }
   void TearDown() override {
-    g_KestParams.debugFlags = 0;
+    kest2_test::SetDebugFlags(0);
     zulKestTerminate();
   }
 
@@ -194,13 +194,13 @@ TEST_F(ExecuteTest, MissingOperationIsReported) {
 
 TEST_F(ExecuteTest, TraceLinesAroundAHandler) {
   const ChunkID null = AllocateChunk(CHUNK_NULL);
-  g_KestParams.debugFlags = kTraceChunk;
+  kest2_test::SetDebugFlags(kTraceChunk);
   kest2_test::OutputCapture out;
   EXPECT_EQ(Execute(null, ExecuteBase), ZUL_KEST_OK);
   const std::string text = out.text();
   EXPECT_NE(text.find(" Execute         starting: chunk "), std::string::npos) << text;
   EXPECT_NE(text.find(" Execute         finished: err=0, chunk "), std::string::npos) << text;
-  g_KestParams.debugFlags = 0;
+  kest2_test::SetDebugFlags(0);
   DeallocateChunk(null);
 }
 
