@@ -70,6 +70,15 @@ int LogCallback(void* context, ZulKestOp, uint8_t event, int32_t) {
   return 0;
 }
 
+// Default attributes whose callback records into log.
+ZulKestOpAttr LoggingAttr(CallbackLog* log) {
+  ZulKestOpAttr attr;
+  zulKestGetDefaultOpAttr(&attr);
+  attr.pCallback = LogCallback;
+  attr.pCallbackContext = log;
+  return attr;
+}
+
 class EngineTest : public ::testing::Test {
  protected:
   void Start(uint32_t ioThreads = 1, uint32_t maxChunk = 0, uint32_t schedulers = 1) {
@@ -100,10 +109,7 @@ TEST_F(EngineTest, PathReadSplitIntoPiecesArrivesWholeAndCallsBackOnTheCallbackT
   const std::string path = MakeFile("big", 1000003, 1);
   std::vector<uint8_t> buffer(1000003);
   CallbackLog log;
-  ZulKestOpAttr attr;
-  zulKestGetDefaultOpAttr(&attr);
-  attr.pCallback = LogCallback;
-  attr.pCallbackContext = &log;
+  const ZulKestOpAttr attr = LoggingAttr(&log);
   const ZulKestOp op = zulKestFileRead(&attr, path.c_str(), buffer.data(), 1000003, 0);
   ASSERT_NE(op, 0u);
   EXPECT_EQ(zulKestOpWait(op), ZUL_KEST_OK);
@@ -218,10 +224,7 @@ TEST_F(EngineTest, CancelRacingCompletionEndsEitherWayWithNothingLost) {
   for (int round = 0; round < 200; ++round) {
     std::vector<uint8_t> buffer(200000);
     CallbackLog log;
-    ZulKestOpAttr attr;
-    zulKestGetDefaultOpAttr(&attr);
-    attr.pCallback = LogCallback;
-    attr.pCallbackContext = &log;
+    const ZulKestOpAttr attr = LoggingAttr(&log);
     const ZulKestOp op = zulKestFileRead(&attr, path.c_str(), buffer.data(), 200000, 0);
     std::thread canceller([op, round] {
       for (int spin = 0; spin < round * 7; ++spin) std::this_thread::yield();
@@ -307,10 +310,7 @@ TEST_F(EngineTest, TerminationWaitsForQueuedWorkToDrain) {
   const std::string path = MakeFile("drain", 1 << 20, 8);
   std::vector<std::vector<uint8_t>> buffers(20, std::vector<uint8_t>(1 << 20));
   CallbackLog log;
-  ZulKestOpAttr attr;
-  zulKestGetDefaultOpAttr(&attr);
-  attr.pCallback = LogCallback;
-  attr.pCallbackContext = &log;
+  const ZulKestOpAttr attr = LoggingAttr(&log);
   zulKestSuspend();
   for (auto& buffer : buffers) {
     ASSERT_NE(zulKestFileRead(&attr, path.c_str(), buffer.data(), 1 << 20, 0), 0u);
