@@ -1,17 +1,14 @@
 // The asynchronous file requests: open, the read/write family, stat,
 // truncate, sync and close of a file handle, and whole-path reads and
-// writes.
-//
-// Each checks its arguments in a fixed order, fills an operation and hands
-// it to the engine.  A failed check still returns a live operation,
-// completed at once with the code (its callback has run on the caller's
-// thread); only a full operation table returns 0.
+// writes.  Reads and writes at the current position take the handle's
+// position when the request is made; it moves when the operation completes.
 
 #include <cstring>
 
 #include "api/globals.h"
 #include "api/operation.h"
 #include "api/records.h"
+#include "api/request_support.h"
 #include "core/handletable.h"
 #include "debug/trace.h"
 #include "kest2.h"
@@ -65,25 +62,6 @@ int64_t Position(uint32_t fh) {
   return file != nullptr ? __atomic_load_n(&file->offset, __ATOMIC_ACQUIRE) : -1;
 }
 
-// A new file handle for an open or a whole-path request.
-FileHandle* NewFileHandle(const ZulKestOpenParams* params) {
-  const uint32_t fh = AllocateHandle(kFhTable);
-  FileHandle* file = LiveFile(fh);
-  if (file == nullptr) return nullptr;
-  file->nativeFH = -1;
-  if (params != nullptr) file->openParams = *params;
-  return file;
-}
-
-// A request on an existing file handle.
-uint32_t HandleRequest(const ZulKestOpAttr* attr, uint16_t type, uint32_t fh) {
-  Operation* op = OpCreate(attr, type);
-  if (op == nullptr) return 0;
-  if (LiveFile(fh) == nullptr) return OpFail(op, ZUL_KEST_ERROR_BAD_FH);
-  op->targetHandle = fh;
-  return OpAccept(op);
-}
-
 // A read or write of a file by path through a private handle.
 uint32_t PathIO(const ZulKestOpAttr* attr, const char* path, const void* buf, int64_t length,
                 int64_t offset, uint16_t type) {
@@ -117,12 +95,9 @@ extern "C" ZulKestOp zulKestFHOpenWithMode(const ZulKestOpAttr* attr, ZulKestFH*
   if (op == nullptr) return 0;
   if (pFH == nullptr) return OpFail(op, ZUL_KEST_ERROR_BAD_PTR);
   *pFH = 0;
-  ZulKestOpenParams params{};
-  if (openParams != nullptr) params = *openParams;
-  if ((params.openFlags & ZUL_KEST_O_RESERVED_MASK) != 0) return OpFail(op, ZUL_KEST_ERROR_BAD_FLAGS);
-  if ((params.openFlags & (ZUL_KEST_O_READ | ZUL_KEST_O_WRITE)) == 0)
-    params.openFlags |= ZUL_KEST_O_READ;
-  if (attr != nullptr) params.opflags = static_cast<uint16_t>(attr->opflags & 0xFFFF);
+  if (openParams != nullptr && (openParams->openFlags & ZUL_KEST_O_RESERVED_MASK) != 0)
+    return OpFail(op, ZUL_KEST_ERROR_BAD_FLAGS);
+  const ZulKestOpenParams params = CompleteOpenParams(attr, openParams);
   FileHandle* file = NewFileHandle(&params);
   if (file == nullptr) return OpFail(op, ZUL_KEST_ERROR_CANT_ALLOCATE_FH);
   *pFH = file->h;
@@ -210,12 +185,12 @@ extern "C" ZulKestOp zulKestFHTruncate(const ZulKestOpAttr* attr, ZulKestFH fh, 
 
 extern "C" ZulKestOp zulKestFHSync(const ZulKestOpAttr* attr, ZulKestFH fh) {
   KEST2_TRACE_API("zulKestFHSync");
-  return HandleRequest(attr, OP_FH_SYNC, fh);
+  return FileHandleRequest(attr, OP_FH_SYNC, fh);
 }
 
 extern "C" ZulKestOp zulKestFHClose(const ZulKestOpAttr* attr, ZulKestFH fh) {
   KEST2_TRACE_API("zulKestFHClose");
-  return HandleRequest(attr, OP_FH_CLOSE, fh);
+  return FileHandleRequest(attr, OP_FH_CLOSE, fh);
 }
 
 extern "C" ZulKestOp zulKestFileRead(const ZulKestOpAttr* attr, const char* path, void* buf,
