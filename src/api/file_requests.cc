@@ -27,6 +27,7 @@ uint32_t FileIO(const ZulKestOpAttr* attr, uint32_t fh, const ZulKestBuffer* iov
   if (file == nullptr) return OpFail(op, ZUL_KEST_ERROR_BAD_FH);
   if (count < 1 || count > ZUL_KEST_MAX_BUFFERS) return OpFail(op, ZUL_KEST_ERROR_BAD_IOVCNT);
   if (offset < 0) return OpFail(op, ZUL_KEST_ERROR_BAD_OFFSET);
+  if (iov == nullptr) return OpFail(op, ZUL_KEST_ERROR_BAD_PTR);
   op->targetHandle = fh;
   op->bufferCount = static_cast<uint8_t>(count);
   std::memcpy(op->buffers, iov, sizeof(ZulKestBuffer) * static_cast<size_t>(count));

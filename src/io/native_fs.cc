@@ -239,6 +239,35 @@ int64_t NativePread(int32_t fd, void* buffer, int64_t count, int64_t offset) {
   return rc < 0 ? FailureCode() : static_cast<int64_t>(rc);
 }
 
+int64_t NativeRead(int32_t fd, void* buffer, int64_t count) {
+  const ssize_t rc = Restarting([&] { return ::read(fd, buffer, static_cast<size_t>(count)); });
+  return rc < 0 ? FailureCode() : static_cast<int64_t>(rc);
+}
+
+int64_t NativeWrite(int32_t fd, const void* buffer, int64_t count) {
+  const ssize_t rc = Restarting([&] { return ::write(fd, buffer, static_cast<size_t>(count)); });
+  return rc < 0 ? FailureCode() : static_cast<int64_t>(rc);
+}
+
+int64_t NativeSeek(int32_t fd, int64_t offset, int whence) {
+  const int kernelWhence = whence == 1 ? SEEK_CUR : whence == 2 ? SEEK_END : SEEK_SET;
+  const off_t rc = ::lseek(fd, static_cast<off_t>(offset), kernelWhence);
+  return rc < 0 ? FailureCode() : static_cast<int64_t>(rc);
+}
+
+void FillLibraryStat(const NativeStat& st, ZulKestStat* out) {
+  constexpr int64_t kNanosecondsPerSecond = 1000000000;
+  std::memset(out, 0, sizeof(*out));
+  out->fileSize = st.size;
+  out->accessDate = static_cast<ZulKestDate>(st.accessSeconds * kNanosecondsPerSecond);
+  out->modificationDate = static_cast<ZulKestDate>(st.modificationSeconds * kNanosecondsPerSecond);
+  out->creationDate = 0;
+  if (NativeIsDirectory(st)) out->statFlags |= ZUL_KEST_STAT_DIRECTORY;
+  if ((st.mode & kNativeModeOwnerRead) != 0) out->statFlags |= ZUL_KEST_STAT_READABLE;
+  if ((st.mode & kNativeModeOwnerWrite) != 0) out->statFlags |= ZUL_KEST_STAT_WRITABLE;
+  out->mode = st.mode & 0xFFFF;
+}
+
 int64_t NativePwrite(int32_t fd, const void* buffer, int64_t count, int64_t offset) {
   const ssize_t rc = Restarting([&] {
     return ::pwrite(fd, buffer, static_cast<size_t>(count), static_cast<off_t>(offset));

@@ -76,6 +76,11 @@ constexpr uint32_t kNativeModeRegular = 0x8000;
 constexpr uint32_t kNativeModeOwnerRead = 0x100;
 constexpr uint32_t kNativeModeOwnerWrite = 0x80;
 
+// The library's 80-byte stat record for a status: size, access and
+// modification dates in whole seconds, no creation date, the directory and
+// owner read/write flags, and the mode bits.
+void FillLibraryStat(const NativeStat& st, ZulKestStat* out);
+
 inline bool NativeIsDirectory(const NativeStat& st) {
   return (st.mode & kNativeModeTypeMask) == kNativeModeDirectory;
 }
@@ -97,6 +102,12 @@ int64_t NativePread(int32_t fd, void* buffer, int64_t count, int64_t offset);
 // transfer) is reported as ZUL_KEST_ERROR_BAD_OFFSET instead of a kernel
 // code.
 int64_t NativePwrite(int32_t fd, const void* buffer, int64_t count, int64_t offset);
+// Transfers at the descriptor's own file position, which they advance.
+int64_t NativeRead(int32_t fd, void* buffer, int64_t count);
+int64_t NativeWrite(int32_t fd, const void* buffer, int64_t count);
+// Moves the descriptor's file position (whence: 0 start, 1 current, 2
+// end); the new position or a negative kernel code.
+int64_t NativeSeek(int32_t fd, int64_t offset, int whence);
 int32_t NativeFsync(int32_t fd);
 int32_t NativeFtruncate(int32_t fd, int64_t size);
 int32_t NativeTruncate(const char* path, int64_t size);

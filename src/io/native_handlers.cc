@@ -328,17 +328,7 @@ int32_t Stat(ChunkID id) {
     event.Finish();
   }
   if (result < 0) return Fail("zulKestNativeStat/zulKestNativeFHStat", result);
-  ZulKestStat* out = chunk->stat;
-  std::memset(out, 0, sizeof(*out));
-  out->fileSize = st.size;
-  out->accessDate = static_cast<ZulKestDate>(st.accessSeconds * kNanosecondsPerSecond);
-  out->modificationDate =
-      static_cast<ZulKestDate>(st.modificationSeconds * kNanosecondsPerSecond);
-  out->creationDate = 0;
-  if (NativeIsDirectory(st)) out->statFlags |= ZUL_KEST_STAT_DIRECTORY;
-  if (st.mode & kNativeModeOwnerRead) out->statFlags |= ZUL_KEST_STAT_READABLE;
-  if (st.mode & kNativeModeOwnerWrite) out->statFlags |= ZUL_KEST_STAT_WRITABLE;
-  out->mode = st.mode & 0xFFFF;
+  FillLibraryStat(st, chunk->stat);
   return ZUL_KEST_OK;
 }
 
