@@ -82,6 +82,12 @@ extern "C" void zulKestCancelAllOps(void) {
       nullptr);
 }
 
+extern "C" void zulKestCloseAllFiles(void) {
+  KEST2_TRACE_API("zulKestCloseAllFiles");
+  ForEachHandle(kFhTable, [](uint32_t handle, void*) { zulKestFHCloseSync(nullptr, handle); },
+                nullptr);
+}
+
 extern "C" void zulKestShutdownAndCancelOps(void) {
   KEST2_TRACE_API("zulKestShutdownAndCancelOps");
   zulKestCancelAllOps();

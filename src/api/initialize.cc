@@ -12,6 +12,7 @@
 
 #include "api/globals.h"
 #include "api/records.h"
+#include "archive/codec_registry.h"
 #include "core/handletable.h"
 #include "debug/trace.h"
 #include "io/filter_chain.h"
@@ -159,6 +160,7 @@ extern "C" int32_t zulKestInitialize(const ZulKestParams* params) {
     result = StartSchedulers();
   }
   if (result == ZUL_KEST_OK) {
+    InitializeCodecRegistry(static_cast<uint8_t>(g_KestParams.decompressorThreadCount));
     __atomic_store_n(&g_KestParams.header, g_KestParams.header | 1u,
                      __ATOMIC_RELEASE);
     return ZUL_KEST_OK;
@@ -189,6 +191,7 @@ extern "C" void zulKestTerminate(void) {
   SetAutoInitialized(false);
 
   RemoveAllFilters();
+  TerminateCodecs();
   TerminateChunkStorage();
   TerminateNativeDirBuffer();
   ReleaseAllHandles(kDhTable);
