@@ -1,0 +1,43 @@
+// The library as the command-line program uses it: initialised over storage
+// the program owns for the length of one command, with the library's own
+// messages (trace lines, statistics) going to standard error so that they
+// never mix with a command's output.
+#ifndef KEST2_TOOLS_KEST2_LIBRARY_SESSION_H_
+#define KEST2_TOOLS_KEST2_LIBRARY_SESSION_H_
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "kest2.h"
+
+namespace kest2_cli {
+
+struct SessionOptions {
+  uint32_t debugFlags = 0;
+  bool printStatistics = false;
+  uint32_t ioThreads = 2;
+};
+
+class LibrarySession {
+ public:
+  explicit LibrarySession(const SessionOptions& options);
+  ~LibrarySession();  // prints the statistics when asked, then terminates
+  LibrarySession(const LibrarySession&) = delete;
+  LibrarySession& operator=(const LibrarySession&) = delete;
+
+  // 0, or the initialisation's result code.
+  int32_t status() const { return m_status; }
+
+ private:
+  std::vector<uint64_t> m_ops, m_fhs, m_dhs, m_chunks;
+  bool m_printStatistics;
+  int32_t m_status;
+};
+
+// "ZUL_KEST_ERROR_BAD_PATH" for a result code.
+std::string ErrorName(int64_t code);
+
+}  // namespace kest2_cli
+
+#endif  // KEST2_TOOLS_KEST2_LIBRARY_SESSION_H_
