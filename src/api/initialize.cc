@@ -15,7 +15,10 @@
 #include "archive/codec_registry.h"
 #include "core/handletable.h"
 #include "debug/trace.h"
+#include "io/dir_listing.h"
 #include "io/filter_chain.h"
+#include "io/native_fs.h"
+#include "io/overlay_dir_listing.h"
 #include "io/native_dir_buffer.h"
 #include "io/native_handlers.h"
 #include "kest2.h"
@@ -79,18 +82,20 @@ bool ReservedFieldsAreZero(const ZulKestParams* p) {
          p->reserved == 0 && p->reservedMode < 2;
 }
 
-// Releases every live handle of a table, a batch at a time (no heap, bounded
-// stack).
-void ReleaseAllHandles(HandleTableId table) {
-  uint32_t batch[64];
-  for (;;) {
-    const uint32_t live = EnumerateHandles(table, batch, 64);
-    if (live == 0) return;
-    const uint32_t n = live < 64 ? live : 64;
-    for (uint32_t i = 0; i < n; ++i) {
-      if (LookupHandle(table, batch[i]) != nullptr) ReleaseHandle(table, batch[i]);
-    }
-  }
+// Termination closes what the application left open: a listing's native
+// directory, a file's descriptor; then the handle goes.
+void CloseAndReleaseDirHandle(uint32_t handle, void*) {
+  DirHandle* dir = Lookup<DirHandle>(kDhTable, handle);
+  if (dir == nullptr) return;
+  if (dir->nativeDH != 0) CloseOverlaidDirectory(reinterpret_cast<OverlayDirListing*>(dir->nativeDH));
+  ReleaseHandle(kDhTable, handle);
+}
+
+void CloseAndReleaseFileHandle(uint32_t handle, void*) {
+  FileHandle* file = Lookup<FileHandle>(kFhTable, handle);
+  if (file == nullptr) return;
+  if (file->nativeFH != -1) NativeClose(file->nativeFH);
+  ReleaseHandle(kFhTable, handle);
 }
 
 }  // namespace
@@ -157,6 +162,7 @@ extern "C" int32_t zulKestInitialize(const ZulKestParams* params) {
     ++built;
     InitializeNativeDirBuffer();
     SetRootHandler(CompleteRoot);  // the native table finishes roots too
+    InstallDirectoryListing();
     result = StartSchedulers();
   }
   if (result == ZUL_KEST_OK) {
@@ -194,9 +200,9 @@ extern "C" void zulKestTerminate(void) {
   TerminateCodecs();
   TerminateChunkStorage();
   TerminateNativeDirBuffer();
-  ReleaseAllHandles(kDhTable);
+  ForEachHandle(kDhTable, CloseAndReleaseDirHandle, nullptr);
   HandleTableTearDown(kDhTable);
-  ReleaseAllHandles(kFhTable);
+  ForEachHandle(kFhTable, CloseAndReleaseFileHandle, nullptr);
   HandleTableTearDown(kFhTable);
   // Operations are the caller's to delete; what is left is reported.
   HandleTableTearDown(kOpTable);

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "api/globals.h"
+#include "api/records.h"
 #include "core/handletable.h"
 #include "kest2.h"
 #include "test_support.h"
@@ -228,7 +229,10 @@ TEST_F(InitializeTest, TerminateClearsHooksAndReportsLeakedOperations) {
   // termination (1272 bytes each).
   ASSERT_NE(kest2::AllocateHandle(kest2::kOpTable), 0u);
   ASSERT_NE(kest2::AllocateHandle(kest2::kOpTable), 0u);
-  ASSERT_NE(kest2::AllocateHandle(kest2::kFhTable), 0u);  // file handles are released
+  // File handles are released (one without a descriptor: -1).
+  const uint32_t fh = kest2::AllocateHandle(kest2::kFhTable);
+  ASSERT_NE(fh, 0u);
+  kest2::Lookup<kest2::FileHandle>(kest2::kFhTable, fh)->nativeFH = -1;
   OutputCapture out;
   zulKestTerminate();
   EXPECT_EQ(out.text(),
@@ -242,7 +246,10 @@ TEST_F(InitializeTest, GetAllHandlesCountsAndFills) {
   ZulKestParams params = MakeParams(&storage_);
   ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
   uint32_t made[3];
-  for (uint32_t& h : made) h = kest2::AllocateHandle(kest2::kFhTable);
+  for (uint32_t& h : made) {
+    h = kest2::AllocateHandle(kest2::kFhTable);
+    kest2::Lookup<kest2::FileHandle>(kest2::kFhTable, h)->nativeFH = -1;  // no descriptor
+  }
   EXPECT_EQ(zulKestGetAllFHs(nullptr, 0), 3);
   ZulKestFH listed[5];
   std::memset(listed, 0xFF, sizeof(listed));

@@ -304,6 +304,7 @@ TEST_F(ChunkTreeTest, DeferWaitsForOpenFilesChildrenAndPendingIo) {
   const ChunkID global = GlobalRootChunk();
   const uint32_t h = AllocateHandle(kFhTable);
   FileHandle* fh = Lookup<FileHandle>(kFhTable, h);
+  fh->nativeFH = -1;
   ASSERT_TRUE(SetPath(&fh->path, "data/a.bin", false));
   ChunkID roots[2], reads[2];
   for (int i = 0; i < 2; ++i) {
@@ -476,6 +477,7 @@ TEST_F(ChunkTreeTest, DumpTextsAreExact) {
 
   const uint32_t fhHandle = AllocateHandle(kFhTable);
   FileHandle* fh = Lookup<FileHandle>(kFhTable, fhHandle);
+  fh->nativeFH = -1;
   ASSERT_TRUE(SetPath(&fh->path, "dir/file.dat", false));
   const uint32_t opHandle = AllocateHandle(kOpTable);
   Operation* op = Lookup<Operation>(kOpTable, opHandle);
