@@ -55,3 +55,8 @@ expect("${out}" "^hello\n$")
 run(0 --stats --trace io stat ${WORK}/tree/small.txt)
 expect("${err}" "Current KEST statistics:")
 expect("${err}" "kest2/io")
+
+run(0 ls ${WORK}/tree)
+expect("${out}" "^-      3200000  big.txt\n-            6  small.txt\nd +[0-9]+  sub/\n$")
+run(1 ls ${WORK}/missing)
+expect("${err}" "^kest2 ls: ${WORK}/missing: ZUL_KEST_ERROR_BAD_PATH\n$")
