@@ -14,8 +14,18 @@ using namespace kest2;
 
 namespace {
 
-bool AsksForWrite(const ZulKestOpenParams* params) {
-  return params != nullptr && (params->openFlags & ZUL_KEST_O_WRITE) != 0;
+// Gives the operation a new read-only file handle for the archive, which
+// goes again when the request fails: 0, or the code to fail with.
+int32_t AttachArchiveHandle(Operation* op, const ZulKestOpAttr* attr,
+                            const ZulKestOpenParams* openParams) {
+  if (openParams != nullptr && (openParams->openFlags & ZUL_KEST_O_WRITE) != 0)
+    return ZUL_KEST_ERROR_READ_ONLY;
+  const ZulKestOpenParams params = CompleteOpenParams(attr, openParams);
+  FileHandle* file = NewFileHandle(&params);
+  if (file == nullptr) return ZUL_KEST_ERROR_CANT_ALLOCATE_FH;
+  op->targetHandle = file->h;
+  op->internalFlags |= kOpOwnsNewHandle;
+  return ZUL_KEST_OK;
 }
 
 }  // namespace
@@ -26,12 +36,8 @@ extern "C" ZulKestOp zulKestArchiveGetMountBufferSize(const ZulKestOpAttr* attr,
   KEST2_TRACE_API("zulKestArchiveGetMountBufferSize");
   Operation* op = OpCreate(attr, OP_ARCHIVE_QUERY);
   if (op == nullptr) return 0;
-  if (AsksForWrite(openParams)) return OpFail(op, ZUL_KEST_ERROR_READ_ONLY);
-  const ZulKestOpenParams params = CompleteOpenParams(attr, openParams);
-  FileHandle* file = NewFileHandle(&params);
-  if (file == nullptr) return OpFail(op, ZUL_KEST_ERROR_CANT_ALLOCATE_FH);
-  op->targetHandle = file->h;
-  op->internalFlags |= kOpOwnsNewHandle;
+  const int32_t attached = AttachArchiveHandle(op, attr, openParams);
+  if (attached != ZUL_KEST_OK) return OpFail(op, attached);
   return OpAcceptWithPath(op, archivePath, false);
 }
 
@@ -45,13 +51,9 @@ extern "C" ZulKestOp zulKestArchiveMount(const ZulKestOpAttr* attr, ZulKestFH* p
   if (pFH == nullptr || mountPoint == nullptr || (length != 0 && buf == nullptr))
     return OpFail(op, ZUL_KEST_ERROR_BAD_PTR);
   *pFH = 0;
-  if (AsksForWrite(openParams)) return OpFail(op, ZUL_KEST_ERROR_READ_ONLY);
-  const ZulKestOpenParams params = CompleteOpenParams(attr, openParams);
-  FileHandle* file = NewFileHandle(&params);
-  if (file == nullptr) return OpFail(op, ZUL_KEST_ERROR_CANT_ALLOCATE_FH);
-  *pFH = file->h;
-  op->targetHandle = file->h;
-  op->internalFlags |= kOpOwnsNewHandle;
+  const int32_t attached = AttachArchiveHandle(op, attr, openParams);
+  if (attached != ZUL_KEST_OK) return OpFail(op, attached);
+  *pFH = op->targetHandle;
   op->bufferCount = 1;
   op->buffers[0] = ZulKestBuffer{buf, length};
   op->arg = static_cast<int64_t>(reinterpret_cast<uintptr_t>(mountPoint));
