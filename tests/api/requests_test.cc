@@ -133,6 +133,31 @@ TEST_F(RequestsTest, EmptyTransfersAndSelfRenamesNeedNoFileSystem) {
   EXPECT_EQ(zulKestOpSyncWait(op), ZUL_KEST_OK);
 }
 
+TEST_F(RequestsTest, ShortReadsAndEndOfFile) {
+  char buffer[32];
+  // A read that crosses the end is short and succeeds; one at or past the
+  // end reports ZUL_KEST_ERROR_EOF with nothing read.
+  ZulKestOp op = zulKestFHPread(nullptr, readOnly_, buffer, 32, 4);
+  EXPECT_EQ(zulKestOpWait(op), ZUL_KEST_OK);
+  EXPECT_EQ(zulKestOpGetActualCount(op), 6);
+  zulKestOpDelete(op);
+  for (int64_t offset : {10, 11}) {
+    op = zulKestFHPread(nullptr, readOnly_, buffer, 32, offset);
+    EXPECT_EQ(zulKestOpWait(op), ZUL_KEST_ERROR_EOF);
+    EXPECT_EQ(zulKestOpGetActualCount(op), 0);
+    zulKestOpDelete(op);
+  }
+  // The synchronous form hands back the count, 0 at the end; reads at the
+  // position move it and leave it at the file size.
+  EXPECT_EQ(zulKestFHReadSync(nullptr, readOnly_, buffer, 32), 10);
+  EXPECT_EQ(zulKestFHTell(readOnly_), 10);
+  EXPECT_EQ(zulKestFHReadSync(nullptr, readOnly_, buffer, 32), 0);
+  EXPECT_EQ(zulKestFHTell(readOnly_), 10);
+  EXPECT_EQ(zulKestFHSeek(readOnly_, -4, ZUL_KEST_SEEK_END), 6);
+  EXPECT_EQ(zulKestFHReadSync(nullptr, readOnly_, buffer, 32), 4);
+  EXPECT_EQ(std::string(buffer, 4), "6789");
+}
+
 TEST_F(RequestsTest, FullTablesGiveTheirCodes) {
   // Four file handles: the one from set-up and three more fill the table.
   std::vector<ZulKestFH> handles;
