@@ -119,6 +119,19 @@ bool SetPathPointer(StoredPath* path, const char* source) {
   return true;
 }
 
+void CopyStoredPath(StoredPath* to, const StoredPath* from) {
+  const uint32_t pathMax = PathMax();
+  std::memcpy(to->digest, from->digest, sizeof(to->digest));
+  if (pathMax > kPointerBytes && *FlagByte(const_cast<StoredPath*>(from), pathMax) == 1) {
+    std::memcpy(to->text, from->text, kPointerBytes);
+    *FlagByte(to, pathMax) = 1;
+    return;
+  }
+  const size_t length = std::strlen(from->text);
+  std::memcpy(to->text, from->text, length + 1);
+  if (pathMax > kPointerBytes) *FlagByte(to, pathMax) = 0;
+}
+
 const char* GetPath(const StoredPath* path) {
   const uint32_t pathMax = PathMax();
   if (pathMax > kPointerBytes && path->text[pathMax - 1] == 1) {

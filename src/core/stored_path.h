@@ -33,6 +33,9 @@ void ClearPath(StoredPath* path);
 // Normalises source into the record and digests it.  On failure the record
 // is left empty and, when reportErrors is set, one message is printed.
 bool SetPath(StoredPath* path, const char* source, bool reportErrors);
+// Copies a stored path (its text, or its pointer, and its digest) without
+// normalising or digesting it again.
+void CopyStoredPath(StoredPath* to, const StoredPath* from);
 // Stores a pointer to an already normal string kept by the caller.  Needs
 // pathMax >= 9; prints a message and leaves the record empty otherwise.
 bool SetPathPointer(StoredPath* path, const char* source);

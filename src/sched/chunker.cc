@@ -56,10 +56,10 @@ class TreeBuilder {
   }
 
   // The handle keeps the path it was opened with.
+  // The handle keeps the operation's path, already normal and digested.
   bool CopyPathInto(StoredPath* path) {
-    if (SetPath(path, GetPath(&m_op->path), false)) return true;
-    m_op->err = ZUL_KEST_ERROR_CANT_ALLOCATE_CHUNK;
-    return false;
+    CopyStoredPath(path, &m_op->path);
+    return true;
   }
 
   // A copy of a string in a CHUNK_BUFFER child of parent, or null.

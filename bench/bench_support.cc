@@ -1,0 +1,107 @@
+#include "bench_support.h"
+
+#include <fcntl.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+
+namespace kest2_bench {
+namespace {
+
+[[noreturn]] void Die(const char* what, const std::string& path) {
+  std::perror((std::string(what) + " " + path).c_str());
+  std::exit(2);
+}
+
+}  // namespace
+
+ZulKestParams MakeParams(KestStorage* storage, uint32_t opUnits, uint32_t fhUnits,
+                         uint32_t chunkUnits) {
+  constexpr uint32_t kDhUnits = 4;
+  storage->op.assign(ZUL_KEST_STORAGE_SIZE(opUnits, ZUL_KEST_OP_UNIT_SIZE(kPathMax)) / 8, 0);
+  storage->fh.assign(ZUL_KEST_STORAGE_SIZE(fhUnits, ZUL_KEST_FH_UNIT_SIZE(kPathMax)) / 8, 0);
+  storage->dh.assign(ZUL_KEST_STORAGE_SIZE(kDhUnits, ZUL_KEST_DH_UNIT_SIZE(kPathMax)) / 8, 0);
+  storage->chunk.assign(ZUL_KEST_STORAGE_SIZE(chunkUnits, ZUL_KEST_CHUNK_UNIT_SIZE) / 8, 0);
+  ZulKestParams params{};
+  params.header = ZUL_KEST_PARAMS_HEADER(kPathMax);
+  params.opStorage = storage->op.data();
+  params.opStorageSize = storage->op.size() * 8;
+  params.fhStorage = storage->fh.data();
+  params.fhStorageSize = storage->fh.size() * 8;
+  params.dhStorage = storage->dh.data();
+  params.dhStorageSize = storage->dh.size() * 8;
+  params.chunkStorage = storage->chunk.data();
+  params.chunkStorageSize = storage->chunk.size() * 8;
+  for (int i = 0; i < 3; ++i) params.threadPriority[i] = -1;
+  return params;
+}
+
+TempDir::TempDir() {
+  char pattern[] = "/tmp/kest2_bench_XXXXXX";
+  if (mkdtemp(pattern) == nullptr) Die("mkdtemp", pattern);
+  m_path = pattern;
+}
+
+TempDir::~TempDir() {
+  std::error_code ignored;
+  std::filesystem::remove_all(m_path, ignored);
+}
+
+void WriteFile(const std::string& path, int64_t size, uint32_t seed) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) Die("open", path);
+  std::vector<uint64_t> block(1 << 17);  // 1 MiB
+  uint64_t x = seed * 0x9E3779B97F4A7C15ull + 1;
+  for (int64_t done = 0; done < size;) {
+    for (uint64_t& word : block) {
+      x ^= x << 13;
+      x ^= x >> 7;
+      x ^= x << 17;
+      word = x;
+    }
+    const int64_t want = std::min<int64_t>(size - done, static_cast<int64_t>(block.size() * 8));
+    if (::write(fd, block.data(), static_cast<size_t>(want)) != want) Die("write", path);
+    done += want;
+  }
+  ::close(fd);
+}
+
+void FlushToDevice() { ::sync(); }
+
+void WarmFile(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) Die("open", path);
+  std::vector<char> buffer(1 << 20);
+  for (off_t offset = 0;; offset += static_cast<off_t>(buffer.size())) {
+    const ssize_t got = ::pread(fd, buffer.data(), buffer.size(), offset);
+    if (got < 0) Die("pread", path);
+    if (got == 0) break;
+  }
+  ::close(fd);
+}
+
+void SleepUntil(ZulKestTime when) {
+  // kest2's clock is CLOCK_MONOTONIC in nanoseconds.
+  timespec until{static_cast<time_t>(when / 1000000000), static_cast<long>(when % 1000000000)};
+  while (Now() < when &&
+         clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
+  }
+}
+
+double Median(std::vector<double> values) { return Percentile(std::move(values), 0.5); }
+
+double Percentile(std::vector<double> values, double fraction) {
+  if (values.empty()) return 0.0;
+  std::sort(values.begin(), values.end());
+  const double rank = std::ceil(fraction * static_cast<double>(values.size()));
+  const size_t index = rank < 1.0 ? 0 : static_cast<size_t>(rank) - 1;
+  return values[std::min(index, values.size() - 1)];
+}
+
+}  // namespace kest2_bench

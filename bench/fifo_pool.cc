@@ -1,0 +1,57 @@
+#include "fifo_pool.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace kest2_bench {
+
+FifoPool::FifoPool(int threads) {
+  for (int i = 0; i < threads; ++i) m_threads.emplace_back([this] { Worker(); });
+}
+
+FifoPool::~FifoPool() {
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_stopping = true;
+  }
+  m_work.notify_all();
+  for (std::thread& thread : m_threads) thread.join();
+}
+
+void FifoPool::Submit(const FifoRead& read) {
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_queue.push_back(read);
+  }
+  m_work.notify_one();
+}
+
+void FifoPool::Drain() {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  m_idle.wait(lock, [this] { return m_queue.empty() && m_running == 0; });
+}
+
+void FifoPool::Worker() {
+  pthread_setname_np(pthread_self(), "FifoIO");
+  std::unique_lock<std::mutex> lock(m_mutex);
+  for (;;) {
+    m_work.wait(lock, [this] { return m_stopping || !m_queue.empty(); });
+    if (m_queue.empty()) return;  // stopping, nothing left
+    const FifoRead read = m_queue.front();
+    m_queue.pop_front();
+    ++m_running;
+    lock.unlock();
+    int64_t got;
+    do {
+      got = ::pread(read.fd, read.buffer, static_cast<size_t>(read.length), read.offset);
+    } while (got < 0 && errno == EINTR);
+    *read.result = got < 0 ? -errno : got;
+    *read.finish = zulKestTimeGetCurrent();
+    lock.lock();
+    if (--m_running == 0 && m_queue.empty()) m_idle.notify_all();
+  }
+}
+
+}  // namespace kest2_bench
