@@ -667,6 +667,19 @@ KEST2_EXPORT int32_t zulKestIOFilterRemove(int32_t index);
 KEST2_EXPORT uint32_t zulKestArchiveSetDecompressorThreadCount(uint8_t count);
 KEST2_EXPORT uint32_t zulKestArchiveGetDecompressorThreadCount(void);
 
+/* The archive dearchiver's context (56 bytes).  It and its work buffer must
+ * stay valid and untouched while the filter is installed: the dearchiver
+ * keeps its own state in the reserved words. */
+#define ZUL_KEST_ZORBA_DEARCHIVER_LOOSE_FILES 0x1u /* loose files beside and
+                                                     under mount points */
+typedef struct ZulKestZorbaDearchiverContext {
+  uint64_t sizeOfContext;  /* sizeof(ZulKestZorbaDearchiverContext) */
+  uint64_t workBufferSize; /* three equal buffers, each at least one block */
+  void* pWorkBuffer;       /* 64-byte aligned */
+  uint64_t flags;          /* ZUL_KEST_ZORBA_DEARCHIVER_* */
+  uint64_t reserved[3];    /* 0 when the filter is added */
+} ZulKestZorbaDearchiverContext;
+
 /* The library's own filters. */
 KEST2_EXPORT int32_t zulKestIOFilterZorbaDearchiver(void* pFilterContext,
                                                     int32_t event,

@@ -16,6 +16,7 @@ static_assert(sizeof(ZulKestStat) == 80, "");
 static_assert(sizeof(ZulKestDirEntry) == 1048, "");
 static_assert(sizeof(ZulKestResolveRecord) == 1040, "");
 static_assert(sizeof(ZulKestOverlay) == 600, "");
+static_assert(sizeof(ZulKestZorbaDearchiverContext) == 56, "");
 static_assert(sizeof(ZulKestStatistics) == 224, "");
 
 TEST(HeaderLayoutTest, ParamsOffsets) {
