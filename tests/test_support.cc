@@ -35,7 +35,10 @@ OutputCapture::~OutputCapture() { kest2::g_KestParams.pVprintf = m_previous; }
 
 ZulKestVprintfHook OutputCapture::Hook() { return CaptureHook; }
 
-const std::string& OutputCapture::text() const { return g_captured; }
+std::string OutputCapture::text() const {
+  std::lock_guard<std::mutex> lock(g_captureMutex);
+  return g_captured;
+}
 
 void OutputCapture::Clear() {
   std::lock_guard<std::mutex> lock(g_captureMutex);

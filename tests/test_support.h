@@ -20,7 +20,8 @@ class OutputCapture {
   OutputCapture(const OutputCapture&) = delete;
   OutputCapture& operator=(const OutputCapture&) = delete;
 
-  const std::string& text() const;
+  // A copy: library threads may be appending while the test reads.
+  std::string text() const;
   // The hook itself, for parameters records handed to zulKestInitialize
   // (which replaces the library's hook with the record's).
   static ZulKestVprintfHook Hook();

@@ -131,7 +131,7 @@ void Learn(Scheduler* scheduler, const Measured& chunk, ZulKestTime elapsed,
 // Bit i set: the i-th scheduler of the list.
 uint32_t PlaceBit(const Scheduler* wanted) {
   uint32_t bit = 1;
-  for (Scheduler* s = g_schedulerList; s != nullptr; s = s->next, bit <<= 1) {
+  for (Scheduler* s = SchedulerListHead(); s != nullptr; s = s->next, bit <<= 1) {
     if (s == wanted) return bit;
   }
   return 0;
@@ -146,7 +146,7 @@ uint32_t SchedulersToKick(const Scheduler* scheduler, ChunkID id) {
     if (parent == CHUNKID_INVALID) break;
     Scheduler* parentScheduler = GetScheduler(parent);
     if (parentScheduler != nullptr && parentScheduler != scheduler) kick |= PlaceBit(parentScheduler);
-    for (Scheduler* s = g_schedulerList; s != nullptr; s = s->next) {
+    for (Scheduler* s = SchedulerListHead(); s != nullptr; s = s->next) {
       if (s != scheduler && s != &g_callbackScheduler) kick |= PlaceBit(s);
     }
   }
@@ -155,7 +155,7 @@ uint32_t SchedulersToKick(const Scheduler* scheduler, ChunkID id) {
 
 void KickPlaces(uint32_t places) {
   uint32_t bit = 1;
-  for (Scheduler* s = g_schedulerList; s != nullptr && places != 0; s = s->next, bit <<= 1) {
+  for (Scheduler* s = SchedulerListHead(); s != nullptr && places != 0; s = s->next, bit <<= 1) {
     if ((places & bit) == 0) continue;
     KEST2_TRACE(kTraceSched, "ExecuteChunk", "%s", "kick");
     Kick(s);
@@ -298,21 +298,55 @@ int32_t CreateScheduler(Scheduler* scheduler, const char* prefix, MatchPathFunct
   }
   scheduler->initialized = true;
   scheduler->next = g_schedulerList;
-  g_schedulerList = scheduler;
+  __atomic_store_n(&g_schedulerList, scheduler, __ATOMIC_RELEASE);
   return ZUL_KEST_OK;
 }
 
+// Tells a running scheduler's threads to leave once its queue is empty.
+void MarkShuttingDown(Scheduler* scheduler) {
+  if (!scheduler->initialized) return;
+  MutexLock(&scheduler->mutex);
+  scheduler->shuttingDown = true;
+  CondBroadcast(&scheduler->wakeup);
+  MutexUnlock(&scheduler->mutex);
+}
+
+void JoinSchedulerThreads(Scheduler* scheduler) {
+  if (!scheduler->initialized) return;
+  for (int i = 0; i < scheduler->threadCount; ++i) JoinThread(&scheduler->threads[i]);
+}
+
+// REQUIRES: the scheduler's threads have been joined.
 void StopScheduler(Scheduler* scheduler) {
   if (!scheduler->initialized) return;
-  StopThreads(scheduler, scheduler->threadCount);
   DestroySchedulerLocks(scheduler);
   scheduler->initialized = false;
-  g_schedulerList = scheduler->next;
+  __atomic_store_n(&g_schedulerList, scheduler->next, __ATOMIC_RELEASE);
+}
+
+// Start-up failures stop what was made so far, newest first.
+void StopRunningScheduler(Scheduler* scheduler) {
+  MarkShuttingDown(scheduler);
+  JoinSchedulerThreads(scheduler);
+  StopScheduler(scheduler);
+}
+
+// Nothing queued and nothing executing anywhere: a chunk that is running can
+// still queue or kick work.
+bool Quiescent() {
+  for (Scheduler* s = SchedulerListHead(); s != nullptr; s = s->next) {
+    MutexLock(&s->mutex);
+    const bool quiet = s->m_queueCount == 0 &&
+                       __atomic_load_n(&s->activeThreads, __ATOMIC_ACQUIRE) == 0;
+    MutexUnlock(&s->mutex);
+    if (!quiet) return false;
+  }
+  return true;
 }
 
 }  // namespace
 
-Scheduler* SchedulerListHead() { return g_schedulerList; }
+Scheduler* SchedulerListHead() { return __atomic_load_n(&g_schedulerList, __ATOMIC_ACQUIRE); }
 Scheduler* CallbackScheduler() { return &g_callbackScheduler; }
 Scheduler* AllOtherScheduler() { return &g_allOtherScheduler; }
 
@@ -321,21 +355,21 @@ int32_t StartSchedulers() {
   if (result != ZUL_KEST_OK) return result;
   result = CreateScheduler(&g_allOtherScheduler, "", PrefixMatch, ExecuteNative);
   if (result != ZUL_KEST_OK) {
-    StopScheduler(&g_callbackScheduler);
+    StopRunningScheduler(&g_callbackScheduler);
     return result;
   }
   result = LoadSystemModule(kDiscMapModuleId);
   if (result != ZUL_KEST_OK) {
-    StopScheduler(&g_allOtherScheduler);
-    StopScheduler(&g_callbackScheduler);
+    StopRunningScheduler(&g_allOtherScheduler);
+    StopRunningScheduler(&g_callbackScheduler);
     return result;
   }
   if (g_KestParams.schedulerCount >= 2) {
     result = CreateScheduler(&g_hddScheduler, "/", HardDiskMatch, ExecuteNative);
     if (result != ZUL_KEST_OK) {
-      StopScheduler(&g_allOtherScheduler);
+      StopRunningScheduler(&g_allOtherScheduler);
       UnloadSystemModule(kDiscMapModuleId);
-      StopScheduler(&g_callbackScheduler);
+      StopRunningScheduler(&g_callbackScheduler);
       return result;
     }
   }
@@ -349,6 +383,12 @@ void ShutdownSchedulers() {
     SleepMilliseconds(delay);
     delay = delay * 2 < kIdleWaitMaxMilliseconds ? delay * 2 : kIdleWaitMaxMilliseconds;
   }
+  // The last chunks may still be running and kicking other schedulers: no
+  // scheduler goes away before every thread of every one has left.
+  while (!Quiescent()) SleepMilliseconds(1);
+  Scheduler* const order[] = {&g_hddScheduler, &g_allOtherScheduler, &g_callbackScheduler};
+  for (Scheduler* scheduler : order) MarkShuttingDown(scheduler);
+  for (Scheduler* scheduler : order) JoinSchedulerThreads(scheduler);
   StopScheduler(&g_hddScheduler);
   StopScheduler(&g_allOtherScheduler);
   UnloadSystemModule(kDiscMapModuleId);
@@ -357,7 +397,7 @@ void ShutdownSchedulers() {
 
 bool SchedulersIdle() {
   uint64_t queued = 0;
-  for (Scheduler* s = g_schedulerList; s != nullptr; s = s->next) {
+  for (Scheduler* s = SchedulerListHead(); s != nullptr; s = s->next) {
     MutexLock(&s->mutex);
     queued += s->m_queueCount;
     MutexUnlock(&s->mutex);
@@ -448,7 +488,7 @@ void Kick(Scheduler* scheduler) {
 }
 
 void KickAllSchedulers() {
-  for (Scheduler* s = g_schedulerList; s != nullptr; s = s->next) Kick(s);
+  for (Scheduler* s = SchedulerListHead(); s != nullptr; s = s->next) Kick(s);
 }
 
 }  // namespace kest2

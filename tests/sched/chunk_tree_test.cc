@@ -74,10 +74,12 @@ class ChunkTreeTest : public ::testing::Test {
 
 // Whether a trace line of `function` whose text starts with `text` was
 // written (the text after the time stamp and thread id).
-bool Traced(const std::string& out, const char* function, const std::string& text) {
+// Whether the output captured so far holds the trace line's text.
+bool Traced(const kest2_test::OutputCapture& capture, const char* function,
+            const std::string& text) {
   char column[32];
   std::snprintf(column, sizeof(column), " %-15s ", function);
-  return out.find(column + text) != std::string::npos;
+  return capture.text().find(column + text) != std::string::npos;
 }
 
 std::string Dump(ChunkID id) {
@@ -114,14 +116,14 @@ TEST_F(ChunkTreeTest, SetUpRefusesUnusableStorageAndTerminateReportsHighWater) {
   TerminateChunkStorage();
   kest2_test::SetDebugFlags(0);
   const std::string& out = capture.text();
-  EXPECT_TRUE(Traced(out, "Deallocate", "chunk 0:{ type:CHUNK_NULL" + kFresh)) << out;
+  EXPECT_TRUE(Traced(capture, "Deallocate", "chunk 0:{ type:CHUNK_NULL" + kFresh)) << out;
   const size_t leak = out.find("terminated with 80 bytes (5 units) of chunks still allocated\n");
   // 17 units of 16 bytes plus 8 bitmap bytes, of 1032.
   const size_t mark = out.find(" chunkStorage high water mark = 280 bytes (27%)\n");
   ASSERT_NE(leak, std::string::npos) << out;
   ASSERT_NE(mark, std::string::npos) << out;
   EXPECT_LT(leak, mark);
-  EXPECT_TRUE(Traced(out, "Terminate", "chunkStorage")) << out;
+  EXPECT_TRUE(Traced(capture, "Terminate", "chunkStorage")) << out;
   EXPECT_EQ(out.find("unexpected failure"), std::string::npos) << out;
   EXPECT_EQ(GlobalRootChunk(), CHUNKID_INVALID);
 }
@@ -154,12 +156,12 @@ TEST_F(ChunkTreeTest, ExhaustedStorageFailsCleanlyAndLeaksNothing) {
   EXPECT_EQ(Used(), 60u);
   kest2_test::SetDebugFlags(0);
   const std::string& out = capture.text();
-  EXPECT_TRUE(Traced(out, "AllocateChild", "parent 2, type 0\n")) << out;
-  EXPECT_TRUE(Traced(out, "Allocate", "(failed)\n")) << out;
+  EXPECT_TRUE(Traced(capture, "AllocateChild", "parent 2, type 0\n")) << out;
+  EXPECT_TRUE(Traced(capture, "Allocate", "(failed)\n")) << out;
   EXPECT_TRUE(
-      Traced(out, "AddChild", "failed (parent 2, newChild " + std::to_string(fillers[0]) + ")\n"))
+      Traced(capture, "AddChild", "failed (parent 2, newChild " + std::to_string(fillers[0]) + ")\n"))
       << out;
-  EXPECT_TRUE(Traced(out, "AddParent", "failed (child 4, newParent 2)\n")) << out;
+  EXPECT_TRUE(Traced(capture, "AddParent", "failed (child 4, newParent 2)\n")) << out;
 
   for (size_t i = 2; i < fillers.size(); ++i) DeallocateChunk(fillers[i]);
   DeallocateTree(parent);
@@ -289,9 +291,9 @@ TEST_F(ChunkTreeTest, SharedChunkOutlivesOneTreeAndReplaceMovesEveryLink) {
   EXPECT_TRUE(Parents(old).empty() && Children(old).empty());
   const std::string& out = capture.text();
   const std::string r = std::to_string(replacement), o = std::to_string(old);
-  EXPECT_TRUE(Traced(out, "Replace", "oldChunk " + o + ", newChunk " + r + "\n")) << out;
-  EXPECT_TRUE(Traced(out, "Unlink", "parent " + std::to_string(p2) + ", child " + o + "\n"));
-  EXPECT_TRUE(Traced(out, "Link", "parent " + r + ", newChild " + std::to_string(kids[2]) + "\n"));
+  EXPECT_TRUE(Traced(capture, "Replace", "oldChunk " + o + ", newChunk " + r + "\n")) << out;
+  EXPECT_TRUE(Traced(capture, "Unlink", "parent " + std::to_string(p2) + ", child " + o + "\n"));
+  EXPECT_TRUE(Traced(capture, "Link", "parent " + r + ", newChild " + std::to_string(kids[2]) + "\n"));
   DeallocateChunk(old);
   DeallocateTree(p1);
   EXPECT_TRUE(ChunkIsLive(replacement));  // p2 still holds it
@@ -341,9 +343,9 @@ TEST_F(ChunkTreeTest, DeferWaitsForOpenFilesChildrenAndPendingIo) {
   EXPECT_TRUE(DeferChunk(close, false));
   const std::string& out = capture.text();
   EXPECT_TRUE(
-      Traced(out, "FH", "Chunk " + std::to_string(reads[1]) + " incremented m_pendingIO = 2\n"));
-  EXPECT_TRUE(Traced(out, "Defer", notOpen)) << out;
-  EXPECT_TRUE(Traced(out, "Defer",
+      Traced(capture, "FH", "Chunk " + std::to_string(reads[1]) + " incremented m_pendingIO = 2\n"));
+  EXPECT_TRUE(Traced(capture, "Defer", notOpen)) << out;
+  EXPECT_TRUE(Traced(capture, "Defer",
                      "2 pending I/Os: chunk " + std::to_string(close) +
                          ":{ type:CHUNK_FH_CLOSE, scheduled:1, completed:0, executing:0, "
                          "prepared:0, parents:{" +
@@ -360,7 +362,7 @@ TEST_F(ChunkTreeTest, DeferWaitsForOpenFilesChildrenAndPendingIo) {
   EXPECT_FALSE(DeferChunk(reads[0], true));
   CompleteChunk(open, 0);
   EXPECT_TRUE(DeferChunk(reads[0], true));
-  EXPECT_TRUE(Traced(out, "Allocate",
+  EXPECT_TRUE(Traced(capture, "Allocate",
                      "chunk " + std::to_string(open) + ":{ type:CHUNK_FH_OPEN" + kFresh + "\n"));
   ChunkRecord<ChunkFhIoRecord>(reads[1])->h = h + 5;
   fh->opened = 0;
@@ -380,9 +382,9 @@ TEST_F(ChunkTreeTest, DeferWaitsForOpenFilesChildrenAndPendingIo) {
   kest2_test::SetDebugFlags(0);
   const std::string dc = std::to_string(dirClose);
   EXPECT_TRUE(
-      Traced(out, "DH", "Chunk " + std::to_string(dirRead) + " incremented m_pendingIO = 1"));
-  EXPECT_TRUE(Traced(out, "Defer", "dir not open yet: chunk " + dc + ":{")) << out;
-  EXPECT_TRUE(Traced(out, "Defer", "1 pending I/Os: chunk " + dc + ":{")) << out;
+      Traced(capture, "DH", "Chunk " + std::to_string(dirRead) + " incremented m_pendingIO = 1"));
+  EXPECT_TRUE(Traced(capture, "Defer", "dir not open yet: chunk " + dc + ":{")) << out;
+  EXPECT_TRUE(Traced(capture, "Defer", "1 pending I/Os: chunk " + dc + ":{")) << out;
 }
 
 TEST_F(ChunkTreeTest, CompletionKeepsTheFirstErrorAtEveryLevel) {
@@ -407,7 +409,7 @@ TEST_F(ChunkTreeTest, CompletionKeepsTheFirstErrorAtEveryLevel) {
   EXPECT_FALSE(CompleteChunk(first, ZUL_KEST_ERROR_EOF));
   kest2_test::SetDebugFlags(0);
   // The dump is traced before the chunk is marked.
-  EXPECT_TRUE(Traced(capture.text(), "Complete",
+  EXPECT_TRUE(Traced(capture, "Complete",
                      "chunk " + std::to_string(first) +
                          ":{ type:CHUNK_FH_READ, scheduled:0, completed:0, executing:1,"))
       << capture.text();
