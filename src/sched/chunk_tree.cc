@@ -479,7 +479,9 @@ void PrepareLocked(ChunkID id, int8_t priority, ZulKestTime deadline) {
     StoreChunkFlags(chunk, LoadChunkFlags(chunk) | kChunkPositioned);
     chunk->pieceCount = PieceCount(ChunkRecord<ChunkFhIoRecord>(id)->reqCount);
   }
-  const int table = PendingIoTable(chunk->type);
+  // A chunk already completed (answered by a filter) never executes, so it
+  // must not hold back its handle's close.
+  const int table = (LoadChunkFlags(chunk) & kChunkCompleted) != 0 ? -1 : PendingIoTable(chunk->type);
   if (table == kFhTable) {
     FileHandle* fh = Lookup<FileHandle>(kFhTable, HandleOf(chunk));
     if (fh != nullptr) {
@@ -657,6 +659,12 @@ Pool* ChunkPool() { return &g_chunkPool; }
 
 ChunkHeader* ChunkAt(ChunkID id) {
   return reinterpret_cast<ChunkHeader*>(PoolUnitAddress(&g_chunkPool, id));
+}
+
+ChunkID ChunkIdOf(const void* record) {
+  const uintptr_t offset =
+      reinterpret_cast<uintptr_t>(record) - reinterpret_cast<uintptr_t>(g_chunkPool.base);
+  return static_cast<ChunkID>(offset / g_chunkPool.unit);
 }
 
 bool ChunkIsLive(ChunkID id) {

@@ -53,6 +53,9 @@ template <typename T>
 T* ChunkRecord(ChunkID id) {
   return reinterpret_cast<T*>(ChunkAt(id));
 }
+// The id of a chunk record (the inverse of ChunkAt), for callbacks that are
+// handed their record.
+ChunkID ChunkIdOf(const void* record);
 // True when id names an allocated chunk with its live mark.
 bool ChunkIsLive(ChunkID id);
 

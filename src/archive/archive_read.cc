@@ -1,0 +1,505 @@
+// Reads of archived files: see archive_read.h.
+
+#include "archive/archive_read.h"
+
+#include <cstring>
+
+#include "archive/codec_registry.h"
+#include "archive/decompression_job.h"
+#include "debug/dump.h"
+#include "debug/trace.h"
+#include "io/filter_chain.h"
+#include "sched/chunk_tree.h"
+#include "sched/scheduler.h"
+
+namespace kest2 {
+namespace {
+
+constexpr int kLaneLimit = 4;
+constexpr int kWorkBuffers = 3;
+constexpr uint16_t kLaneHandedOver = 1;  // the job is with the codec
+constexpr uint8_t kNeedReadBuffer = 1;   // the compressed bytes
+constexpr uint8_t kNeedOutputBuffer = 2; // a partly wanted block's inflated bytes
+constexpr int32_t kLastFilterSlotForDynamicReads = 254;
+
+// One replaced read, in a CHUNK_BUFFER below the replacement's root.
+struct ReadState {
+  const Codec* codec;
+  uint64_t lastBlock;
+  uint64_t blockSize;
+  uint64_t nextBlock;  // fetch-and-increment
+  uint64_t fileSize;
+  ArchiveTracker* tracker;
+  const uint8_t* entry;
+  int64_t start;
+  int64_t end;
+  uint8_t* destination;  // receives byte `start`
+  int64_t* actCount;
+  ZulKestZorbaDearchiverContext* context;
+};
+static_assert(sizeof(ReadState) == 96, "");
+
+// A lane's state, in its callback chunk's filter data.
+struct LaneState {
+  uint16_t flags;
+  ChunkID bufferCallback;  // CHUNKID_INVALID when the block needs no buffer
+  ChunkID jobBuffer;
+  ChunkID read;            // the current block read
+  DecompressionJob* job;
+  uint32_t expectedOutput;
+  uint32_t wanted;
+  ReadState* state;
+};
+static_assert(sizeof(LaneState) <= sizeof(ChunkCallbackRecord::filterData), "");
+
+// A block read's buffer callback, in its callback chunk's filter data.
+struct BufferState {
+  ChunkID read;
+  ChunkID lane;
+  uint8_t needs;
+  uint8_t* readBuffer;  // the work buffer lent to the read
+  DecompressionJob* job;
+};
+static_assert(sizeof(BufferState) <= sizeof(ChunkCallbackRecord::filterData), "");
+
+template <typename T>
+T* StateOf(ChunkCallbackRecord* record) {
+  return reinterpret_cast<T*>(record->filterData);
+}
+
+ZulKestZorbaDearchiverContext* ContextOf(ChunkCallbackRecord* record) {
+  return static_cast<ZulKestZorbaDearchiverContext*>(record->context);
+}
+
+uint64_t BufferBytes(const ZulKestZorbaDearchiverContext* context) {
+  return context->workBufferSize / kWorkBuffers;
+}
+
+uint8_t* WorkBuffer(const ZulKestZorbaDearchiverContext* context, int i) {
+  return static_cast<uint8_t*>(context->pWorkBuffer) + static_cast<uint64_t>(i) * BufferBytes(context);
+}
+
+uint64_t LoadMask(ZulKestZorbaDearchiverContext* context) {
+  return __atomic_load_n(&BufferBusyMask(context), __ATOMIC_ACQUIRE);
+}
+
+int NeedCount(uint8_t needs) { return (needs & 1) + ((needs >> 1) & 1); }
+
+int FreeCount(uint64_t mask) { return kWorkBuffers - static_cast<int>(__builtin_popcountll(mask & 7)); }
+
+// A finished job wakes the lanes waiting for it.
+void WakeSchedulers() { Kick(CallbackScheduler()); }
+
+// Gives back what the buffer callback holds.  Returns whether the deferred
+// flag asks for a kick.  REQUIRES: dearchiver mutex held.
+bool ReleaseBuffersLocked(ChunkCallbackRecord* callback) {
+  ZulKestZorbaDearchiverContext* context = ContextOf(callback);
+  BufferState* buffers = StateOf<BufferState>(callback);
+  uint64_t mask = LoadMask(context);
+  for (int i = 0; i < kWorkBuffers; ++i) {
+    uint8_t* buffer = WorkBuffer(context, i);
+    if ((buffers->needs & kNeedReadBuffer) != 0 && buffers->readBuffer == buffer &&
+        (mask & (1u << i)) != 0) {
+      mask &= ~(uint64_t{1} << i);
+      KEST2_TRACE(kTraceZorba, "BufferAllocate", "releasing buffer %p from read chunk %d\n",
+                  static_cast<void*>(buffer), buffers->read);
+    }
+    if ((buffers->needs & kNeedOutputBuffer) != 0 && buffers->job != nullptr &&
+        buffers->job->output == buffer && (mask & (1u << i)) != 0) {
+      mask &= ~(uint64_t{1} << i);
+      KEST2_TRACE(kTraceZorba, "BufferAllocate", "pJob %p releasing decompression result buffer %p\n",
+                  static_cast<void*>(buffers->job), static_cast<void*>(buffer));
+    }
+  }
+  __atomic_store_n(&BufferBusyMask(context), mask, __ATOMIC_RELEASE);
+  buffers->readBuffer = nullptr;
+  buffers->needs = 0;
+  return __atomic_exchange_n(&BufferDeferred(context), uint64_t{0}, __ATOMIC_ACQ_REL) != 0;
+}
+
+// The buffer manager.  Event 0: could the read start now; event 1: lend the
+// buffers; event 2: give them back.
+int32_t BufferAllocate(int32_t event, ChunkCallbackRecord* callback) {
+  ZulKestZorbaDearchiverContext* context = ContextOf(callback);
+  BufferState* buffers = StateOf<BufferState>(callback);
+  if (event == 0) {
+    if (FreeCount(LoadMask(context)) < NeedCount(buffers->needs)) {
+      KEST2_TRACE(kTraceZorba, "BufferAllocate", "%s", "busy check: buffers are busy, deferring...\n");
+      __atomic_store_n(&BufferDeferred(context), uint64_t{1}, __ATOMIC_RELEASE);
+      return ZUL_KEST_ERROR_RETRY;
+    }
+    return ZUL_KEST_OK;
+  }
+  bool kick = false;
+  int32_t result = ZUL_KEST_OK;
+  {
+    DearchiverLocker lock;
+    if (event == 2) {
+      ReleaseBuffersLocked(callback);
+    } else if ((LoadChunkFlags(&callback->header) & kChunkCancelled) != 0) {
+      buffers->needs = 0;
+      result = ZUL_KEST_ERROR_CANCELLED;
+    } else if (FreeCount(LoadMask(context)) < NeedCount(buffers->needs)) {
+      KEST2_TRACE(kTraceZorba, "BufferAllocate", "%s", "exec check: buffers are busy, deferring...\n");
+      __atomic_store_n(&BufferDeferred(context), uint64_t{1}, __ATOMIC_RELEASE);
+      result = ZUL_KEST_ERROR_RETRY;
+    } else {
+      uint64_t mask = LoadMask(context);
+      auto take = [&]() -> uint8_t* {
+        for (int i = 0; i < kWorkBuffers; ++i) {
+          if ((mask & (uint64_t{1} << i)) == 0) {
+            mask |= uint64_t{1} << i;
+            return WorkBuffer(context, i);
+          }
+        }
+        return nullptr;
+      };
+      if ((buffers->needs & kNeedReadBuffer) != 0) {
+        buffers->readBuffer = take();
+        ChunkRecord<ChunkFhIoRecord>(buffers->read)->buffer = buffers->readBuffer;
+        buffers->job->source = buffers->readBuffer;
+        KEST2_TRACE(kTraceZorba, "BufferAllocate", "allocated buffer %p for read chunk %d\n",
+                    static_cast<void*>(buffers->readBuffer), buffers->read);
+      }
+      if ((buffers->needs & kNeedOutputBuffer) != 0) {
+        buffers->job->output = take();
+        KEST2_TRACE(kTraceZorba, "BufferAllocate", "pJob %p allocated buffer %p for decompression result\n",
+                    static_cast<void*>(buffers->job), static_cast<void*>(buffers->job->output));
+      }
+      __atomic_store_n(&BufferBusyMask(context), mask, __ATOMIC_RELEASE);
+    }
+    (void)kick;
+  }
+  return result;
+}
+
+int32_t BufferCallback(ChunkCallbackRecord* callback, int32_t event) {
+  return BufferAllocate(event, callback);
+}
+
+// A lane gives its block's buffers back (and wakes held-back reads).
+void ReleaseLaneBuffers(LaneState* lane) {
+  if (lane->bufferCallback == CHUNKID_INVALID) return;
+  bool kick;
+  {
+    DearchiverLocker lock;
+    kick = ReleaseBuffersLocked(ChunkRecord<ChunkCallbackRecord>(lane->bufferCallback));
+  }
+  KEST2_TRACE(kTraceZorba, "BufferAllocate", "%s", kick ? "Kicking scheduler\n" : "Not kicking scheduler\n");
+  if (kick) KickAllSchedulers();
+}
+
+int32_t DecompressCallback(ChunkCallbackRecord* record, int32_t event);
+
+// Arms the lane for block b with the read chunk `read` (allocated, not
+// linked to the lane's list by this function).  Answers 1 when armed, 0 when
+// the block holds no wanted byte, or a negative error.
+int32_t CreateBlockRead(ReadState* state, uint64_t b, ChunkID laneId, ChunkID read) {
+  const uint64_t blockStart = b * state->blockSize;
+  if (blockStart >= state->fileSize) return 0;
+  const uint64_t blockEnd =
+      blockStart + state->blockSize < state->fileSize ? blockStart + state->blockSize : state->fileSize;
+  const uint64_t start = static_cast<uint64_t>(state->start);
+  const uint64_t end = static_cast<uint64_t>(state->end);
+  if (blockEnd <= start || blockStart >= end) return 0;
+  const uint64_t r0 = start > blockStart ? start : blockStart;
+  const uint64_t r1 = end < blockEnd ? end : blockEnd;
+  ZorbaBlock block;
+  if (LocateBlock(state->tracker->header, state->tracker->toc, state->entry,
+                  state->tracker->blockIndex, b, &block) != ZUL_KEST_OK) {
+    return ZUL_KEST_ERROR_BAD_ARCHIVE;
+  }
+  ChunkCallbackRecord* laneRecord = ChunkRecord<ChunkCallbackRecord>(laneId);
+  LaneState* lane = StateOf<LaneState>(laneRecord);
+  DecompressionJob* job = lane->job;
+  ChunkFhIoRecord* io = ChunkRecord<ChunkFhIoRecord>(read);
+  io->h = state->tracker->archiveHandle;
+  io->position = INT64_MAX;
+  uint8_t* destination = state->destination + (r0 - start);
+  lane->flags = 0;
+  lane->bufferCallback = CHUNKID_INVALID;
+  lane->read = read;
+  if (!block.compressed) {
+    io->offset = static_cast<int64_t>(block.offset + (r0 - blockStart));
+    io->reqCount = static_cast<int64_t>(r1 - r0);
+    io->buffer = destination;
+    io->actCount = state->actCount;
+    std::memset(job, 0, sizeof(*job));
+    return 1;
+  }
+  ChunkHeader* readHeader = ChunkAt(read);
+  StoreChunkFlags(readHeader, LoadChunkFlags(readHeader) | kChunkNoSplit);
+  const bool whole = r0 == blockStart && r1 == blockEnd;
+  std::memset(job, 0, sizeof(*job));
+  job->codecTag = state->codec->tag;
+  job->jobFlags = kJobPrepared;
+  job->output = whole ? destination : nullptr;
+  job->destination = destination;
+  job->completion = WakeSchedulers;
+  job->compressedSize = block.storedSize;
+  job->outputSize = static_cast<uint32_t>(blockEnd - blockStart);
+  job->offsetInBlock = static_cast<uint32_t>(r0 - blockStart);
+  job->wantedLength = static_cast<uint32_t>(r1 - r0);
+  const uint8_t needs = static_cast<uint8_t>(kNeedReadBuffer | (whole ? 0 : kNeedOutputBuffer));
+  const ChunkID callback = AllocateChildChunk(laneId, CHUNK_CALLBACK);
+  if (callback == CHUNKID_INVALID) return ZUL_KEST_ERROR_CANT_ALLOCATE_CHUNK;
+  {
+    ChunkLocker lock;
+    StoreChunkFlags(ChunkAt(callback), LoadChunkFlags(ChunkAt(callback)) | kChunkScheduled | kChunkCompleted);
+  }
+  ChunkCallbackRecord* buffers = ChunkRecord<ChunkCallbackRecord>(callback);
+  buffers->callback = BufferCallback;
+  buffers->context = state->context;
+  *StateOf<BufferState>(buffers) = BufferState{read, laneId, needs, nullptr, job};
+  readHeader->linked = callback;
+  io->offset = static_cast<int64_t>(block.offset);
+  io->reqCount = block.storedSize;
+  io->buffer = nullptr;  // lent by the buffer manager before the read runs
+  io->actCount = nullptr;
+  lane->bufferCallback = callback;
+  lane->expectedOutput = job->outputSize;
+  lane->wanted = job->wantedLength;
+  return 1;
+}
+
+// Offers a lane's new read to the filters after the dearchiver.  0, or the
+// error of a filter that failed.
+int32_t FilterDynamicRead(ZulKestZorbaDearchiverContext* context, ChunkID* read) {
+  int32_t own = -1;
+  for (int32_t i = 0; i <= kLastFilterSlotForDynamicReads; ++i) {
+    if (FilterContextAt(i) == context) {
+      own = i;
+      break;
+    }
+  }
+  if (own < 0) return ZUL_KEST_OK;
+  for (int32_t i = own + 1; i <= kLastFilterSlotForDynamicReads; ++i) {
+    const ZulKestIOFilterCallback filter = FilterFunctionAt(i);
+    if (filter == nullptr) continue;
+    KEST2_TRACE(kTraceZorba, "DecompressCallback", "applying filter %d to dynamic read chunk %d\n", i, *read);
+    ChunkID offered = *read;
+    const int32_t result = filter(FilterContextAt(i), ZUL_KEST_IOFILTER_EVENT_FILTER_CHUNK, &offered);
+    if (result != ZUL_KEST_OK && result != ZUL_KEST_ERROR_EVENT_NOT_HANDLED) {
+      char filterDump[kDumpBufferSize], chunkDump[kDumpBufferSize];
+      zulKestPrintf("KEST2 warning: %s returned error %d while filtering chunk tree %s\n",
+                    DumpFilter(filter, FilterContextAt(i), filterDump, sizeof(filterDump)), result,
+                    DumpChunk(offered, chunkDump, sizeof(chunkDump)));
+      return result;
+    }
+    *read = offered;
+    if (offered == CHUNKID_INVALID) {
+      KEST2_TRACE(kTraceZorba, "DecompressCallback", "%s", "filtering eliminated dynamic read\n");
+      break;
+    }
+  }
+  return ZUL_KEST_OK;
+}
+
+// Drops a chunk that hangs below the lane: its buffer callback or read.
+void DropLaneChild(ChunkID lane, ChunkID child) {
+  if (child == CHUNKID_INVALID) return;
+  ChunkLocker lock;
+  UnlinkChunks(lane, child);
+  DeallocateChunk(child);
+}
+
+// Takes the next unread block into the lane, or finishes it.
+int32_t Rearm(ChunkCallbackRecord* record, LaneState* lane) {
+  const ChunkID laneId = ChunkIdOf(record);
+  ReadState* state = lane->state;
+  const bool cancelled = (LoadChunkFlags(&record->header) & kChunkCancelled) != 0;
+  ReleaseLaneBuffers(lane);
+  if (record->error != ZUL_KEST_OK || cancelled)
+    return cancelled ? ZUL_KEST_ERROR_CANCELLED : record->error;
+  const ChunkID oldRead = lane->read;
+  const ChunkID oldCallback = lane->bufferCallback;
+  lane->bufferCallback = CHUNKID_INVALID;
+  ChunkID read = AllocateChunk(CHUNK_FH_READ);
+  if (read == CHUNKID_INVALID) return ZUL_KEST_ERROR_CANT_ALLOCATE_CHUNK;
+  for (;;) {
+    const uint64_t b = __atomic_fetch_add(&state->nextBlock, 1, __ATOMIC_ACQ_REL);
+    if (b > state->lastBlock) {
+      KEST2_TRACE(kTraceZorba, "DecompressCallback", "%s", "no more blocks to read\n");
+      DeallocateChunk(read);
+      DropLaneChild(laneId, oldCallback);
+      DropLaneChild(laneId, oldRead);
+      return ZUL_KEST_OK;
+    }
+    const int32_t armed = CreateBlockRead(state, b, laneId, read);
+    if (armed == 1) break;
+    if (armed < 0) {
+      DeallocateChunk(read);
+      return armed;
+    }
+  }
+  KEST2_TRACE(kTraceZorba, "DecompressCallback", "created a dynamic read chunk %d\n", read);
+  const ChunkID created = read;
+  const int32_t filtered = FilterDynamicRead(state->context, &read);
+  if (filtered != ZUL_KEST_OK) return filtered;
+  if (read == CHUNKID_INVALID) read = created;  // answered by a filter: it carries on as is
+  {
+    ChunkLocker lock;
+    if (!LinkChunks(laneId, read)) return ZUL_KEST_ERROR_CANT_ALLOCATE_CHUNK;
+  }
+  KEST2_TRACE(kTraceZorba, "DecompressCallback", "scheduling dynamic read chunk %d\n", read);
+  PrepareChunk(read, record->header.priority, record->header.deadline);
+  DropLaneChild(laneId, oldCallback);
+  KEST2_TRACE(kTraceZorba, "DecompressCallback", "Deallocating old read chunk %d\n", oldRead);
+  DropLaneChild(laneId, oldRead);
+  ScheduleTree(read, 0, false);
+  return ZUL_KEST_ERROR_RETRY;
+}
+
+int32_t DecompressCallback(ChunkCallbackRecord* record, int32_t event) {
+  LaneState* lane = StateOf<LaneState>(record);
+  DecompressionJob* job = lane->job;
+  const Codec* codec = lane->state->codec;
+  if (job->compressedSize == 0) return event == 0 ? ZUL_KEST_OK : Rearm(record, lane);
+  if ((lane->flags & kLaneHandedOver) == 0) {
+    if (event == 0) return ZUL_KEST_OK;
+    const bool cancelled = (LoadChunkFlags(&record->header) & kChunkCancelled) != 0;
+    if (record->error != ZUL_KEST_OK || cancelled) {
+      ReleaseLaneBuffers(lane);
+      return cancelled ? ZUL_KEST_ERROR_CANCELLED : record->error;
+    }
+    if (codec->submit(job) == nullptr) {
+      ReleaseLaneBuffers(lane);
+      return ZUL_KEST_ERROR_DECOMPRESSION;
+    }
+    lane->flags |= kLaneHandedOver;
+    return ZUL_KEST_ERROR_RETRY;
+  }
+  if (!codec->isDone(job)) return ZUL_KEST_ERROR_RETRY;
+  if (event == 0) return ZUL_KEST_OK;
+  if (job->result != 0 || job->outputSize != lane->expectedOutput) {
+    ReleaseLaneBuffers(lane);
+    char dump[kDumpBufferSize];
+    zulKestPrintf("KEST: Decompression failed with eror %d/0x%x for chunk: %s\n", job->result,
+                  static_cast<unsigned>(job->result), DumpChunk(lane->read, dump, sizeof(dump)));
+    return ZUL_KEST_ERROR_DECOMPRESSION;
+  }
+  __atomic_add_fetch(lane->state->actCount, static_cast<int64_t>(lane->wanted), __ATOMIC_ACQ_REL);
+  return Rearm(record, lane);
+}
+
+// A new lane below root with its job buffer and its (not yet linked) read.
+ChunkID NewLane(ChunkID root, ReadState* state, ChunkID* read) {
+  const ChunkID lane = AllocateChildChunk(root, CHUNK_CALLBACK);
+  if (lane == CHUNKID_INVALID) return CHUNKID_INVALID;
+  ChunkCallbackRecord* record = ChunkRecord<ChunkCallbackRecord>(lane);
+  record->callback = DecompressCallback;
+  record->context = state->context;
+  auto* job = static_cast<DecompressionJob*>(AllocateBufferChunk(lane, sizeof(DecompressionJob)));
+  *read = AllocateChunk(CHUNK_FH_READ);
+  if (job == nullptr || *read == CHUNKID_INVALID) return CHUNKID_INVALID;
+  LaneState* laneState = StateOf<LaneState>(record);
+  *laneState = LaneState{};
+  laneState->job = job;
+  laneState->state = state;
+  laneState->bufferCallback = CHUNKID_INVALID;
+  return lane;
+}
+
+}  // namespace
+
+int32_t CreateReadChunksUnlocked(ZulKestZorbaDearchiverContext* context, ChunkID* out,
+                                 ArchiveTracker* tracker, const uint8_t* entry,
+                                 void* destination, int64_t offset, int64_t length,
+                                 int64_t* actCount) {
+  *out = CHUNKID_INVALID;
+  if (!CheckMountBuffer(tracker)) return ZUL_KEST_ERROR_BAD_ARCHIVE;
+  if (offset < 0) return ZUL_KEST_ERROR_BAD_OFFSET;
+  const int64_t fileSize = static_cast<int64_t>(GetEntrySize(entry));
+  const int64_t start = offset < fileSize ? offset : fileSize;
+  int64_t end = length > fileSize - offset ? fileSize : offset + length;
+  if (end < 0) end = 0;
+  if (end <= start) {
+    if (length == 0) return ZUL_KEST_OK;
+    return start == fileSize ? ZUL_KEST_ERROR_EOF : ZUL_KEST_ERROR_BAD_OFFSET;
+  }
+  const ZorbaHeader& header = tracker->header;
+  const uint64_t blockSize = header.blockSize;
+  const uint64_t first = static_cast<uint64_t>(start) / blockSize;
+  const uint64_t last = static_cast<uint64_t>(end) / blockSize;
+
+  bool stored = false;
+  if (IsRangeStored(header, tracker->toc, entry, static_cast<uint64_t>(start),
+                    static_cast<uint64_t>(end - start), &stored) != ZUL_KEST_OK) {
+    return ZUL_KEST_ERROR_BAD_ARCHIVE;
+  }
+  if (stored) {
+    ZorbaBlock block;
+    if (LocateBlock(header, tracker->toc, entry, tracker->blockIndex, first, &block) != ZUL_KEST_OK)
+      return ZUL_KEST_ERROR_BAD_ARCHIVE;
+    const ChunkID read = AllocateChunk(CHUNK_FH_READ);
+    if (read == CHUNKID_INVALID) return ZUL_KEST_ERROR_CANT_ALLOCATE_CHUNK;
+    ChunkFhIoRecord* io = ChunkRecord<ChunkFhIoRecord>(read);
+    io->h = tracker->archiveHandle;
+    io->offset = static_cast<int64_t>(block.offset + (static_cast<uint64_t>(start) - first * blockSize));
+    io->position = INT64_MAX;
+    io->reqCount = end - start;
+    io->buffer = destination;
+    io->actCount = actCount;
+    *out = read;
+    return ZUL_KEST_OK;
+  }
+
+  const Codec* codec = FindCodec(header.compression, kCodecDearchiver);
+  if (codec == nullptr) {
+    zulKestPrintf("KEST2 warning: cannot find a decompressor!\n");
+    return ZUL_KEST_ERROR_DECOMPRESSION;
+  }
+  const ChunkID root = AllocateChunk(CHUNK_NULL);
+  if (root == CHUNKID_INVALID) return ZUL_KEST_ERROR_CANT_ALLOCATE_CHUNK;
+  auto* state = static_cast<ReadState*>(AllocateBufferChunk(root, sizeof(ReadState)));
+  if (state == nullptr) {
+    DeallocateTree(root);
+    return ZUL_KEST_ERROR_CANT_ALLOCATE_CHUNK;
+  }
+  *state = ReadState{codec,          last, blockSize, first, static_cast<uint64_t>(fileSize),
+                     tracker,        entry, start,    end,   static_cast<uint8_t*>(destination),
+                     actCount,       context};
+  int armed = 0;
+  ChunkID lane = CHUNKID_INVALID;
+  ChunkID read = CHUNKID_INVALID;
+  uint64_t b = first;
+  for (; b <= last && armed < kLaneLimit; ++b) {
+    if (lane == CHUNKID_INVALID) {
+      lane = NewLane(root, state, &read);
+      if (lane == CHUNKID_INVALID) {
+        if (read != CHUNKID_INVALID) DeallocateChunk(read);
+        DeallocateTree(root);
+        return ZUL_KEST_ERROR_CANT_ALLOCATE_CHUNK;
+      }
+    }
+    const int32_t result = CreateBlockRead(state, b, lane, read);
+    if (result < 0) {
+      DeallocateChunk(read);
+      DeallocateTree(root);
+      return result;
+    }
+    if (result == 1) {
+      ChunkLocker lock;
+      if (!LinkChunks(lane, read)) {
+        DeallocateChunk(read);
+        DeallocateTree(root);
+        return ZUL_KEST_ERROR_CANT_ALLOCATE_CHUNK;
+      }
+      ++armed;
+      lane = CHUNKID_INVALID;
+      read = CHUNKID_INVALID;
+    }
+  }
+  if (lane != CHUNKID_INVALID) {
+    DeallocateChunk(read);
+    ChunkLocker lock;
+    UnlinkChunks(root, lane);
+    DeallocateTree(lane);
+  }
+  KEST2_TRACE(kTraceZorba, "CreateReadChunksUnlocked", "created %d initial reads\n", armed);
+  state->nextBlock = b;
+  *out = root;
+  return ZUL_KEST_OK;
+}
+
+}  // namespace kest2

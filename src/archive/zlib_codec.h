@@ -1,0 +1,33 @@
+// The library's own codec: inflates zlib-wrapped archive blocks on one to
+// three decompressor threads ("ZulKestZlib0".."ZulKestZlib2").
+//
+// Jobs wait in one FIFO queue.  A submission wakes the lowest-numbered idle
+// worker among the active ones; a worker that is already running drains the
+// whole queue, so lowering the active count takes effect as workers go idle.
+// Each finished job gets its done bit, then its completion function (called
+// under the codec's lock) or, when it has none, a wake-up of the threads in
+// wait().
+//
+// The codec allocates nothing from the heap: each worker hands zlib a fixed
+// arena in static storage (inflate's state plus its 32 KiB window).  A
+// request that does not fit is refused, which fails that job with
+// Z_MEM_ERROR.
+//
+// Thread-safety: submit, isDone, wait and setThreadCount may be called from
+// any thread while the codec runs.  init and terminate are called by the
+// codec registry, never concurrently with each other or with the other
+// functions; after terminate no job may be submitted or waited for.
+#ifndef KEST2_SRC_ARCHIVE_ZLIB_CODEC_H_
+#define KEST2_SRC_ARCHIVE_ZLIB_CODEC_H_
+
+#include "archive/codec_registry.h"
+
+namespace kest2 {
+
+// The zlib codec record: tag "zlib", capability kCodecDearchiver, no output
+// alignment.
+const Codec* ZlibCodec();
+
+}  // namespace kest2
+
+#endif  // KEST2_SRC_ARCHIVE_ZLIB_CODEC_H_
