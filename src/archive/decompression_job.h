@@ -42,7 +42,7 @@ struct DecompressionJob {
   const uint8_t* source;               // compressed bytes (a work buffer)
   uint8_t* output;                     // where to inflate: the caller's buffer or a work buffer
   uint8_t* destination;                // where the wanted bytes end up (the caller's buffer)
-  DecompressionCompletion completion;  // null: the codec signals its waiters instead
+  DecompressionCompletion completion;  // may be null (for jobs waited for with the codec's wait)
   uint32_t compressedSize;
   // In: the block's uncompressed length (room at `output`).  Out: bytes
   // produced.

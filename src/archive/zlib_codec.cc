@@ -152,7 +152,7 @@ void WorkerLoop(void* argument) {
       if (completion != nullptr) completion();
       // Broadcast, not signal: waiters wait for different jobs, and any of
       // them may be the one whose job just finished.
-      if (completion == nullptr) CondSignal(&g_zlib.waiter);
+      if (g_zlib.waiting > 0) CondBroadcast(&g_zlib.waiter);
     }
     if (g_zlib.shutdown) break;
     worker->busy = false;

@@ -9,6 +9,7 @@
 
 #include "kest2.h"
 #include "kest2/library_session.h"
+#include "kest2/pack_command.h"
 
 namespace kest2_cli {
 namespace {
@@ -179,6 +180,8 @@ const Command kCommands[] = {
      "Copies SRC to DST through the library in 1 MiB pieces; DST is created or\n"
      "truncated.\n",
      2, 2, Cp},
+    {"pack", "[OPTIONS] DIR ARCHIVE", "pack a directory into an archive", kPackHelp, 2, SIZE_MAX,
+     Pack, false},
     {nullptr, nullptr, nullptr, nullptr, 0, 0, nullptr},
 };
 

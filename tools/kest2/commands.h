@@ -1,8 +1,9 @@
-// The subcommands of the kest2 program.  Each runs inside an initialised
-// library session, does its work through the library, writes its output to
+// The subcommands of the kest2 program.  Each writes its output to
 // standard output and its errors to standard error as one line naming the
-// path and the library's error, and returns the process exit code: 0 on
-// success, 1 when an operation failed.
+// path and the reason, and returns the process exit code: 0 on success, 1
+// when an operation failed.  The file commands run inside an initialised
+// library session and do their work through the library; pack works on the
+// host's files directly and parses its own options.
 #ifndef KEST2_TOOLS_KEST2_COMMANDS_H_
 #define KEST2_TOOLS_KEST2_COMMANDS_H_
 
@@ -21,6 +22,7 @@ struct Command {
   size_t minArguments;
   size_t maxArguments;   // SIZE_MAX: any number
   int (*run)(const Arguments& arguments);
+  bool usesLibrary = true;  // run inside a library session
 };
 
 // The commands, in the order the help lists them; ends with a null name.

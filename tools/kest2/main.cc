@@ -5,6 +5,7 @@
 // Exit codes: 0 success, 1 an operation failed, 2 bad usage or the library
 // could not start.
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -39,8 +40,13 @@ void PrintUsage(FILE* out) {
                "File commands carried out through the kest2 I/O scheduling library.\n"
                "\n"
                "Commands:\n");
+  int usageWidth = 0;
   for (const Command* command = kest2_cli::Commands(); command->name != nullptr; ++command) {
-    std::fprintf(out, "  %-5s %-10s %s\n", command->name, command->usage, command->summary);
+    usageWidth = std::max(usageWidth, static_cast<int>(std::strlen(command->usage)));
+  }
+  for (const Command* command = kest2_cli::Commands(); command->name != nullptr; ++command) {
+    std::fprintf(out, "  %-5s %-*s %s\n", command->name, usageWidth, command->usage,
+                 command->summary);
   }
   std::fprintf(out,
                "\n"
@@ -149,6 +155,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "Usage: kest2 [OPTIONS] %s %s\n", command->name, command->usage);
     return kUsageError;
   }
+  if (!command->usesLibrary) return command->run(arguments);
   kest2_cli::LibrarySession session(options);
   if (session.status() != ZUL_KEST_OK) {
     std::fprintf(stderr, "kest2: the library did not start: %s\n",
