@@ -71,7 +71,8 @@ int32_t ReadArchiveDirectory(ZulKestZorbaDearchiverContext* context, ChunkID rea
     // the directory.
     tracker = tracker->next;
     while (tracker != nullptr && !MountPointCovers(tracker, directory, &relative)) tracker = tracker->next;
-    data.id = tracker != nullptr ? tracker->id : 0;
+    if (tracker == nullptr) break;  // the handle keeps its last archive
+    data.id = tracker->id;
     data.position = -1;
   }
   data.exhausted = 1;

@@ -15,6 +15,18 @@ namespace {
 HybPlatformMutex g_dearchiverMutex;
 int32_t g_nextArchiveId = 1;
 
+// Archives seen before, by a digest of their header fields, TOC and
+// manifest, so that an archive unmounted and mounted again gets its old ID
+// back and handles opened through it work again.  Guarded by the
+// dearchiver mutex; the oldest memory goes first.
+constexpr int kRememberedArchives = 64;
+struct RememberedArchive {
+  uint8_t digest[kMd5DigestSize];
+  int32_t id;
+};
+RememberedArchive g_remembered[kRememberedArchives];
+int g_rememberedNext;
+
 constexpr size_t kDirectoryKeyMax = 1024;
 
 uint64_t RoundUp8(uint64_t value) { return (value + 7) & ~uint64_t{7}; }
@@ -91,6 +103,19 @@ bool SameArchive(const ArchiveTracker* a, const ArchiveTracker* b) {
          std::memcmp(a->manifestText, b->manifestText, a->manifestSize) == 0;
 }
 
+void ArchiveDigest(const ArchiveTracker* tracker, uint8_t* digest) {
+  const ZorbaHeader& h = tracker->header;
+  const uint64_t fields[] = {h.magic,     h.version,    h.compression, h.tocLength,
+                             h.tocEntrySize, h.tocEntryCount, h.blockSize, h.archiveFlags,
+                             h.tocOffset, h.tocSize,    tracker->manifestSize, tracker->manifestPathCount};
+  Md5Context md5;
+  Md5Init(&md5);
+  Md5Update(&md5, fields, sizeof(fields));
+  Md5Update(&md5, tracker->toc, h.tocLength);
+  Md5Update(&md5, tracker->manifestText, tracker->manifestSize);
+  Md5Final(&md5, digest);
+}
+
 const char* HandlePathText(uint32_t h) {
   const FileHandle* file = Lookup<FileHandle>(kFhTable, h);
   return file != nullptr ? GetPath(&file->path) : "";
@@ -133,7 +158,19 @@ void AddMountedArchive(ZulKestZorbaDearchiverContext* context, ArchiveTracker* t
     tracker->id = other->id;
     break;
   }
-  if (tracker->id == 0) tracker->id = __atomic_fetch_add(&g_nextArchiveId, 1, __ATOMIC_ACQ_REL);
+  uint8_t digest[kMd5DigestSize];
+  ArchiveDigest(tracker, digest);
+  for (const RememberedArchive& seen : g_remembered) {
+    if (tracker->id == 0 && seen.id != 0 && std::memcmp(seen.digest, digest, sizeof(digest)) == 0)
+      tracker->id = seen.id;
+  }
+  if (tracker->id == 0) {
+    tracker->id = __atomic_fetch_add(&g_nextArchiveId, 1, __ATOMIC_ACQ_REL);
+    RememberedArchive& slot = g_remembered[g_rememberedNext];
+    g_rememberedNext = (g_rememberedNext + 1) % kRememberedArchives;
+    std::memcpy(slot.digest, digest, sizeof(digest));
+    slot.id = tracker->id;
+  }
   tracker->next = ArchiveList(context);
   SetArchiveList(context, tracker);
 }
@@ -313,9 +350,11 @@ bool CheckMountBuffer(const ArchiveTracker* tracker) {
       tracker != nullptr && address(tracker) % 8 == 0 && tracker->header.tocSorted != 0 &&
       tracker->mountPoint != nullptr && address(tracker) < address(tracker->mountPoint) &&
       address(tracker->mountPoint) < address(tracker->blockIndex) &&
-      address(tracker->blockIndex) < address(tracker->toc) &&
+      // The index is empty when every file is stored, the path array when
+      // the archive holds no file.
+      address(tracker->blockIndex) <= address(tracker->toc) &&
       address(tracker->toc) < address(tracker->manifestPaths) &&
-      address(tracker->manifestPaths) < address(tracker->manifestText) &&
+      address(tracker->manifestPaths) <= address(tracker->manifestText) &&
       IsHeaderValid(tracker->header) && Lookup<FileHandle>(kFhTable, tracker->archiveHandle) != nullptr;
   if (!intact) {
     zulKestPrintf("KEST2 ERROR: The archive mountBuffer at 0x%08llX is corrupt!\n",

@@ -95,8 +95,9 @@ inline bool LooseFiles(const ZulKestZorbaDearchiverContext* context) {
 
 // --- Archive IDs and the list (REQUIRES: dearchiver mutex) ----------------
 
-// Gives the tracker the ID of an identical archive already mounted, or a
-// new one, and puts it at the head of the list.
+// Gives the tracker the ID of an identical archive mounted now or before
+// (the last 64 distinct archives are remembered), or a new one, and puts it
+// at the head of the list.
 void AddMountedArchive(ZulKestZorbaDearchiverContext* context, ArchiveTracker* tracker);
 // Unlinks the tracker whose archive file handle is h; null when none.
 ArchiveTracker* RemoveMountedArchive(ZulKestZorbaDearchiverContext* context, uint32_t h);

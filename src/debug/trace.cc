@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 
 #include "core/platform.h"
 #include "kest2.h"
@@ -33,10 +34,13 @@ void TraceLine(uint32_t module, const char* function, const char* format, ...) {
   va_end(args);
   char timestamp[16];
   zulKestTraceTimestamp(timestamp, sizeof(timestamp));
-  zulKestPrintf("%s kest2/%-5s 0x%08llx %-15s %s\n", timestamp,
+  // Texts that bring their own line end keep it; the others get one.
+  const size_t length = std::strlen(text);
+  const bool ended = length > 0 && text[length - 1] == '\n';
+  zulKestPrintf("%s kest2/%-5s 0x%08llx %-15s %s%s", timestamp,
                 TraceModuleTag(module),
                 static_cast<unsigned long long>(CurrentThreadId()), function,
-                text);
+                text, ended ? "" : "\n");
 }
 
 }  // namespace kest2

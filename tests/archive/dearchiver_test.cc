@@ -1,0 +1,395 @@
+// The dearchiver end to end: archives packed from real trees, mounted through
+// the library, and read back byte for byte; lookups, listings, remounts,
+// corrupt archives, the context checks and concurrent readers.
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "kest2.h"
+#include "kest2/archive_writer.h"
+#include "test_support.h"
+
+namespace {
+
+std::vector<uint8_t> Bytes(size_t size, uint32_t seed, bool compressible) {
+  std::vector<uint8_t> bytes(size);
+  std::mt19937 random(seed);
+  for (size_t i = 0; i < size; ++i) {
+    bytes[i] = compressible ? static_cast<uint8_t>("kest2 archive text "[(i + seed) % 19] ^ (i / 4096 % 3))
+                            : static_cast<uint8_t>(random());
+  }
+  return bytes;
+}
+
+void WriteFile(const std::string& path, const std::vector<uint8_t>& bytes) {
+  std::ofstream(path, std::ios::binary)
+      .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+}
+
+std::vector<uint8_t> ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
+}
+
+class DearchiverTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ZulKestParams params = kest2_test::MakeParams(&storage_, 256, 64, 16, 1024, 30000);
+    params.pVprintf = kest2_test::OutputCapture::Hook();
+    params.ioThreadCount = 2;
+    ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
+    work_.assign((3 * 70000 + 64) / 8 + 8, 0);
+    context_.sizeOfContext = sizeof(context_);
+    context_.workBufferSize = 3 * 70000;
+    context_.pWorkBuffer = Aligned64(work_.data());
+  }
+  void TearDown() override {
+    if (installed_) zulKestIOFilterRemove(0);
+    zulKestTerminate();
+  }
+
+  static void* Aligned64(void* p) {
+    return reinterpret_cast<void*>((reinterpret_cast<uintptr_t>(p) + 63) & ~uintptr_t{63});
+  }
+
+  void Install(uint64_t flags = 0) {
+    context_.flags = flags;
+    ASSERT_EQ(zulKestIOFilterAdd(0, zulKestIOFilterZorbaDearchiver, &context_), ZUL_KEST_OK);
+    installed_ = true;
+  }
+
+  // A tree of files under dir/name with the given sizes, remembered for
+  // comparison.
+  std::string MakeTree(const std::string& name, const std::map<std::string, std::vector<uint8_t>>& files) {
+    const std::string root = dir_.path() + "/" + name;
+    std::filesystem::create_directories(root);
+    for (const auto& [relative, bytes] : files) {
+      const std::string path = root + "/" + relative;
+      std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+      WriteFile(path, bytes);
+    }
+    return root;
+  }
+
+  std::string Pack(const std::string& tree, const std::string& name, const kest2_cli::PackOptions& options = {}) {
+    const std::string archive = dir_.path() + "/" + name;
+    std::string error;
+    kest2_cli::PackSummary summary;
+    EXPECT_TRUE(kest2_cli::PackDirectory(tree, archive, options, &summary, &error)) << error;
+    return archive;
+  }
+
+  // Mounts with a buffer of exactly the size the query reports.
+  int32_t Mount(const std::string& archive, const char* mountPoint, ZulKestFH* fh,
+                int64_t extra = 0) {
+    const int64_t need = zulKestArchiveGetMountBufferSizeSync(nullptr, archive.c_str(), nullptr);
+    if (need < 0) return static_cast<int32_t>(need);
+    mountBuffers_.emplace_back(static_cast<size_t>(need + extra + 7) / 8 + 1, 0);
+    return zulKestArchiveMountSync(nullptr, fh, archive.c_str(), mountPoint,
+                                   mountBuffers_.back().data(), need + extra, nullptr);
+  }
+
+  std::vector<uint8_t> ReadArchived(const std::string& path, int64_t size, int64_t offset = 0) {
+    std::vector<uint8_t> buffer(static_cast<size_t>(size));
+    const int64_t got = zulKestFileReadSync(nullptr, path.c_str(), buffer.data(), size, offset);
+    if (got < 0) ADD_FAILURE() << path << ": " << zulKestDebugDumpError(static_cast<int32_t>(got), nullptr, 0);
+    buffer.resize(got < 0 ? 0 : static_cast<size_t>(got));
+    return buffer;
+  }
+
+  kest2_test::OutputCapture output_;
+  kest2_test::TempDir dir_;
+  kest2_test::TestStorage storage_;
+  std::vector<uint64_t> work_;
+  ZulKestZorbaDearchiverContext context_{};
+  bool installed_ = false;
+  std::vector<std::vector<uint64_t>> mountBuffers_;
+};
+
+TEST_F(DearchiverTest, EveryArchiveVariantReadsBackByteForByte) {
+  Install();
+  const std::map<std::string, std::vector<uint8_t>> files = {
+      {"empty", {}},
+      {"tiny.txt", Bytes(5, 1, true)},
+      {"text/one-block.txt", Bytes(200, 2, true)},
+      {"text/many-blocks.txt", Bytes(300001, 3, true)},
+      {"bin/noise.bin", Bytes(70001, 4, false)},
+      {"Mixed/Case.Name", Bytes(65537, 5, true)},
+  };
+  const std::string tree = MakeTree("variants", files);
+  struct Variant {
+    const char* name;
+    kest2_cli::PackOptions options;
+  };
+  std::vector<Variant> variants;
+  for (uint32_t blockSize : {256u, 65536u, 65537u}) {
+    kest2_cli::PackOptions options;
+    options.blockSize = blockSize;
+    variants.push_back({"block size", options});
+  }
+  kest2_cli::PackOptions v1;
+  v1.version = 1;
+  variants.push_back({"version 1", v1});
+  kest2_cli::PackOptions stored;
+  stored.storeIncompressible = true;
+  stored.level = 0;
+  variants.push_back({"stored", stored});
+  kest2_cli::PackOptions unsorted;
+  unsorted.unsorted = true;
+  variants.push_back({"unsorted", unsorted});
+  kest2_cli::PackOptions ignoreCase;
+  ignoreCase.ignoreCase = true;
+  variants.push_back({"ignore case", ignoreCase});
+  kest2_cli::PackOptions absolute;
+  absolute.absolutePaths = true;
+  variants.push_back({"absolute paths", absolute});
+
+  int index = 0;
+  for (const Variant& variant : variants) {
+    SCOPED_TRACE(std::string(variant.name) + " " + std::to_string(variant.options.blockSize));
+    const std::string archive = Pack(tree, "v" + std::to_string(index) + ".zorba", variant.options);
+    const std::string mount = "/v" + std::to_string(index++);
+    ZulKestFH fh = 0;
+    ASSERT_EQ(Mount(archive, mount.c_str(), &fh), ZUL_KEST_OK) << output_.text();
+    for (const auto& [relative, bytes] : files) {
+      const std::string path = mount + "/" + relative;
+      EXPECT_EQ(zulKestFileGetSizeSync(nullptr, path.c_str()), static_cast<int64_t>(bytes.size())) << path;
+      EXPECT_TRUE(ReadArchived(path, static_cast<int64_t>(bytes.size()) + 10) == bytes) << path;
+    }
+    if (variant.options.ignoreCase) {
+      EXPECT_EQ(zulKestFileGetSizeSync(nullptr, (mount + "/mixed/case.name").c_str()), 65537);
+    }
+    EXPECT_EQ(zulKestArchiveUnmountSync(nullptr, fh), ZUL_KEST_OK);
+  }
+}
+
+TEST_F(DearchiverTest, RandomRangesOfABigFileAndConcurrentReaders) {
+  Install();
+  const std::vector<uint8_t> big = Bytes(1 << 21, 7, true);
+  const std::vector<uint8_t> noise = Bytes(300000, 8, false);
+  const std::string tree = MakeTree("big", {{"big.dat", big}, {"noise.dat", noise}});
+  kest2_cli::PackOptions options;
+  options.blockSize = 4096;
+  ZulKestFH fh = 0;
+  ASSERT_EQ(Mount(Pack(tree, "big.zorba", options), "/big", &fh), ZUL_KEST_OK);
+  std::mt19937 random(11);
+  for (int i = 0; i < 60; ++i) {
+    const int64_t offset = static_cast<int64_t>(random() % big.size());
+    const int64_t length = static_cast<int64_t>(random() % 50000);
+    const std::vector<uint8_t> got = ReadArchived("/big/big.dat", length, offset);
+    const int64_t expected = std::min<int64_t>(length, static_cast<int64_t>(big.size()) - offset);
+    ASSERT_EQ(static_cast<int64_t>(got.size()), expected);
+    EXPECT_TRUE(std::equal(got.begin(), got.end(), big.begin() + offset)) << offset << "+" << length;
+  }
+  // Zero-length reads and reads at the end.
+  uint8_t byte;
+  EXPECT_EQ(zulKestFileReadSync(nullptr, "/big/big.dat", &byte, 0, 5), 0);
+  EXPECT_EQ(zulKestFileReadSync(nullptr, "/big/big.dat", &byte, 1, static_cast<int64_t>(big.size())), 0);
+
+  std::atomic<int> mismatches{0};
+  std::vector<std::thread> readers;
+  for (int t = 0; t < 4; ++t) {
+    readers.emplace_back([&, t] {
+      std::mt19937 local(100 + t);
+      std::vector<uint8_t> buffer(40000);
+      for (int i = 0; i < 25; ++i) {
+        const bool useNoise = (i + t) % 3 == 0;
+        const std::vector<uint8_t>& source = useNoise ? noise : big;
+        const int64_t offset = static_cast<int64_t>(local() % (source.size() - buffer.size()));
+        const int64_t got = zulKestFileReadSync(nullptr, useNoise ? "/big/noise.dat" : "/big/big.dat",
+                                                buffer.data(), static_cast<int64_t>(buffer.size()), offset);
+        if (got != static_cast<int64_t>(buffer.size()) ||
+            !std::equal(buffer.begin(), buffer.end(), source.begin() + offset)) {
+          ++mismatches;
+        }
+      }
+    });
+  }
+  for (auto& reader : readers) reader.join();
+  EXPECT_EQ(mismatches, 0);
+  EXPECT_EQ(zulKestArchiveUnmountSync(nullptr, fh), ZUL_KEST_OK);
+}
+
+TEST_F(DearchiverTest, LookupsListingsAndTheMountPointBoundary) {
+  Install();
+  const std::string tree = MakeTree("look", {{"a.txt", Bytes(10, 1, true)},
+                                             {"dir/b.txt", Bytes(20, 2, true)},
+                                             {"dir/sub/c.txt", Bytes(30, 3, true)}});
+  ZulKestFH fh = 0;
+  ASSERT_EQ(Mount(Pack(tree, "look.zorba"), "/data", &fh), ZUL_KEST_OK);
+  EXPECT_TRUE(zulKestDirectoryExistsSync(nullptr, "/data"));
+  EXPECT_TRUE(zulKestDirectoryExistsSync(nullptr, "/data/dir"));
+  EXPECT_TRUE(zulKestFileExistsSync(nullptr, "/data/dir/b.txt"));
+  EXPECT_TRUE(zulKestFileExistsSync(nullptr, "/data\\dir\\b.txt") ||
+              zulKestFileExistsSync(nullptr, "/data\\a.txt"));
+  EXPECT_FALSE(zulKestFileExistsSync(nullptr, "/data/dir"));
+  EXPECT_FALSE(zulKestExistsSync(nullptr, "/data/missing"));
+  EXPECT_FALSE(zulKestExistsSync(nullptr, "/database/a.txt"));  // not below /data
+  EXPECT_EQ(zulKestFileGetSizeSync(nullptr, "/data/dir"), ZUL_KEST_ERROR_NOT_A_FILE);
+
+  ZulKestStat st;
+  ASSERT_EQ(zulKestStatSync(nullptr, "/data/dir/sub/c.txt", &st), ZUL_KEST_OK);
+  EXPECT_EQ(st.fileSize, 30);
+  EXPECT_EQ(st.statFlags, ZUL_KEST_STAT_READABLE);
+  ASSERT_EQ(zulKestStatSync(nullptr, "/data/dir", &st), ZUL_KEST_OK);
+  EXPECT_EQ(st.statFlags, ZUL_KEST_STAT_DIRECTORY | ZUL_KEST_STAT_READABLE);
+
+  ZulKestOpenParams writing{};
+  writing.openFlags = ZUL_KEST_O_WRITE;
+  ZulKestFH file = 0;
+  EXPECT_EQ(zulKestFHOpenSync(nullptr, &file, "/data/a.txt", &writing), ZUL_KEST_ERROR_READ_ONLY);
+  EXPECT_EQ(zulKestFileDeleteSync(nullptr, "/data/a.txt"), ZUL_KEST_ERROR_READ_ONLY);
+  EXPECT_EQ(zulKestDirectoryCreateSync(nullptr, "/data/dir"), ZUL_KEST_ERROR_BAD_PATH);
+
+  std::vector<uint64_t> listing(0x20000 / 8);
+  ZulKestDH dh = 0;
+  ASSERT_EQ(zulKestDHOpenSync(nullptr, &dh, "/data/dir", listing.data(), 0x20000), ZUL_KEST_OK);
+  std::vector<std::string> names;
+  ZulKestDirEntry entry;
+  while (zulKestDHReadSync(nullptr, dh, &entry) == ZUL_KEST_OK) {
+    names.push_back(std::string(entry.fullPath) + ((entry.statFlags & ZUL_KEST_STAT_DIRECTORY) ? "/" : ""));
+  }
+  EXPECT_EQ(zulKestDHReadSync(nullptr, dh, &entry), ZUL_KEST_ERROR_EOF);
+  EXPECT_EQ(zulKestDHCloseSync(nullptr, dh), ZUL_KEST_OK);
+  EXPECT_EQ(names, (std::vector<std::string>{"/data/dir/b.txt", "/data/dir/sub/"}));
+}
+
+TEST_F(DearchiverTest, NewerArchiveWinsAndRemountKeepsHandlesValid) {
+  Install();
+  const std::string older = Pack(MakeTree("old", {{"shared.txt", Bytes(11, 1, true)},
+                                                  {"only-old.txt", Bytes(12, 2, true)}}),
+                                 "old.zorba");
+  const std::string newer = Pack(MakeTree("new", {{"shared.txt", Bytes(21, 3, true)},
+                                                  {"only-new.txt", Bytes(22, 4, true)}}),
+                                 "new.zorba");
+  ZulKestFH oldFh = 0, newFh = 0;
+  ASSERT_EQ(Mount(older, "/m", &oldFh), ZUL_KEST_OK);
+  ZulKestFH file = 0;
+  ASSERT_EQ(zulKestFHOpenSync(nullptr, &file, "/m/only-old.txt", nullptr), ZUL_KEST_OK);
+  ASSERT_EQ(Mount(newer, "/m", &newFh), ZUL_KEST_OK);
+  EXPECT_EQ(zulKestFileGetSizeSync(nullptr, "/m/shared.txt"), 21);
+  EXPECT_EQ(zulKestFileGetSizeSync(nullptr, "/m/only-old.txt"), 12);
+
+  std::vector<uint64_t> listing(0x20000 / 8);
+  ZulKestDH dh = 0;
+  ASSERT_EQ(zulKestDHOpenSync(nullptr, &dh, "/m", listing.data(), 0x20000), ZUL_KEST_OK);
+  std::map<std::string, int64_t> seen;
+  ZulKestDirEntry entry;
+  while (zulKestDHReadSync(nullptr, dh, &entry) == ZUL_KEST_OK) {
+    EXPECT_TRUE(seen.emplace(entry.fullPath + entry.offsetToName, entry.fileSize).second)
+        << entry.fullPath << " listed twice";
+  }
+  zulKestDHCloseSync(nullptr, dh);
+  EXPECT_EQ(seen, (std::map<std::string, int64_t>{{"only-new.txt", 22}, {"only-old.txt", 12}, {"shared.txt", 21}}));
+
+  // The old archive goes and comes back: its handle works again.
+  char buffer[32];
+  EXPECT_EQ(zulKestFHPreadSync(nullptr, file, buffer, 32, 0), 12);
+  EXPECT_EQ(zulKestArchiveUnmountSync(nullptr, oldFh), ZUL_KEST_OK);
+  EXPECT_LT(zulKestFHPreadSync(nullptr, file, buffer, 32, 0), 0);
+  ASSERT_EQ(Mount(older, "/m", &oldFh), ZUL_KEST_OK);
+  EXPECT_EQ(zulKestFHPreadSync(nullptr, file, buffer, 32, 0), 12);
+  EXPECT_EQ(zulKestFHCloseSync(nullptr, file), ZUL_KEST_OK);
+  EXPECT_EQ(zulKestArchiveUnmountSync(nullptr, newFh), ZUL_KEST_OK);
+  EXPECT_EQ(zulKestArchiveUnmountSync(nullptr, oldFh), ZUL_KEST_OK);
+  EXPECT_EQ(zulKestArchiveUnmountSync(nullptr, oldFh), ZUL_KEST_ERROR_BAD_FH);
+}
+
+TEST_F(DearchiverTest, MountBufferSizesAndLooseFiles) {
+  Install(ZUL_KEST_ZORBA_DEARCHIVER_LOOSE_FILES);
+  const std::string archive = Pack(MakeTree("sizes", {{"x.txt", Bytes(100, 1, true)}}), "sizes.zorba");
+  // A mount with too small a buffer reports the size it needs.
+  ZulKestFH fh = 0;
+  std::vector<uint64_t> small(16);
+  const ZulKestOp op = zulKestArchiveMount(nullptr, &fh, archive.c_str(), dir_.path().c_str(),
+                                           small.data(), 128, nullptr);
+  EXPECT_EQ(zulKestOpWait(op), ZUL_KEST_ERROR_BAD_SIZE);
+  const int64_t required = zulKestOpGetActualCount(op);
+  zulKestOpDelete(op);
+  EXPECT_EQ(zulKestGetAllFHs(nullptr, 0), 0);  // the failed mount closed the archive
+  std::vector<uint64_t> buffer(static_cast<size_t>(required) / 8 + 1);
+  EXPECT_EQ(zulKestArchiveMountSync(nullptr, &fh, archive.c_str(), dir_.path().c_str(),
+                                    buffer.data(), required - 1, nullptr),
+            ZUL_KEST_ERROR_BAD_SIZE);
+  ASSERT_EQ(zulKestArchiveMountSync(nullptr, &fh, archive.c_str(), dir_.path().c_str(),
+                                    buffer.data(), required, nullptr),
+            ZUL_KEST_OK);
+  // A loose file beside the archived ones under the same mount point.
+  WriteFile(dir_.path() + "/loose.txt", Bytes(7, 9, true));
+  EXPECT_EQ(zulKestFileGetSizeSync(nullptr, (dir_.path() + "/loose.txt").c_str()), 7);
+  EXPECT_EQ(zulKestFileGetSizeSync(nullptr, (dir_.path() + "/x.txt").c_str()), 100);
+  EXPECT_EQ(zulKestArchiveUnmountSync(nullptr, fh), ZUL_KEST_OK);
+}
+
+TEST_F(DearchiverTest, CorruptArchivesFailWithTheirCodes) {
+  Install();
+  const std::vector<uint8_t> text = Bytes(200000, 3, true);
+  const std::string archive = Pack(MakeTree("corrupt", {{"t.txt", text}}), "good.zorba");
+  std::vector<uint8_t> bytes = ReadFile(archive);
+  ZulKestFH fh = 0;
+
+  std::vector<uint8_t> badMagic = bytes;
+  badMagic[0] ^= 0xFF;
+  WriteFile(dir_.path() + "/magic.zorba", badMagic);
+  EXPECT_EQ(Mount(dir_.path() + "/magic.zorba", "/c", &fh), ZUL_KEST_ERROR_BAD_ARCHIVE);
+
+  WriteFile(dir_.path() + "/short.zorba", std::vector<uint8_t>(bytes.begin(), bytes.begin() + 20));
+  EXPECT_LT(Mount(dir_.path() + "/short.zorba", "/c", &fh), 0);
+
+  // The TOC claims more than the file holds.
+  WriteFile(dir_.path() + "/cut.zorba", std::vector<uint8_t>(bytes.begin(), bytes.begin() + bytes.size() / 2));
+  EXPECT_LT(Mount(dir_.path() + "/cut.zorba", "/c", &fh), 0);
+
+  // Garbage in the middle of the compressed data: the mount works (the TOC
+  // and manifest are intact) but reads of the damaged blocks fail.
+  std::vector<uint8_t> damaged = bytes;
+  for (size_t i = bytes.size() / 3; i < bytes.size() / 3 + 200; ++i) damaged[i] ^= 0x5A;
+  WriteFile(dir_.path() + "/damaged.zorba", damaged);
+  if (Mount(dir_.path() + "/damaged.zorba", "/d", &fh) == ZUL_KEST_OK) {
+    std::vector<uint8_t> buffer(text.size());
+    EXPECT_EQ(zulKestFileReadSync(nullptr, "/d/t.txt", buffer.data(), static_cast<int64_t>(buffer.size()), 0),
+              ZUL_KEST_ERROR_DECOMPRESSION);
+    EXPECT_EQ(zulKestArchiveUnmountSync(nullptr, fh), ZUL_KEST_OK);
+  }
+  EXPECT_EQ(zulKestGetAllFHs(nullptr, 0), 0);
+}
+
+TEST_F(DearchiverTest, ContextChecksRefuseWithTheirMessages) {
+  ZulKestZorbaDearchiverContext bad = context_;
+  bad.sizeOfContext = 48;
+  EXPECT_EQ(zulKestIOFilterAdd(0, zulKestIOFilterZorbaDearchiver, &bad), ZUL_KEST_ERROR_BAD_SIZE);
+  EXPECT_NE(output_.text().find("KEST2 ERROR: sizeOfContext 48 != expected 56.\n"), std::string::npos);
+  bad = context_;
+  bad.pWorkBuffer = static_cast<uint8_t*>(context_.pWorkBuffer) + 8;
+  EXPECT_EQ(zulKestIOFilterAdd(0, zulKestIOFilterZorbaDearchiver, &bad), ZUL_KEST_ERROR_BAD_ALIGNMENT);
+  bad = context_;
+  bad.flags = 2;
+  EXPECT_EQ(zulKestIOFilterAdd(0, zulKestIOFilterZorbaDearchiver, &bad), ZUL_KEST_ERROR_BAD_FLAGS);
+  bad = context_;
+  bad.reserved[2] = 1;
+  EXPECT_EQ(zulKestIOFilterAdd(0, zulKestIOFilterZorbaDearchiver, &bad), ZUL_KEST_ERROR_BAD_SIZE);
+  EXPECT_NE(output_.text().find("reserved[2] field is not zero"), std::string::npos);
+  bad = context_;
+  bad.workBufferSize = 0;
+  EXPECT_EQ(zulKestIOFilterAdd(0, zulKestIOFilterZorbaDearchiver, &bad), ZUL_KEST_ERROR_BAD_SIZE);
+
+  // A work buffer too small for the archive's blocks refuses the mount.
+  Install();
+  context_.workBufferSize = 3 * 1024;
+  ZulKestFH fh = 0;
+  const std::string archive = Pack(MakeTree("small", {{"f", Bytes(100, 1, true)}}), "small.zorba");
+  EXPECT_EQ(Mount(archive, "/w", &fh), ZUL_KEST_ERROR_BAD_SIZE);
+  context_.workBufferSize = 3 * 70000;
+}
+
+}  // namespace
