@@ -75,13 +75,15 @@ class DearchiverLocker {
 
 // The context's reserved words: the list head, the work buffers' busy mask
 // and the flag that a chunk was held back for want of a buffer.
+// The words are read without the mutex by the context's sanity check, so
+// they are accessed atomically.
 inline ArchiveTracker* ArchiveList(const ZulKestZorbaDearchiverContext* context) {
-  ArchiveTracker* head;
-  std::memcpy(&head, &context->reserved[0], sizeof(head));
-  return head;
+  return reinterpret_cast<ArchiveTracker*>(
+      static_cast<uintptr_t>(__atomic_load_n(&context->reserved[0], __ATOMIC_ACQUIRE)));
 }
 inline void SetArchiveList(ZulKestZorbaDearchiverContext* context, ArchiveTracker* head) {
-  std::memcpy(&context->reserved[0], &head, sizeof(head));
+  __atomic_store_n(&context->reserved[0], static_cast<uint64_t>(reinterpret_cast<uintptr_t>(head)),
+                   __ATOMIC_RELEASE);
 }
 inline uint64_t& BufferBusyMask(ZulKestZorbaDearchiverContext* context) {
   return context->reserved[1];

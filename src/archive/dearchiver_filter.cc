@@ -95,7 +95,8 @@ bool StateIsSound(const ZulKestZorbaDearchiverContext* context) {
                      context->sizeOfContext == kContextSize && context->workBufferSize != 0 &&
                      context->pWorkBuffer != nullptr &&
                      Aligned(context->pWorkBuffer, kWorkBufferAlignment) && context->flags <= 1 &&
-                     context->reserved[0] % 8 == 0 && context->reserved[1] <= 7;
+                     __atomic_load_n(&context->reserved[0], __ATOMIC_ACQUIRE) % 8 == 0 &&
+                     __atomic_load_n(&context->reserved[1], __ATOMIC_ACQUIRE) <= 7;
   if (!sound) {
     zulKestPrintf("KEST2 ERROR: The dearchiver's internal state is corrupt and it will be disabled!\n");
     zulKestPrintf(
