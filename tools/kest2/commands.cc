@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "kest2.h"
+#include "kest2/archive_session.h"
 #include "kest2/library_session.h"
 #include "kest2/pack_command.h"
 
@@ -23,7 +24,24 @@ int Fail(const char* command, const std::string& path, int64_t code) {
 
 // Streams a file to standard output: two reads stay in flight so that the
 // library reads the next piece while this one is written out.
-int Cat(const Arguments& paths) {
+int CatFiles(const Arguments& paths);
+
+// `cat ARCHIVE PATH...` reads paths inside the archive; any other form
+// reads files.
+int Cat(const Arguments& arguments) {
+  if (arguments.size() < 2 || !LooksLikeArchive(arguments[0])) return CatFiles(arguments);
+  ArchiveSession archive;
+  const int32_t mounted = archive.Mount(arguments[0]);
+  if (mounted != ZUL_KEST_OK) return Fail("cat", arguments[0], mounted);
+  Arguments inside;
+  for (size_t i = 1; i < arguments.size(); ++i) {
+    const std::string& path = arguments[i];
+    inside.push_back(arguments[0] + (path.empty() || path[0] != '/' ? "/" : "") + path);
+  }
+  return CatFiles(inside);
+}
+
+int CatFiles(const Arguments& paths) {
   std::vector<char> buffers[2] = {std::vector<char>(kTransferSize),
                                   std::vector<char>(kTransferSize)};
   int status = 0;
@@ -67,8 +85,19 @@ struct Listed {
   bool directory;
 };
 
+int ListDirectory(const std::string& path);
+
+// `ls ARCHIVE` lists the archive's top directory.
 int Ls(const Arguments& arguments) {
-  const std::string& path = arguments.empty() ? std::string(".") : arguments[0];
+  const std::string path = arguments.empty() ? std::string(".") : arguments[0];
+  if (!LooksLikeArchive(path)) return ListDirectory(path);
+  ArchiveSession archive;
+  const int32_t mounted = archive.Mount(path);
+  if (mounted != ZUL_KEST_OK) return Fail("ls", path, mounted);
+  return ListDirectory(path);
+}
+
+int ListDirectory(const std::string& path) {
   // The listing keeps its state in the caller's buffer; when it is too
   // small the open says how much it needs.
   std::vector<uint64_t> buffer(0x20000 / 8);
@@ -166,11 +195,13 @@ int Cp(const Arguments& arguments) {
 const Command kCommands[] = {
     {"cat", "PATH...", "write files to standard output",
      "Reads each file through the library, two 1 MiB reads in flight, and writes\n"
-     "it to standard output.\n",
+     "it to standard output.  'kest2 cat ARCHIVE PATH...' writes files stored in\n"
+     "an archive made by 'kest2 pack'.\n",
      1, SIZE_MAX, Cat},
-    {"ls", "[DIR]", "list a directory",
+    {"ls", "[DIR|ARCHIVE]", "list a directory or an archive",
      "Lists the directory (default: the current one), one entry per line: type\n"
-     "('d' or '-'), size in bytes and name, sorted by name.\n",
+     "('d' or '-'), size in bytes and name, sorted by name.  Given an archive\n"
+     "made by 'kest2 pack', lists the archive's top directory.\n",
      0, 1, Ls},
     {"stat", "PATH...", "show the status of files and directories",
      "Prints type, size, mode, the owner's access and the modification and\n"

@@ -1,0 +1,39 @@
+// An archive mounted for one command: `kest2 ls ARCHIVE` and
+// `kest2 cat ARCHIVE PATH...` mount the archive at its own path, so that
+// its files read as ARCHIVE/PATH through the library.
+#ifndef KEST2_TOOLS_KEST2_ARCHIVE_SESSION_H_
+#define KEST2_TOOLS_KEST2_ARCHIVE_SESSION_H_
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "kest2.h"
+
+namespace kest2_cli {
+
+// Whether the file at path begins like an archive.
+bool LooksLikeArchive(const std::string& path);
+
+class ArchiveSession {
+ public:
+  ArchiveSession() = default;
+  ~ArchiveSession();  // unmounts and removes the filter
+  ArchiveSession(const ArchiveSession&) = delete;
+  ArchiveSession& operator=(const ArchiveSession&) = delete;
+
+  // Installs the dearchiver and mounts the archive at its own path.  0, or
+  // the library's error.
+  int32_t Mount(const std::string& archive);
+
+ private:
+  ZulKestZorbaDearchiverContext m_context{};
+  std::vector<uint8_t> m_work;
+  std::vector<uint64_t> m_mountBuffer;
+  ZulKestFH m_archive = 0;
+  bool m_installed = false;
+};
+
+}  // namespace kest2_cli
+
+#endif  // KEST2_TOOLS_KEST2_ARCHIVE_SESSION_H_
