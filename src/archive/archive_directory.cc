@@ -8,7 +8,10 @@
 #include "api/records.h"
 #include "archive/archive_tracker.h"
 #include "core/handletable.h"
+#include "core/stored_path.h"
+#include "debug/dump.h"
 #include "debug/trace.h"
+#include "sched/scheduler.h"
 #include "sched/chunk_tree.h"
 
 namespace kest2 {
@@ -34,7 +37,193 @@ int32_t FillEntry(const ArchiveTracker* tracker, const uint8_t* entry, const cha
   return ZUL_KEST_OK;
 }
 
+// State of the loose-files callbacks, in their filter data.
+struct LooseState {
+  uint32_t archiveDh;
+  uint32_t nativeDh;
+  void* entry;
+  uint64_t entrySize;
+  ChunkID child;  // the native open or read below
+};
+static_assert(sizeof(LooseState) <= sizeof(ChunkCallbackRecord::filterData), "");
+
+LooseState* LooseOf(ChunkCallbackRecord* record) {
+  return reinterpret_cast<LooseState*>(record->filterData);
+}
+
+ArchiveDirData DirData(const DirHandle* dir) {
+  ArchiveDirData data;
+  std::memcpy(&data, dir->filterData, sizeof(data));
+  return data;
+}
+
+void SetDirData(DirHandle* dir, const ArchiveDirData& data) {
+  std::memcpy(dir->filterData, &data, sizeof(data));
+}
+
+const char* ErrorText(int32_t code, char* buffer, size_t size) {
+  return zulKestDebugDumpError(code, buffer, size);
+}
+
+int32_t OpenDirCallback(ChunkCallbackRecord* record, int32_t event) {
+  if (event != 1) return ZUL_KEST_OK;
+  LooseState* loose = LooseOf(record);
+  DirHandle* dir = Lookup<DirHandle>(kDhTable, loose->archiveDh);
+  KEST2_TRACE(kTraceZorba, "OpenDirCallback", "Open finished. pDH: %p, filesys h: %d, path: %s\n",
+              static_cast<void*>(dir), static_cast<int>(loose->nativeDh),
+              dir != nullptr ? GetPath(&dir->path) : "");
+  int32_t result = record->error;
+  if (result != ZUL_KEST_OK) {
+    char name[64];
+    KEST2_TRACE(kTraceZorba, "OpenDirCallback", "Open failed with %s\n", ErrorText(result, name, sizeof(name)));
+    // Without a native directory the listing has the archives only.
+    if (LookupHandle(kDhTable, loose->nativeDh) != nullptr) ReleaseHandle(kDhTable, loose->nativeDh);
+    if (dir != nullptr) {
+      ArchiveDirData data = DirData(dir);
+      data.nativeDH = 0;
+      SetDirData(dir, data);
+    }
+    if (result != ZUL_KEST_ERROR_BAD_SIZE) result = ZUL_KEST_OK;
+  }
+  char name[64];
+  KEST2_TRACE(kTraceZorba, "OpenDirCallback", "returning err = %s\n", ErrorText(result, name, sizeof(name)));
+  return result;
+}
+
+// A native read of the next loose entry into the caller's entry.
+ChunkID NewNativeRead(const LooseState* loose) {
+  const ChunkID read = AllocateChunk(CHUNK_DH_READ);
+  if (read == CHUNKID_INVALID) return read;
+  ChunkDhReadRecord* record = ChunkRecord<ChunkDhReadRecord>(read);
+  record->h = loose->nativeDh;
+  record->entry = loose->entry;
+  record->entrySize = loose->entrySize;
+  return read;
+}
+
+int32_t ReadDirCallback(ChunkCallbackRecord* record, int32_t event) {
+  if (event != 1) return ZUL_KEST_OK;
+  LooseState* loose = LooseOf(record);
+  char name[64];
+  KEST2_TRACE(kTraceZorba, "ReadDirCallback", "read finished. err = %s \n",
+              ErrorText(record->error, name, sizeof(name)));
+  DirHandle* dir = Lookup<DirHandle>(kDhTable, loose->archiveDh);
+  if (record->error != ZUL_KEST_OK) {
+    if (record->error == ZUL_KEST_ERROR_EOF && dir != nullptr) {
+      ArchiveDirData data = DirData(dir);
+      data.exhausted = kListingNativeDone;
+      SetDirData(dir, data);
+    }
+    return record->error;
+  }
+  auto* entry = static_cast<ZulKestDirEntry*>(loose->entry);
+  auto* context = static_cast<ZulKestZorbaDearchiverContext*>(record->context);
+  FindResult found;
+  {
+    DearchiverLocker lock;
+    found = LookupPath(context, entry->fullPath, nullptr, nullptr);
+  }
+  if (found != FINDRESULT_FILE && found != FINDRESULT_DIR) return ZUL_KEST_OK;
+  // The archives listed this name already: read the next native entry.
+  const ChunkID self = ChunkIdOf(record);
+  const ChunkID next = NewNativeRead(loose);
+  if (next == CHUNKID_INVALID) return ZUL_KEST_ERROR_CANT_ALLOCATE_CHUNK;
+  {
+    ChunkLocker lock;
+    UnlinkChunks(self, loose->child);
+    DeallocateChunk(loose->child);
+    if (!LinkChunks(self, next)) {
+      DeallocateChunk(next);
+      return ZUL_KEST_ERROR_CANT_ALLOCATE_CHUNK;
+    }
+  }
+  loose->child = next;
+  KEST2_TRACE(kTraceZorba, "ReadDirCallback", "%s", "starting new read\n");
+  PrepareChunk(next, record->header.priority, record->header.deadline);
+  ScheduleTree(next, 0, false);
+  return ZUL_KEST_ERROR_RETRY;
+}
+
+ChunkID NewLooseCallback(ZulKestZorbaDearchiverContext* context, ChunkCallbackFunction function) {
+  const ChunkID callback = AllocateChunk(CHUNK_CALLBACK);
+  if (callback == CHUNKID_INVALID) return callback;
+  ChunkCallbackRecord* record = ChunkRecord<ChunkCallbackRecord>(callback);
+  record->callback = function;
+  record->context = context;
+  return callback;
+}
+
 }  // namespace
+
+uint32_t LooseListing(uint32_t dh) {
+  const DirHandle* dir = Lookup<DirHandle>(kDhTable, dh);
+  return dir != nullptr ? DirData(dir).nativeDH : 0;
+}
+
+int32_t BuildLooseOpen(ZulKestZorbaDearchiverContext* context, ChunkID open, ChunkID* replacement) {
+  const ChunkDhOpenRecord* record = ChunkRecord<ChunkDhOpenRecord>(open);
+  DirHandle* dir = Lookup<DirHandle>(kDhTable, record->h);
+  if (dir == nullptr) return ZUL_KEST_ERROR_BAD_DH;
+  KEST2_TRACE(kTraceZorba, "OpenDirectory", "Opening underlying native directory. Dir = %s\n",
+              GetPath(&dir->path));
+  DirHandle* native = Lookup<DirHandle>(kDhTable, AllocateHandle(kDhTable));
+  if (native == nullptr) {
+    KEST2_TRACE(kTraceZorba, "OpenDirectory", "%s", "Failed to allocate native DH\n");
+    return ZUL_KEST_ERROR_CANT_ALLOCATE_DH;
+  }
+  native->buffer = dir->buffer;
+  native->bufferLength = dir->bufferLength;
+  CopyStoredPath(&native->path, &dir->path);
+  const ChunkID callback = NewLooseCallback(context, OpenDirCallback);
+  const ChunkID nativeOpen = callback == CHUNKID_INVALID ? CHUNKID_INVALID
+                                                         : AllocateChildChunk(callback, CHUNK_DH_OPEN);
+  if (nativeOpen == CHUNKID_INVALID) {
+    KEST2_TRACE(kTraceZorba, "OpenDirectory", "%s",
+                callback == CHUNKID_INVALID ? "Failed to allocate callback or callback data\n"
+                                            : "Failed to allocate open chunk\n");
+    if (callback != CHUNKID_INVALID) DeallocateChunk(callback);
+    ReleaseHandle(kDhTable, native->h);
+    return ZUL_KEST_ERROR_CANT_ALLOCATE_CHUNK;
+  }
+  ChunkDhOpenRecord* child = ChunkRecord<ChunkDhOpenRecord>(nativeOpen);
+  child->h = native->h;
+  child->path = record->path;
+  child->actCount = record->actCount;
+  *LooseOf(ChunkRecord<ChunkCallbackRecord>(callback)) = LooseState{record->h, native->h, nullptr, 0, nativeOpen};
+  ArchiveDirData data = DirData(dir);
+  data.nativeDH = native->h;
+  SetDirData(dir, data);
+  *replacement = callback;
+  return ZUL_KEST_OK;
+}
+
+int32_t BuildLooseRead(ZulKestZorbaDearchiverContext* context, ChunkID read, ChunkID* replacement) {
+  const ChunkDhReadRecord* record = ChunkRecord<ChunkDhReadRecord>(read);
+  DirHandle* dir = Lookup<DirHandle>(kDhTable, record->h);
+  if (dir == nullptr) return ZUL_KEST_ERROR_BAD_DH;
+  const ArchiveDirData data = DirData(dir);
+  if (data.nativeDH == 0 || LookupHandle(kDhTable, data.nativeDH) == nullptr) {
+    KEST2_TRACE(kTraceZorba, "ReadDirectory", "%s", "FileSysFH = ZUL_KEST_NATIVEDH_INVALID! \n");
+    return ZUL_KEST_ERROR_EOF;
+  }
+  KEST2_TRACE(kTraceZorba, "ReadDirectory", "Trying loose files. Dir = %s\n", GetPath(&dir->path));
+  const ChunkID callback = NewLooseCallback(context, ReadDirCallback);
+  if (callback == CHUNKID_INVALID) {
+    KEST2_TRACE(kTraceZorba, "ReadDirectory", "%s", "Failed to allocate data\n");
+    return ZUL_KEST_ERROR_CANT_ALLOCATE_CHUNK;
+  }
+  LooseState* loose = LooseOf(ChunkRecord<ChunkCallbackRecord>(callback));
+  *loose = LooseState{record->h, data.nativeDH, record->entry, record->entrySize, CHUNKID_INVALID};
+  loose->child = NewNativeRead(loose);
+  if (loose->child == CHUNKID_INVALID || !LinkChunks(callback, loose->child)) {
+    if (loose->child != CHUNKID_INVALID) DeallocateChunk(loose->child);
+    DeallocateChunk(callback);
+    return ZUL_KEST_ERROR_CANT_ALLOCATE_CHUNK;
+  }
+  KEST2_TRACE(kTraceZorba, "ReadDirectory", "%s", "starting new read\n");
+  *replacement = callback;
+  return ZUL_KEST_OK;
+}
 
 int32_t ReadArchiveDirectory(ZulKestZorbaDearchiverContext* context, ChunkID read, bool bulk) {
   const ChunkDhReadRecord* record = ChunkRecord<ChunkDhReadRecord>(read);
@@ -75,7 +264,7 @@ int32_t ReadArchiveDirectory(ZulKestZorbaDearchiverContext* context, ChunkID rea
     data.id = tracker->id;
     data.position = -1;
   }
-  data.exhausted = 1;
+  data.exhausted = kListingArchivesDone;
   std::memcpy(dir->filterData, &data, sizeof(data));
   return result;
 }

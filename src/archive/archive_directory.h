@@ -12,9 +12,22 @@
 namespace kest2 {
 
 // Fills the entry of a CHUNK_DH_READ on a directory handle bound to an
-// archive: 0 with the next entry, ZUL_KEST_ERROR_EOF at the end (a bulk
-// read takes no entries from archives).  REQUIRES: dearchiver mutex held.
+// archive: 0 with the next entry, ZUL_KEST_ERROR_EOF once every archive is
+// listed (a bulk read takes no entries from archives).  REQUIRES:
+// dearchiver mutex held.
 int32_t ReadArchiveDirectory(ZulKestZorbaDearchiverContext* context, ChunkID read, bool bulk);
+
+// With loose files, an archive listing goes on in the native directory of
+// the same path.  The open of a bound listing is replaced by a native open
+// below a callback that drops the native listing when the directory does
+// not exist natively; once the archives are listed, a read is replaced by a
+// native read below a callback that skips the names the archives hold.
+// Both give 0 or CANT_ALLOCATE_CHUNK / CANT_ALLOCATE_DH with *replacement
+// set.  REQUIRES: dearchiver mutex held.
+int32_t BuildLooseOpen(ZulKestZorbaDearchiverContext* context, ChunkID open, ChunkID* replacement);
+int32_t BuildLooseRead(ZulKestZorbaDearchiverContext* context, ChunkID read, ChunkID* replacement);
+// The native listing behind a bound handle, 0 when none.
+uint32_t LooseListing(uint32_t dh);
 
 }  // namespace kest2
 

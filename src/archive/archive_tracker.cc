@@ -230,10 +230,11 @@ bool MountPointCovers(const ArchiveTracker* tracker, const char* path, const cha
 
 FindResult LookupPath(ZulKestZorbaDearchiverContext* context, const char* path,
                       ArchiveTracker** trackerOut, const uint8_t** entryOut) {
-  bool covered = false;
+  ArchiveTracker* covering = nullptr;  // the newest archive below whose mount point the path is
   for (ArchiveTracker* tracker = ArchiveList(context); tracker != nullptr; tracker = tracker->next) {
     const char* relative = nullptr;
     if (!MountPointCovers(tracker, path, &relative)) continue;
+    if (covering == nullptr) covering = tracker;
     FindResult result = FINDRESULT_MISSING;
     const uint8_t* entry = nullptr;
     char child[256];
@@ -244,10 +245,7 @@ FindResult LookupPath(ZulKestZorbaDearchiverContext* context, const char* path,
     } else if (DirSearch(tracker, relative, -1, child, sizeof(child)) >= 0) {
       result = FINDRESULT_DIR;
     }
-    if (result == FINDRESULT_MISSING) {
-      covered = true;
-      continue;
-    }
+    if (result == FINDRESULT_MISSING) continue;
     KEST2_TRACE(kTraceZorba, "LookupPath", "archive \"%s\" owns %s \"%s\"\n",
                 HandlePathText(tracker->archiveHandle), result == FINDRESULT_FILE ? "file" : "dir",
                 path);
@@ -255,9 +253,10 @@ FindResult LookupPath(ZulKestZorbaDearchiverContext* context, const char* path,
     if (entryOut != nullptr) *entryOut = entry;
     return result;
   }
-  if (covered) {
-    KEST2_TRACE(kTraceZorba, "LookupPath", "archive \"%s\" owns %s \"%s\"\n", "",
-                "path, but no file/dir was found:", path);
+  if (covering != nullptr) {
+    KEST2_TRACE(kTraceZorba, "LookupPath", "archive \"%s\" owns %s \"%s\"\n",
+                HandlePathText(covering->archiveHandle), "path, but no file/dir was found:", path);
+    if (trackerOut != nullptr) *trackerOut = covering;
     return FINDRESULT_MISSING;
   }
   KEST2_TRACE(kTraceZorba, "LookupPath", "%s = FINDRESULT_NOT_OURS\n", path);

@@ -115,6 +115,8 @@ enum FindResult {
   FINDRESULT_DIR = 3,
 };
 
+// For FINDRESULT_MISSING *tracker is the newest archive whose mount point
+// covers the path.
 FindResult LookupPath(ZulKestZorbaDearchiverContext* context, const char* path,
                       ArchiveTracker** tracker, const uint8_t** entry);
 // Whether the path lies below the tracker's mount point; *relative gets the
@@ -130,8 +132,10 @@ struct ArchiveDirData {
   int32_t id;
   uint32_t nativeDH;  // loose files' listing, 0 when none
   int64_t position;   // manifest position, -1 before the first read
-  uint8_t exhausted;  // every archive has been listed
+  uint8_t exhausted;  // kListingArchivesDone, then kListingNativeDone
 };
+constexpr uint8_t kListingArchivesDone = 1;
+constexpr uint8_t kListingNativeDone = 2;
 
 bool LookupFH(ZulKestZorbaDearchiverContext* context, uint32_t fh, ArchiveTracker** tracker,
               const uint8_t** entry);

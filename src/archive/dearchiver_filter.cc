@@ -145,6 +145,15 @@ Outcome Replace(ChunkID id, ChunkID by, ChunkID* replacement) {
   return Outcome::kReplaced;
 }
 
+// Whether a loose listing has also read its native directory to the end.
+bool ListingFinished(uint32_t dh) {
+  const DirHandle* dir = Lookup<DirHandle>(kDhTable, dh);
+  if (dir == nullptr) return true;
+  ArchiveDirData data;
+  std::memcpy(&data, dir->filterData, sizeof(data));
+  return data.exhausted == kListingNativeDone;
+}
+
 void StoreBool(void* result, bool value) {
   if (result != nullptr) *static_cast<bool*>(result) = value;
 }
@@ -258,28 +267,45 @@ Outcome FilterChunk(ZulKestZorbaDearchiverContext* context, ChunkID id, ChunkID*
       const FindResult found = lookupPath();
       if (found == FINDRESULT_FILE) return Answer(id, ZUL_KEST_ERROR_NOT_A_DIRECTORY, replacement);
       if (found == FINDRESULT_MISSING && !loose) return Answer(id, ZUL_KEST_ERROR_BAD_PATH, replacement);
-      // Listings that go on into loose files are left to the native layer.
-      if (found != FINDRESULT_DIR || loose) return Outcome::kDown;
+      if (found == FINDRESULT_NOT_OURS) return Outcome::kDown;
       DirHandle* dir = Lookup<DirHandle>(kDhTable, handle);
       if (dir == nullptr) return Answer(id, ZUL_KEST_ERROR_BAD_DH, replacement);
       KEST2_TRACE(kTraceZorba, "DHOpen", "pDH: %p, h: %d, path: %s", static_cast<void*>(dir),
                   static_cast<int>(handle), ChunkPathText(id));
       BindDir(context, dir, tracker);
       __atomic_store_n(&dir->opened, 1u, __ATOMIC_RELEASE);
-      return Answer(id, ZUL_KEST_OK, replacement);
+      if (!loose) return Answer(id, ZUL_KEST_OK, replacement);
+      ChunkID chain = CHUNKID_INVALID;
+      const int32_t result = BuildLooseOpen(context, id, &chain);
+      return result == ZUL_KEST_OK ? Replace(id, chain, replacement) : Answer(id, result, replacement);
     }
     case CHUNK_DH_READ:
     case CHUNK_DH_READ_BULK: {
       if (!LookupDH(context, handle, &tracker)) return Outcome::kDown;
-      return Answer(id, ReadArchiveDirectory(context, id, type == CHUNK_DH_READ_BULK), replacement);
+      const bool bulk = type == CHUNK_DH_READ_BULK;
+      const int32_t result = ReadArchiveDirectory(context, id, bulk);
+      if (result != ZUL_KEST_ERROR_EOF || !loose || ListingFinished(handle))
+        return Answer(id, result, replacement);
+      ChunkID chain = CHUNKID_INVALID;
+      const int32_t built = BuildLooseRead(context, id, &chain);
+      return built == ZUL_KEST_OK ? Replace(id, chain, replacement) : Answer(id, built, replacement);
     }
     case CHUNK_DH_CLOSE: {
       DirHandle* dir = Lookup<DirHandle>(kDhTable, handle);
       if (dir == nullptr || dir->filterContext != context) return Outcome::kDown;
+      const uint32_t native = LooseListing(handle);
       KEST2_TRACE(kTraceZorba, "DHClose", "pDH: %p, h: %d, m_nativeDH: %lld\n", static_cast<void*>(dir),
-                  static_cast<int>(handle), 0LL);
+                  static_cast<int>(handle), static_cast<long long>(native));
       ReleaseHandle(kDhTable, handle);
-      return Answer(id, ZUL_KEST_OK, replacement);
+      if (native == 0 || LookupHandle(kDhTable, native) == nullptr) return Answer(id, ZUL_KEST_OK, replacement);
+      // The native listing is closed (and its handle released) natively.
+      const ChunkID close = AllocateChunk(CHUNK_DH_CLOSE);
+      if (close == CHUNKID_INVALID) {
+        ReleaseHandle(kDhTable, native);
+        return Answer(id, ZUL_KEST_OK, replacement);
+      }
+      ChunkRecord<ChunkHandleRecord>(close)->h = native;
+      return Replace(id, close, replacement);
     }
     case CHUNK_DIR_EXISTS:
     case CHUNK_FILE_EXISTS:

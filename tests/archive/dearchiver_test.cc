@@ -331,6 +331,36 @@ TEST_F(DearchiverTest, MountBufferSizesAndLooseFiles) {
   EXPECT_EQ(zulKestArchiveUnmountSync(nullptr, fh), ZUL_KEST_OK);
 }
 
+TEST_F(DearchiverTest, LooseFilesJoinTheArchiveListings) {
+  Install(ZUL_KEST_ZORBA_DEARCHIVER_LOOSE_FILES);
+  const std::string archive =
+      Pack(MakeTree("packed", {{"x.txt", Bytes(100, 1, true)}, {"y.txt", Bytes(200, 2, true)}}),
+           "merged.zorba");
+  const std::string mount = dir_.path() + "/merged";
+  MakeTree("merged", {{"x.txt", Bytes(3, 3, true)}, {"loose.txt", Bytes(4, 4, true)}});
+  ZulKestFH fh = 0;
+  ASSERT_EQ(Mount(archive, mount.c_str(), &fh), ZUL_KEST_OK);
+  auto list = [&](const std::string& path) {
+    std::map<std::string, int64_t> seen;
+    std::vector<uint64_t> buffer(0x20000 / 8);
+    ZulKestDH dh = 0;
+    EXPECT_EQ(zulKestDHOpenSync(nullptr, &dh, path.c_str(), buffer.data(), 0x20000), ZUL_KEST_OK);
+    ZulKestDirEntry entry;
+    while (zulKestDHReadSync(nullptr, dh, &entry) == ZUL_KEST_OK) {
+      EXPECT_TRUE(seen.emplace(entry.fullPath + entry.offsetToName, entry.fileSize).second)
+          << entry.fullPath << " listed twice";
+    }
+    EXPECT_EQ(zulKestDHReadSync(nullptr, dh, &entry), ZUL_KEST_ERROR_EOF);
+    EXPECT_EQ(zulKestDHCloseSync(nullptr, dh), ZUL_KEST_OK);
+    return seen;
+  };
+  // The archive's x.txt hides the loose one; the loose file joins.
+  EXPECT_EQ(list(mount), (std::map<std::string, int64_t>{{"loose.txt", 4}, {"x.txt", 100}, {"y.txt", 200}}));
+  EXPECT_EQ(zulKestGetAllDHs(nullptr, 0), 0);  // both listings' handles are gone
+  EXPECT_EQ(zulKestArchiveUnmountSync(nullptr, fh), ZUL_KEST_OK);
+  EXPECT_EQ(list(mount), (std::map<std::string, int64_t>{{"loose.txt", 4}, {"x.txt", 3}}));
+}
+
 TEST_F(DearchiverTest, CorruptArchivesFailWithTheirCodes) {
   Install();
   const std::vector<uint8_t> text = Bytes(200000, 3, true);
