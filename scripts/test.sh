@@ -2,6 +2,8 @@
 # Installs what is missing, then builds and runs every test twice: a normal
 # build and an AddressSanitizer + UndefinedBehaviorSanitizer build.
 #   KEST2_TSAN=1 adds a ThreadSanitizer build and run.
+#   KEST2_FUZZ_SECONDS=N adds the archive fuzz target, built with clang in
+#   build-fuzz and run for N seconds (scripts/fuzz.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -25,5 +27,8 @@ UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 if [[ "${KEST2_TSAN:-0}" == 1 ]]; then
   TSAN_OPTIONS=halt_on_error=1 \
     run_suite build-tsan -DCMAKE_BUILD_TYPE=Debug -DKEST2_SANITIZE=thread
+fi
+if [[ -n "${KEST2_FUZZ_SECONDS:-}" ]]; then
+  FUZZ_JOBS="$JOBS" ./scripts/fuzz.sh "$KEST2_FUZZ_SECONDS"
 fi
 echo "All test suites passed."

@@ -90,9 +90,11 @@ int FreeCount(uint64_t mask) { return kWorkBuffers - static_cast<int>(__builtin_
 // A finished job wakes the lanes waiting for it.
 void WakeSchedulers() { Kick(CallbackScheduler()); }
 
-// Gives back what the buffer callback holds.  Returns whether the deferred
-// flag asks for a kick.  REQUIRES: dearchiver mutex held.
-bool ReleaseBuffersLocked(ChunkCallbackRecord* callback) {
+// Gives back what the buffer callback holds.  With mayKick, takes the
+// deferred flag and returns whether held-back reads need a kick; without,
+// leaves the flag for a release that can kick.  REQUIRES: dearchiver mutex
+// held.
+bool ReleaseBuffersLocked(ChunkCallbackRecord* callback, bool mayKick) {
   ZulKestZorbaDearchiverContext* context = ContextOf(callback);
   BufferState* buffers = StateOf<BufferState>(callback);
   uint64_t mask = LoadMask(context);
@@ -114,7 +116,7 @@ bool ReleaseBuffersLocked(ChunkCallbackRecord* callback) {
   __atomic_store_n(&BufferBusyMask(context), mask, __ATOMIC_RELEASE);
   buffers->readBuffer = nullptr;
   buffers->needs = 0;
-  return __atomic_exchange_n(&BufferDeferred(context), uint64_t{0}, __ATOMIC_ACQ_REL) != 0;
+  return mayKick && __atomic_exchange_n(&BufferDeferred(context), uint64_t{0}, __ATOMIC_ACQ_REL) != 0;
 }
 
 // The buffer manager.  Event 0: could the read start now; event 1: lend the
@@ -130,12 +132,12 @@ int32_t BufferAllocate(int32_t event, ChunkCallbackRecord* callback) {
     }
     return ZUL_KEST_OK;
   }
-  bool kick = false;
   int32_t result = ZUL_KEST_OK;
   {
     DearchiverLocker lock;
     if (event == 2) {
-      ReleaseBuffersLocked(callback);
+      // Called with a scheduler mutex held, so it cannot kick.
+      ReleaseBuffersLocked(callback, false);
     } else if ((LoadChunkFlags(&callback->header) & kChunkCancelled) != 0) {
       buffers->needs = 0;
       result = ZUL_KEST_ERROR_CANCELLED;
@@ -168,7 +170,6 @@ int32_t BufferAllocate(int32_t event, ChunkCallbackRecord* callback) {
       }
       __atomic_store_n(&BufferBusyMask(context), mask, __ATOMIC_RELEASE);
     }
-    (void)kick;
   }
   return result;
 }
@@ -183,7 +184,7 @@ void ReleaseLaneBuffers(LaneState* lane) {
   bool kick;
   {
     DearchiverLocker lock;
-    kick = ReleaseBuffersLocked(ChunkRecord<ChunkCallbackRecord>(lane->bufferCallback));
+    kick = ReleaseBuffersLocked(ChunkRecord<ChunkCallbackRecord>(lane->bufferCallback), true);
   }
   KEST2_TRACE(kTraceZorba, "BufferAllocate", "%s", kick ? "Kicking scheduler\n" : "Not kicking scheduler\n");
   if (kick) KickAllSchedulers();
@@ -209,6 +210,12 @@ int32_t CreateBlockRead(ReadState* state, uint64_t b, ChunkID laneId, ChunkID re
                   state->tracker->blockIndex, b, &block) != ZUL_KEST_OK) {
     return ZUL_KEST_ERROR_BAD_ARCHIVE;
   }
+  // A compressed block is read whole into one work buffer part, which the
+  // mount only checked against the block size.  Rows are wider than that
+  // (two bytes for blocks of 257 to 65,536 bytes), and a writer stores a
+  // block raw when compression does not make it smaller, so a longer row
+  // means a damaged archive: refuse it rather than read past the part.
+  if (block.compressed && block.storedSize > BufferBytes(state->context)) return ZUL_KEST_ERROR_BAD_ARCHIVE;
   ChunkCallbackRecord* laneRecord = ChunkRecord<ChunkCallbackRecord>(laneId);
   LaneState* lane = StateOf<LaneState>(laneRecord);
   DecompressionJob* job = lane->job;

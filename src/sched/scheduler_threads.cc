@@ -478,11 +478,16 @@ int32_t ExecuteChunk(Scheduler* scheduler, ChunkID id, bool fastPath) {
 
 void Kick(Scheduler* scheduler) {
   MutexLock(&scheduler->mutex);
-  if (!scheduler->shuttingDown && scheduler->m_queueCount != 0) {
+  if (!scheduler->shuttingDown) {
+    // Counted even when the queue is empty: the chunk the kick is for may be
+    // executing right now, and when it comes back busy it must not be
+    // skipped as if nothing had changed.
     ++scheduler->kickCount;
-    scheduler->m_busySkip = 0;
-    scheduler->busyCount = 0;
-    CondBroadcast(&scheduler->wakeup);
+    if (scheduler->m_queueCount != 0) {
+      scheduler->m_busySkip = 0;
+      scheduler->busyCount = 0;
+      CondBroadcast(&scheduler->wakeup);
+    }
   }
   MutexUnlock(&scheduler->mutex);
 }

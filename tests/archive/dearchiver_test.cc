@@ -4,10 +4,12 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <random>
 #include <string>
 #include <thread>
@@ -15,6 +17,7 @@
 
 #include <gtest/gtest.h>
 
+#include "archive/zorba_format.h"
 #include "kest2.h"
 #include "kest2/archive_writer.h"
 #include "test_support.h"
@@ -392,6 +395,52 @@ TEST_F(DearchiverTest, CorruptArchivesFailWithTheirCodes) {
     EXPECT_EQ(zulKestArchiveUnmountSync(nullptr, fh), ZUL_KEST_OK);
   }
   EXPECT_EQ(zulKestGetAllFHs(nullptr, 0), 0);
+}
+
+// A compressed block's row may be wider than the block size allows (two
+// bytes for 4 KiB blocks); one longer than a work buffer part must fail the
+// read instead of being read into the part (found by the archive fuzz
+// target: a 16,000-byte read into 4 KiB parts).
+TEST_F(DearchiverTest, CompressedRowLongerThanAWorkBufferPartIsRefused) {
+  constexpr uint64_t kPart = 4096;
+  // Exactly three parts in an allocation of their own, so that a sanitizer
+  // build catches a read past them.
+  std::unique_ptr<void, void (*)(void*)> work(std::aligned_alloc(64, 3 * kPart), std::free);
+  ASSERT_NE(work, nullptr);
+  context_.workBufferSize = 3 * kPart;
+  context_.pWorkBuffer = work.get();
+  Install();
+
+  kest2_cli::PackOptions options;
+  options.blockSize = kPart;
+  const std::vector<uint8_t> text = Bytes(3 * kPart, 5, true);
+  std::vector<uint8_t> bytes = ReadFile(Pack(MakeTree("row", {{"t.txt", text}}), "row.zorba", options));
+  kest2::ZorbaHeader header;
+  kest2::ParseHeader(bytes.data(), &header);
+  const uint8_t* entry = kest2::FindEntryByPath(header, bytes.data() + header.tocOffset, "t.txt");
+  ASSERT_NE(entry, nullptr);
+  ASSERT_EQ(header.sizeWidth, 2);
+  // The first block's row becomes 16,000; the archive grows so that the
+  // rows still describe bytes inside it and the mount accepts it.
+  const size_t row = static_cast<size_t>(header.tocOffset + uint64_t{header.tocEntrySize} * header.tocEntryCount +
+                                         uint64_t{kest2::GetEntryFirstBlock(entry)} * header.sizeWidth);
+  const uint32_t oldRow = (uint32_t{bytes[row]} << 8) | bytes[row + 1];
+  ASSERT_NE(oldRow, 0u);  // compressed
+  bytes[row] = 16000 >> 8;
+  bytes[row + 1] = 16000 & 0xFF;
+  bytes.resize(bytes.size() + 16000 - oldRow);
+  WriteFile(dir_.path() + "/long-row.zorba", bytes);
+
+  ZulKestFH fh = 0;
+  ASSERT_EQ(Mount(dir_.path() + "/long-row.zorba", "/r", &fh), ZUL_KEST_OK) << output_.text();
+  std::vector<uint8_t> buffer(kPart);
+  EXPECT_EQ(zulKestFileReadSync(nullptr, "/r/t.txt", buffer.data(), static_cast<int64_t>(kPart), 0),
+            ZUL_KEST_ERROR_BAD_ARCHIVE);
+  EXPECT_EQ(zulKestFileReadSync(nullptr, "/r/t.txt", buffer.data(), 100, 10), ZUL_KEST_ERROR_BAD_ARCHIVE);
+  EXPECT_EQ(zulKestArchiveUnmountSync(nullptr, fh), ZUL_KEST_OK);
+  // The work buffer goes before TearDown: the filter must go first.
+  EXPECT_EQ(zulKestIOFilterRemove(0), ZUL_KEST_OK);
+  installed_ = false;
 }
 
 TEST_F(DearchiverTest, ContextChecksRefuseWithTheirMessages) {
