@@ -67,8 +67,8 @@ int32_t ScheduleBelow(ChunkID parent, ChunkID child) {
   {
     ChunkLocker lock;
     if (!LinkChunks(parent, child)) return ZUL_KEST_ERROR_CANT_ALLOCATE_CHUNK;
+    PrepareChunk(child, ChunkAt(parent)->priority, ChunkAt(parent)->deadline);
   }
-  PrepareChunk(child, ChunkAt(parent)->priority, ChunkAt(parent)->deadline);
   ScheduleTree(child, 0, false);
   return ZUL_KEST_OK;
 }

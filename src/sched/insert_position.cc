@@ -127,7 +127,10 @@ int32_t EstimateStep(const Scheduler* scheduler, ChunkID id, int32_t referenceLa
 uint64_t FindInsertPosition(Scheduler* scheduler, ChunkID id) {
   ChunkHeader* chunk = ChunkAt(id);
   const ZulKestTime now = zulKestTimeGetCurrent();
-  if (chunk->deadline == 0) chunk->deadline = now + kDefaultDeadlineDelay;
+  {
+    ChunkLocker lock;  // chunks below may already run and read it
+    if (chunk->deadline == 0) chunk->deadline = now + kDefaultDeadlineDelay;
+  }
   const uint64_t count = scheduler->m_queueCount;
   if (count == 0) return 0;
 

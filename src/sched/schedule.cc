@@ -223,6 +223,8 @@ bool AddToSchedule(Scheduler* scheduler, ChunkID id, uint32_t opflags, bool fast
     KEST2_TRACE(kTraceSched, "AddToSchedule", "inserting chunk %d", id);
     uint64_t index;
     if (scheduler == CallbackScheduler()) {
+      // Chunks below may already run and read it (under the chunk lock).
+      ChunkLocker lock;
       if (chunk->deadline == 0) chunk->deadline = zulKestTimeGetCurrent() + kDefaultDeadlineDelay;
       index = scheduler->m_queueCount;
     } else {
