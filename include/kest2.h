@@ -117,6 +117,12 @@ typedef int32_t (*ZulKestOpCallback)(void* pCallbackContext, ZulKestOp op,
 /* Operation flags (ZulKestOpAttr.opflags). */
 #define ZUL_KEST_OPFLAG_FAST_PATH_ALWAYS 0x001u /* open/close/stat may run on
                                                    the caller even when busy */
+#define ZUL_KEST_OPFLAG_CACHE_BYPASS 0x002u /* RAM caches neither serve nor
+                                              fill this request's reads */
+#define ZUL_KEST_OPFLAG_CACHE_STREAM 0x004u /* read once: leave the RAM
+                                              caches alone, as BYPASS */
+#define ZUL_KEST_OPFLAG_CACHE_TRUST 0x200u  /* opens skip the RAM caches'
+                                              stale check of the file */
 #define ZUL_KEST_OPFLAG_SYNC 0x080u       /* set by the synchronous twins */
 #define ZUL_KEST_OPFLAG_FAST_PATH 0x100u  /* allow the caller-thread path */
 #define ZUL_KEST_OPFLAGS_VALID_MASK 0x3FFu /* bits above are rejected */
@@ -679,6 +685,22 @@ typedef struct ZulKestZorbaDearchiverContext {
   uint64_t flags;          /* ZUL_KEST_ZORBA_DEARCHIVER_* */
   uint64_t reserved[3];    /* 0 when the filter is added */
 } ZulKestZorbaDearchiverContext;
+
+/* A RAM cache's context (72 bytes).  It and its work buffer must stay valid
+ * and untouched while the filter is installed.  The work buffer holds a
+ * header of (pathMax + 80) & ~7 bytes, then N entries of 64 bytes and N
+ * blocks of blockSize bytes, N = (workBufferSize - header) / (blockSize + 64).
+ * Several caches may be installed; each serves the files below pPath (every
+ * file when pPath is null or empty) that no deeper cache claims. */
+typedef struct ZulKestRamCacheContext {
+  uint64_t sizeOfContext;  /* sizeof(ZulKestRamCacheContext) */
+  uint64_t workBufferSize; /* at least 0x20000 */
+  uint64_t blockSize;      /* bytes per cache block, not 0 */
+  void* pWorkBuffer;       /* 8-byte aligned */
+  const char* pPath;       /* directory or file served; null: every path */
+  uint64_t reserved0;      /* 0 */
+  uint64_t reserved[3];
+} ZulKestRamCacheContext;
 
 /* The library's own filters. */
 KEST2_EXPORT int32_t zulKestIOFilterZorbaDearchiver(void* pFilterContext,

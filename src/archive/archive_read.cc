@@ -8,7 +8,7 @@
 #include "archive/decompression_job.h"
 #include "debug/dump.h"
 #include "debug/trace.h"
-#include "io/filter_chain.h"
+#include "io/filter_walk.h"
 #include "sched/chunk_tree.h"
 #include "sched/scheduler.h"
 
@@ -20,7 +20,6 @@ constexpr int kWorkBuffers = 3;
 constexpr uint16_t kLaneHandedOver = 1;  // the job is with the codec
 constexpr uint8_t kNeedReadBuffer = 1;   // the compressed bytes
 constexpr uint8_t kNeedOutputBuffer = 2; // a partly wanted block's inflated bytes
-constexpr int32_t kLastFilterSlotForDynamicReads = 254;
 
 // One replaced read, in a CHUNK_BUFFER below the replacement's root.
 struct ReadState {
@@ -269,45 +268,15 @@ int32_t CreateBlockRead(ReadState* state, uint64_t b, ChunkID laneId, ChunkID re
   return 1;
 }
 
-// Offers a lane's new read to the filters after the dearchiver.  0, or the
-// error of a filter that failed.
-int32_t FilterDynamicRead(ZulKestZorbaDearchiverContext* context, ChunkID* read) {
-  int32_t own = -1;
-  for (int32_t i = 0; i <= kLastFilterSlotForDynamicReads; ++i) {
-    if (FilterContextAt(i) == context) {
-      own = i;
-      break;
-    }
-  }
-  if (own < 0) return ZUL_KEST_OK;
-  for (int32_t i = own + 1; i <= kLastFilterSlotForDynamicReads; ++i) {
-    const ZulKestIOFilterCallback filter = FilterFunctionAt(i);
-    if (filter == nullptr) continue;
-    KEST2_TRACE(kTraceZorba, "DecompressCallback", "applying filter %d to dynamic read chunk %d\n", i, *read);
-    ChunkID offered = *read;
-    const int32_t result = filter(FilterContextAt(i), ZUL_KEST_IOFILTER_EVENT_FILTER_CHUNK, &offered);
-    if (result != ZUL_KEST_OK && result != ZUL_KEST_ERROR_EVENT_NOT_HANDLED) {
-      char filterDump[kDumpBufferSize], chunkDump[kDumpBufferSize];
-      zulKestPrintf("KEST2 warning: %s returned error %d while filtering chunk tree %s\n",
-                    DumpFilter(filter, FilterContextAt(i), filterDump, sizeof(filterDump)), result,
-                    DumpChunk(offered, chunkDump, sizeof(chunkDump)));
-      return result;
-    }
-    *read = offered;
-    if (offered == CHUNKID_INVALID) {
-      KEST2_TRACE(kTraceZorba, "DecompressCallback", "%s", "filtering eliminated dynamic read\n");
-      break;
-    }
-  }
-  return ZUL_KEST_OK;
-}
-
-// Drops a chunk that hangs below the lane: its buffer callback or read.
+// Drops a chunk that hangs below the lane: its buffer callback or read,
+// with what a later filter hung below it.  A chunk a later filter also
+// linked elsewhere (a cache's pre-execute callback adopts the buffer
+// callback) goes with that other parent.
 void DropLaneChild(ChunkID lane, ChunkID child) {
   if (child == CHUNKID_INVALID) return;
   ChunkLocker lock;
   UnlinkChunks(lane, child);
-  DeallocateChunk(child);
+  if (GetParent(child, 0) == CHUNKID_INVALID) DeallocateTree(child);
 }
 
 // Takes the next unread block into the lane, or finishes it.
@@ -341,7 +310,7 @@ int32_t Rearm(ChunkCallbackRecord* record, LaneState* lane) {
   }
   KEST2_TRACE(kTraceZorba, "DecompressCallback", "created a dynamic read chunk %d\n", read);
   const ChunkID created = read;
-  const int32_t filtered = FilterDynamicRead(state->context, &read);
+  const int32_t filtered = OfferToLaterFilters(state->context, &read, kTraceZorba, "DecompressCallback");
   if (filtered != ZUL_KEST_OK) return filtered;
   if (read == CHUNKID_INVALID) read = created;  // answered by a filter: it carries on as is
   {

@@ -20,6 +20,7 @@
 #include "core/handletable.h"
 #include "debug/dump.h"
 #include "debug/trace.h"
+#include "io/filter_walk.h"
 #include "kest2.h"
 #include "sched/chunk_tree.h"
 
@@ -28,7 +29,6 @@ namespace {
 
 constexpr uint64_t kContextSize = sizeof(ZulKestZorbaDearchiverContext);
 constexpr uintptr_t kWorkBufferAlignment = 64;
-constexpr size_t kMaxFilteredChildren = 64;
 
 int32_t g_useCount;
 bool g_disabled;
@@ -110,39 +110,14 @@ bool StateIsSound(const ZulKestZorbaDearchiverContext* context) {
 
 // --- Answers ---------------------------------------------------------------
 
-enum class Outcome { kDown, kAnswered, kReplaced };
+using Outcome = FilterOutcome;
 
-// Completes the chunk with result now; a chunk that still waits for
-// children becomes a null chunk that completes after them.
 Outcome Answer(ChunkID id, int32_t result, ChunkID* replacement) {
-  if (result != ZUL_KEST_OK) {
-    char name[64];
-    KEST2_TRACE(kTraceZorba, "FilterChunk", "failed with %s\n",
-                zulKestDebugDumpError(result, name, sizeof(name)));
-  }
-  if (AllChildrenCompleted(id)) {
-    CompleteChunk(id, result);
-    return Outcome::kAnswered;
-  }
-  const ChunkID placeholder = AllocateChunk(CHUNK_NULL);
-  if (placeholder == CHUNKID_INVALID) {
-    PropagateChunkError(id, ZUL_KEST_ERROR_CANT_ALLOCATE_CHUNK, false);
-    return Outcome::kDown;
-  }
-  if (result != ZUL_KEST_OK) PropagateChunkError(id, result, false);
-  ReplaceChunk(id, placeholder);
-  DeallocateChunk(id);
-  *replacement = placeholder;
-  return Outcome::kReplaced;
+  return AnswerChunk(kTraceZorba, id, result, replacement);
 }
 
 Outcome Replace(ChunkID id, ChunkID by, ChunkID* replacement) {
-  char dump[kDumpBufferSize];
-  KEST2_TRACE(kTraceZorba, "FilterChunk", "replacing %d with %s\n", id, DumpChunk(by, dump, sizeof(dump)));
-  ReplaceChunk(id, by);
-  DeallocateChunk(id);
-  *replacement = by;
-  return Outcome::kReplaced;
+  return ReplaceChunkWith(kTraceZorba, id, by, replacement);
 }
 
 // Whether a loose listing has also read its native directory to the end.
@@ -372,30 +347,8 @@ Outcome FilterChunk(ZulKestZorbaDearchiverContext* context, ChunkID id, ChunkID*
   }
 }
 
-// Children first, then the chunk; a replacement is offered again.  Returns
-// the chunk that stands in the place of id (CHUNKID_INVALID when answered).
-ChunkID FilterTree(ZulKestZorbaDearchiverContext* context, ChunkID id) {
-  ChunkID children[kMaxFilteredChildren];
-  size_t count = 0;
-  for (uint32_t n = 0; count < kMaxFilteredChildren; ++n) {
-    const ChunkID child = GetChild(id, n);
-    if (child == CHUNKID_INVALID) break;
-    children[count++] = child;
-  }
-  for (size_t i = 0; i < count; ++i) FilterTree(context, children[i]);
-  for (ChunkID current = id;;) {
-    if ((LoadChunkFlags(ChunkAt(current)) & kChunkCompleted) != 0) return current;
-    ChunkID replacement = CHUNKID_INVALID;
-    switch (FilterChunk(context, current, &replacement)) {
-      case Outcome::kDown:
-        return current;
-      case Outcome::kAnswered:
-        return CHUNKID_INVALID;
-      case Outcome::kReplaced:
-        current = replacement;
-        break;
-    }
-  }
+Outcome FilterOne(void* context, ChunkID id, ChunkID* replacement) {
+  return FilterChunk(static_cast<ZulKestZorbaDearchiverContext*>(context), id, replacement);
 }
 
 }  // namespace
@@ -421,7 +374,7 @@ extern "C" int32_t zulKestIOFilterZorbaDearchiver(void* pFilterContext, int32_t 
       if (pArgument == nullptr) return ZUL_KEST_ERROR_EVENT_NOT_HANDLED;
       ChunkID* root = static_cast<ChunkID*>(pArgument);
       DearchiverLocker lock;
-      *root = FilterTree(context, *root);
+      *root = WalkChildrenFirst(context, *root, FilterOne);
       return ZUL_KEST_OK;
     }
     default:

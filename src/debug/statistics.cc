@@ -9,6 +9,7 @@
 #include "api/globals.h"
 #include "core/handletable.h"
 #include "core/pool.h"
+#include "cache/ram_cache.h"
 #include "debug/trace.h"
 #include "kest2.h"
 #include "sched/chunk_tree.h"
@@ -99,4 +100,5 @@ extern "C" void zulKestStatisticsPrint(void) {
     PrintEntry(i == queues - 1 ? "All other IO queue" : "HDD IO queue", statistics.ioQueue[i]);
   }
   PrintEntry("schedCallbackQueue", statistics.callbackQueue);
+  PrintCacheStatistics();
 }

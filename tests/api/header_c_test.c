@@ -13,6 +13,7 @@ _Static_assert(sizeof(ZulKestStat) == 80, "ZulKestStat");
 _Static_assert(sizeof(ZulKestDirEntry) == 1048, "ZulKestDirEntry");
 _Static_assert(sizeof(ZulKestResolveRecord) == 1040, "ZulKestResolveRecord");
 _Static_assert(sizeof(ZulKestOverlay) == 600, "ZulKestOverlay");
+_Static_assert(sizeof(ZulKestRamCacheContext) == 72, "ZulKestRamCacheContext");
 _Static_assert(sizeof(ZulKestZorbaDearchiverContext) == 56, "ZulKestZorbaDearchiverContext");
 _Static_assert(sizeof(ZulKestStatistics) == 224, "ZulKestStatistics");
 _Static_assert(offsetof(ZulKestParams, threadStackSize) == 160, "stack sizes");
