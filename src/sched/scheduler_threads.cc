@@ -232,7 +232,16 @@ void SchedulerThread(void* argument) {
     }
     if (scheduler->shuttingDown && scheduler->m_queueCount == 0) break;
     KEST2_TRACE(kTraceSched, "Thread", "%s", "waiting");
-    CondWait(&scheduler->wakeup);
+    if (scheduler->m_busySkip == 0) {
+      CondWait(&scheduler->wakeup);
+    } else if (!CondTimedWait(&scheduler->wakeup, NowMicroseconds() + kBusyBackOffMicroseconds)) {
+      // Chunks were skipped as busy or waiting.  Their kick normally wakes
+      // this thread; should one have been missed (a chunk that came back
+      // busy just as the thing it waited for was released), look again
+      // rather than sleep on them forever.
+      scheduler->m_busySkip = 0;
+      scheduler->busyCount = 0;
+    }
     KEST2_TRACE(kTraceSched, "Thread", "%s", "woke up");
   }
   KEST2_TRACE(kTraceSched, "Thread", "%s", "shutting down");
