@@ -19,6 +19,7 @@
 #include "core/handletable.h"
 #include "debug/dump.h"
 #include "debug/trace.h"
+#include "io/overlay_table.h"
 #include "kest2.h"
 #include "sched/chunk_tree.h"
 #include "sched/chunker.h"
@@ -72,13 +73,13 @@ uint32_t OpAccept(Operation* op) {
 }
 
 uint32_t OpAcceptWithPath(Operation* op, const char* path, bool forWrite) {
-  (void)forWrite;  // consulted by overlay resolution
   if (path == nullptr || path[0] == '\0') return OpFail(op, ZUL_KEST_ERROR_BAD_PATH);
   if (!SetPath(&op->path, path, true)) return OpFail(op, ZUL_KEST_ERROR_PATH_TOO_LONG);
   // The second path of a rename or mount is copied for the duration of this
   // call; the Chunker keeps its own copy in the tree.
   char second[kDefaultPathMax + 2];
-  if (op->what == OP_RENAME || op->what == OP_ARCHIVE_MOUNT) {
+  const bool hasSecond = op->what == OP_RENAME || op->what == OP_ARCHIVE_MOUNT;
+  if (hasSecond) {
     const char* source = reinterpret_cast<const char*>(op->arg);
     const uint32_t pathMax = PathMax();
     const size_t length = source != nullptr ? strnlen(source, pathMax) : 0;
@@ -87,6 +88,23 @@ uint32_t OpAcceptWithPath(Operation* op, const char* path, bool forWrite) {
     std::memcpy(second, source, length);
     second[length] = '\0';
     op->arg = static_cast<int64_t>(reinterpret_cast<uintptr_t>(second));
+  }
+  // Listings merge the overlay layers themselves; every other request works
+  // on the path the overlays resolve it to.
+  int32_t overlays = 0;
+  if (op->what != OP_DH_OPEN && OverlaysInstalled() &&
+      OverlayGetList(kThisProcess, 0, 255, nullptr, 0, &overlays) == ZUL_KEST_OK && overlays > 0) {
+    char resolved[kDefaultPathMax];
+    const uint32_t pathMax = PathMax();
+    int32_t result = OverlayResolveSync(kThisProcess, forWrite ? 1 : 0, GetPath(&op->path), resolved, pathMax, 0, 127);
+    if (result != ZUL_KEST_OK) return OpFail(op, result);
+    if (!SetPath(&op->path, resolved, true)) return OpFail(op, ZUL_KEST_ERROR_PATH_TOO_LONG);
+    if (hasSecond) {
+      char secondResolved[kDefaultPathMax];
+      result = OverlayResolveSync(kThisProcess, op->what == OP_RENAME ? 1 : 0, second, secondResolved, pathMax, 0, 127);
+      if (result != ZUL_KEST_OK) return OpFail(op, result);
+      std::memcpy(second, secondResolved, std::strlen(secondResolved) + 1);
+    }
   }
   return OpAccept(op);
 }

@@ -3,6 +3,7 @@
 #include "api/globals.h"
 
 #include "api/records.h"
+#include "io/overlay_table.h"
 
 namespace kest2 {
 
@@ -36,8 +37,9 @@ bool CreateGlobalLocks() {
   RwlockInitialize(&g_locks.filter, "ZulKestIOFilter");
   MutexInitialize(&g_locks.dirHandle, 0, "ZulKestDirHandle");
   RwlockInitialize(&g_locks.overlay, nullptr);
-  // No overlay table exists before the locks do, so none is installed.
-  g_overlayCount = 0;
+  // Overlays may have been added before the locks existed.
+  int32_t count = 0;
+  g_overlayCount = OverlayGetList(kThisProcess, 0, 127, nullptr, 0, &count) == ZUL_KEST_OK ? count : 0;
   g_locksCreated = true;
   return true;
 }

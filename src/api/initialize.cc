@@ -19,6 +19,7 @@
 #include "io/filter_chain.h"
 #include "io/native_fs.h"
 #include "io/overlay_dir_listing.h"
+#include "io/overlay_table.h"
 #include "io/native_dir_buffer.h"
 #include "io/native_handlers.h"
 #include "kest2.h"
@@ -198,6 +199,8 @@ extern "C" void zulKestTerminate(void) {
 
   RemoveAllFilters();
   TerminateCodecs();
+  OverlayRemoveAllForProcess(kThisProcess);
+  __atomic_store_n(&g_overlayCount, 0, __ATOMIC_RELEASE);
   TerminateChunkStorage();
   TerminateNativeDirBuffer();
   ForEachHandle(kDhTable, CloseAndReleaseDirHandle, nullptr);

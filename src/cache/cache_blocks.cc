@@ -10,6 +10,7 @@
 #include "core/handletable.h"
 #include "core/platform.h"
 #include "debug/trace.h"
+#include "io/overlay_table.h"
 #include "sched/chunk_tree.h"
 
 namespace kest2 {
@@ -50,6 +51,17 @@ bool Covers(const char* cachePath, const char* path) {
 
 }  // namespace
 
+int32_t ResolveCachePath(const char* path, StoredPath* out) {
+  const char* resolved = path;
+  char buffer[kDefaultPathMax];
+  if (OverlaysInstalled()) {
+    const int32_t result = OverlayResolveSync(kThisProcess, 0, path, buffer, PathMax(), 0, 127);
+    if (result != ZUL_KEST_OK) return result;
+    resolved = buffer;
+  }
+  return SetPath(out, resolved, false) ? ZUL_KEST_OK : ZUL_KEST_ERROR_BAD_PATH;
+}
+
 uint64_t CacheHeaderAreaSize() { return (static_cast<uint64_t>(PathMax()) + 80) & ~uint64_t{7}; }
 
 void CacheReadLock() { RwlockReadLock(&g_cacheLock); }
@@ -63,9 +75,8 @@ int32_t InstallCache(ZulKestRamCacheContext* context) {
   std::memset(cache, 0, headerArea);
   ClearPath(&cache->path);
   if (context->pPath != nullptr && context->pPath[0] != 0) {
-    // Overlays are resolved by the path layer once they exist; for now the
-    // normal form is the resolved form.
-    if (!SetPath(&cache->path, context->pPath, true)) return ZUL_KEST_ERROR_BAD_PATH;
+    const int32_t resolved = ResolveCachePath(context->pPath, &cache->path);
+    if (resolved != ZUL_KEST_OK) return resolved;
   }
 
   std::lock_guard<std::mutex> guard(g_installMutex);

@@ -225,8 +225,9 @@ FilterOutcome FilterChunk(void* argument, ChunkID id, ChunkID* replacement) {
 bool OwnRange(CacheHeader* cache, const ZulKestIOFilterRange* range, StoredPath* path, int32_t* error) {
   *error = ZUL_KEST_ERROR_EVENT_NOT_HANDLED;
   if (range == nullptr || range->path == nullptr) return false;
-  if (!SetPath(path, range->path, false)) {
-    *error = ZUL_KEST_ERROR_BAD_PATH;
+  const int32_t resolved = ResolveCachePath(range->path, path);
+  if (resolved != ZUL_KEST_OK) {
+    *error = resolved;
     return false;
   }
   CacheReadLock();

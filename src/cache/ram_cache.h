@@ -57,6 +57,9 @@ struct CacheHeader {
   StoredPath path;    // pathMax bytes of text follow
 };
 
+// The path as the overlays resolve it (for reading), normalised into out.
+int32_t ResolveCachePath(const char* path, StoredPath* out);
+
 // Bytes before the block table for the current pathMax.
 uint64_t CacheHeaderAreaSize();
 

@@ -25,7 +25,7 @@ constexpr const char* kDefaultRwlockName = "HybPlatformRwlock";
 #if defined(KEST2_SANITIZER_BUILD)
 constexpr int64_t kMinimumStackSize = 1 << 20;
 #else
-constexpr int64_t kMinimumStackSize = 64 << 10;
+constexpr int64_t kMinimumStackSize = 256 << 10;  // overlay resolution recurses
 #endif
 
 inline void CheckOk(int rc) {

@@ -8,12 +8,14 @@
 #include "io/overlay_dir_listing.h"
 
 #include <climits>
+#include <cstdio>
 #include <cstring>
 
 #include "api/globals.h"
 #include "core/platform.h"
 #include "debug/trace.h"
 #include "io/native_dir_buffer.h"
+#include "io/overlay_table.h"
 #include "kest2.h"
 
 namespace kest2 {
@@ -67,31 +69,160 @@ uint32_t UnitIndex(const Pool* pool, const void* address) {
 
 // --- Where the overlays come in ---------------------------------------------
 
-// The overlay layers of path, from overlay `first` on in table order.  An
-// overlay that maps path either replaces it (opaque: path becomes the layer
-// path) or is merged: a build of its layer path one level deeper, whose
-// entries are appended with AddEntryToDirHandle (each adding
-// sizeof(OverlayDirEntry) to *bytes).  An overlay whose destination lies
-// below path adds the directory it creates there.  *addedEntries tells
-// whether any entry was added.
-//
-// The overlay table is not part of this build yet: no layer contributes and
-// path stays the directory's own.
-void AddOverlayLayers(ListingContext* /*context*/, OverlayDirListing* /*listing*/, char* /*path*/,
-                      int32_t /*first*/, int32_t /*depth*/, int64_t* /*bytes*/,
-                      bool* addedEntries) {
+int32_t DHOpen(ListingContext* context, OverlayDirListing** out, const char* source, int32_t first,
+               int32_t depth, int64_t* rawBytes);
+
+bool IsListingSeparator(char c) { return c == '/' || c == '\\'; }
+
+bool OverlayApplies(const ListingContext* context, const OverlayEntry* e) {
+  const int32_t order = static_cast<uint8_t>(e->order);
+  return (e->pid == kEveryProcess || e->pid == static_cast<int32_t>(context->target)) &&
+         order >= context->minOrder && order <= context->maxOrder;
+}
+
+// Whether overlay e maps the directory path onto a layer; *layer receives
+// src + "/" + the rest of path, normalised.
+bool LayerPathFor(const ListingContext* context, const char* path, const OverlayEntry* e, char* layer) {
+  if (!OverlayApplies(context, e)) return false;
+  const size_t length = e->dstLength;
+  if (length > 0) {
+    if (std::strncmp(path, e->dst, length) != 0) return false;
+    const char next = path[length];
+    if (!IsListingSeparator(e->dst[length - 1]) && next != 0 && !IsListingSeparator(next)) return false;
+  }
+  char joined[kListingPathSize * 2];
+  std::snprintf(joined, sizeof(joined), "%s/%s", e->src, path + length);
+  const uint64_t normal = zulKestPathNormalize(layer, joined, kListingPathSize);
+  return normal < kListingPathSize;
+}
+
+// Whether overlay e creates something inside the directory path (of length
+// n, prefix length p): its dst goes on below path.
+bool ReachesInto(const ListingContext* context, const char* path, size_t n, size_t p, const OverlayEntry* e) {
+  if (!OverlayApplies(context, e)) return false;
+  const size_t length = e->dstLength;
+  return length > n && std::strncmp(e->dst, path, n) == 0 && IsListingSeparator(e->dst[p - 1]);
+}
+
+// The entry an overlay reaching into the directory adds: the next component
+// of its dst.
+void AddReachingEntry(ListingContext* context, OverlayDirListing* listing, size_t p, const OverlayEntry* e,
+                      int32_t index, int32_t depth, int64_t* bytes, bool* addedEntries) {
+  size_t start = p;
+  while (start < e->dstLength && IsListingSeparator(e->dst[start])) ++start;
+  size_t end = start;
+  while (end < e->dstLength && !IsListingSeparator(e->dst[end])) ++end;
+  if (end == start) return;
+  *bytes += sizeof(OverlayDirEntry);
+  if (listing == nullptr) return;
+  if (end >= kListingPathSize || end - start > kNativeDirNameMax) {
+    KEST2_TRACE(kTraceOvrly, kBuildName, "%d> child path too long\n", depth);
+    return;
+  }
+  std::memcpy(context->childPath, e->dst, end);
+  context->childPath[end] = 0;
+  NativeDirEntry& entry = context->entry;
+  std::memset(&entry, 0, sizeof(entry));
+  std::memcpy(entry.name, e->dst + start, end - start);
+  entry.namelen = static_cast<uint8_t>(end - start);
+  entry.reclen = sizeof(NativeDirEntry);
+  KEST2_TRACE(kTraceOvrly, kBuildName, "%d> filling in stat block\n", depth);
+  const int32_t stated = OverlayNativeStatFromIndex(kThisProcess, 0, context->childPath, &context->stat,
+                                                    context->scratch, index, static_cast<uint8_t>(context->minOrder),
+                                                    static_cast<uint8_t>(context->maxOrder));
+  if (stated < 0) {
+    if (end == e->dstLength) {
+      KEST2_TRACE(kTraceOvrly, kBuildName, "%d> unable to stat\n", depth);
+      return;
+    }
+    // An intermediate directory that exists only because the overlay's
+    // destination lies below it.
+    std::memset(&context->stat, 0, sizeof(context->stat));
+    context->stat.mode = 0x41FF;
+  }
+  entry.type = (context->stat.mode & kNativeModeTypeMask) == kNativeModeDirectory ? 4 : 8;
+  if (AddEntryToDirHandle(context->pool, listing, &entry, &context->stat) == ZUL_KEST_OK) *addedEntries = true;
+}
+
+// Merges a non-opaque layer: its stored entries and then its directory's
+// own entries join this listing.
+void MergeLayer(ListingContext* context, OverlayDirListing* listing, const char* layer, const OverlayEntry* e,
+                int32_t index, int32_t depth, int64_t* bytes, bool* addedEntries) {
+  OverlayDirListing* sub = nullptr;
+  int64_t subBytes = 0;
+  if (DHOpen(context, &sub, layer, index + 1, depth + 1, &subBytes) < 0) return;
+  KEST2_TRACE(kTraceOvrly, kBuildName, "%d> recursively opened %s overlaid dir %s\n", depth,
+              e->type == ZUL_KEST_OVERLAY_TYPE_NEWER ? "newer" : "translucent", layer);
+  if (listing == nullptr) {
+    *bytes += subBytes;
+    return;
+  }
+  if (sub->first != nullptr) {
+    if (listing->first == nullptr) {
+      listing->first = sub->first;
+      listing->cursor = sub->first;
+    } else {
+      listing->last->next = sub->first;
+    }
+    listing->last = sub->last;
+    sub->first = sub->last = sub->cursor = nullptr;
+    *addedEntries = true;
+  }
+  NativeDirEntry& entry = context->entry;
+  NativeStat& stat = context->stat;
+  while (DHRead(sub, &entry, &stat, context->minOrder, context->maxOrder, context->nativeState, context->chunk) ==
+         ZUL_KEST_OK) {
+    *bytes += sizeof(OverlayDirEntry);
+    if (AddEntryToDirHandle(context->pool, listing, &entry, &stat) != ZUL_KEST_OK) {
+      KEST2_TRACE(kTraceOvrly, kBuildName, "%d> unable to add to DirHandle\n", depth);
+    } else {
+      *addedEntries = true;
+    }
+  }
+  CloseOverlaidDirectory(sub, context->chunk);
+  KEST2_TRACE(kTraceOvrly, kBuildName, "%d> closed overlaid dir %s\n", depth, layer);
+}
+
+// The overlay layers of path, from overlay `first` on in table order: an
+// opaque layer onto the directory replaces path, other layers onto it are
+// merged, and overlays whose destination lies below it add the directory or
+// file they create there.  REQUIRES: an OverlayReadLocker is held.
+void AddOverlayLayers(ListingContext* context, OverlayDirListing* listing, char* path, int32_t first,
+                      int32_t depth, int64_t* bytes, bool* addedEntries) {
   *addedEntries = false;
+  char layer[kListingPathSize];
+  for (int32_t i = first; i < OverlayCount(); ++i) {
+    const OverlayEntry* e = OverlayAt(i);
+    const size_t n = std::strlen(path);
+    const size_t p = n == 1 ? n : n + 1;
+    if (LayerPathFor(context, path, e, layer)) {
+      KEST2_TRACE(kTraceOvrly, kBuildName, "%d> layer %d overlays onto %s\n", depth, i, path);
+      if (e->type == ZUL_KEST_OVERLAY_TYPE_OPAQUE) {
+        std::memcpy(path, layer, std::strlen(layer) + 1);
+      } else {
+        MergeLayer(context, listing, layer, e, i, depth, bytes, addedEntries);
+      }
+    } else if (ReachesInto(context, path, n, p, e)) {
+      KEST2_TRACE(kTraceOvrly, kBuildName, "%d> layer %d overlays into %s\n", depth, i, path);
+      AddReachingEntry(context, listing, p, e, i, depth, bytes, addedEntries);
+    }
+  }
 }
 
 // True when path is the destination of some overlay, which makes a
-// directory that the file system lacks still openable.  No overlays yet.
-bool IsOverlayDestination(const char* /*path*/) { return false; }
+// directory that the file system lacks still openable.
+bool IsOverlayDestination(const char* path) {
+  for (int32_t i = 0; i < OverlayCount(); ++i) {
+    if (std::strncmp(OverlayAt(i)->dst, path, kOverlayPathSize) == 0) return true;
+  }
+  return false;
+}
 
-// The status of an entry as the overlays present it.  Without overlays that
-// is the file system's own.
-int32_t StatThroughOverlays(const char* path, NativeStat* stat, int32_t /*minOrder*/,
-                            int32_t /*maxOrder*/) {
-  return NativeStatPath(path, stat);
+// The status of an entry as the overlays present it.
+int32_t StatThroughOverlays(const char* path, NativeStat* stat, int32_t minOrder, int32_t maxOrder) {
+  char scratch[kResolveBufferSize];
+  return OverlayNativeStatFromIndex(kThisProcess, 0, path, stat, scratch, 0, static_cast<uint8_t>(minOrder),
+                                    static_cast<uint8_t>(maxOrder));
 }
 
 // --- Building ------------------------------------------------------------
@@ -145,7 +276,7 @@ int32_t OpenOwnDirectory(ListingContext* context, OverlayDirListing* listing, co
 // One level of a build: the listing of source, merging the overlays from
 // index `first` on.  Returns the entry storage needed or a negative code.
 int32_t DHOpen(ListingContext* context, OverlayDirListing** out, const char* source, int32_t first,
-               int32_t depth) {
+               int32_t depth, int64_t* rawBytes) {
   *out = nullptr;
   Pool* pool = context->pool;
   KEST2_TRACE(kTraceOvrly, kBuildName, "%d> %s buffer: %s", depth,
@@ -168,20 +299,22 @@ int32_t DHOpen(ListingContext* context, OverlayDirListing** out, const char* sou
   }
   int64_t bytes = sizeof(OverlayDirListing);
 
-  // Deeper levels run under level 0's hold: taking the read lock again
-  // could wait behind a writer that waits for level 0.
-  const bool lockOverlays = depth == 0 && LocksCreated();
-  if (lockOverlays) RwlockReadLock(&g_locks.overlay);
-  bool addedEntries = false;
-  AddOverlayLayers(context, listing, path, first, depth, &bytes, &addedEntries);
-  const int32_t result = OpenOwnDirectory(context, listing, path, depth, addedEntries, &bytes);
-  if (result == ZUL_KEST_OK && listing != nullptr && addedEntries) {
-    RemoveDuplicateEntries(pool, listing, depth);
+  int32_t result;
+  {
+    // Deeper levels and the stats through the overlays run under level 0's
+    // hold (the locker does not take the lock twice on one thread).
+    OverlayReadLocker lock;
+    bool addedEntries = false;
+    AddOverlayLayers(context, listing, path, first, depth, &bytes, &addedEntries);
+    result = OpenOwnDirectory(context, listing, path, depth, addedEntries, &bytes);
+    if (result == ZUL_KEST_OK && listing != nullptr && addedEntries) {
+      RemoveDuplicateEntries(pool, listing, depth);
+    }
   }
-  if (lockOverlays) RwlockReadUnlock(&g_locks.overlay);
   if (result < 0) return result;
 
   *out = listing;
+  if (rawBytes != nullptr) *rawBytes = bytes;
   const int64_t needed = ListingStorageFor(bytes);
   return needed > INT32_MAX ? INT32_MAX : static_cast<int32_t>(needed);
 }
@@ -278,7 +411,7 @@ int32_t OpenOverlaidDirectory(uint32_t target, OverlayDirListing** listing, cons
   const bool borrowed = nativeState == nullptr;
   context.nativeState =
       borrowed ? static_cast<NativeDirState*>(AcquireNativeDirBuffer()) : nativeState;
-  const int32_t result = DHOpen(&context, listing, path, 0, 0);
+  const int32_t result = DHOpen(&context, listing, path, 0, 0, nullptr);
   if (borrowed) ReleaseNativeDirBuffer();
   return result;
 }

@@ -13,11 +13,23 @@
 
 namespace kest2_cli {
 
+// One --overlay option: upper laid over lower.
+struct OverlayOption {
+  std::string lower;  // the overlaid path
+  std::string upper;  // the path that takes its place
+  uint8_t type;       // ZUL_KEST_OVERLAY_TYPE_*
+};
+
 struct SessionOptions {
   uint32_t debugFlags = 0;
   bool printStatistics = false;
   uint32_t ioThreads = 2;
+  std::vector<OverlayOption> overlays;  // applied in the order given
 };
+
+// Parses "LOWER=UPPER[:MODE]" (MODE: opaque, translucent, newer, writable;
+// translucent when absent).  False on a malformed value.
+bool ParseOverlayOption(const std::string& text, OverlayOption* overlay);
 
 class LibrarySession {
  public:
@@ -26,7 +38,8 @@ class LibrarySession {
   LibrarySession(const LibrarySession&) = delete;
   LibrarySession& operator=(const LibrarySession&) = delete;
 
-  // 0, or the initialisation's result code.
+  // 0, or the result code of the initialisation or of the first overlay
+  // that could not be added.
   int32_t status() const { return m_status; }
 
  private:

@@ -56,6 +56,13 @@ void PrintUsage(FILE* out) {
                "                     list of api, sched, op, chunk, io, cache, zorba, ovrly, or\n"
                "                     all, or a number of debug flags (e.g. 0x12)\n"
                "  --io-threads N     I/O threads of the library (1-3, default 2)\n"
+               "  --overlay LOWER=UPPER[:MODE]\n"
+               "                     lay directory UPPER over LOWER: paths under LOWER are looked\n"
+               "                     up under UPPER first.  MODE is translucent (default: UPPER\n"
+               "                     wins where its file exists), opaque (UPPER always wins),\n"
+               "                     newer (UPPER wins where its file is newer) or writable\n"
+               "                     (opaque for writes, translucent for reads).  Repeatable;\n"
+               "                     later overlays apply on top of earlier ones.\n"
                "  --version          print the library version\n"
                "  -h, --help         show this help; 'kest2 COMMAND --help' for one command\n"
                "\n"
@@ -113,6 +120,12 @@ int main(int argc, char** argv) {
       return 0;
     } else if (option == "--stats") {
       options.printStatistics = true;
+    } else if (option == "--overlay") {
+      if (i + 1 >= argc) return UsageError("missing value for ", option);
+      kest2_cli::OverlayOption overlay;
+      if (!kest2_cli::ParseOverlayOption(argv[++i], &overlay))
+        return UsageError("--overlay takes LOWER=UPPER[:opaque|translucent|newer|writable], not ", argv[i]);
+      options.overlays.push_back(overlay);
     } else if (option == "--trace" || option == "--io-threads") {
       if (i + 1 >= argc) return UsageError("missing value for ", option);
       const std::string value = argv[++i];
