@@ -163,6 +163,57 @@ FilterOutcome WrapOpen(ZulKestRamCacheContext* context, ChunkID id, ChunkID* rep
   return ReplaceChunkWith(kTraceCache, id, callback, replacement);
 }
 
+// --- Changes ---------------------------------------------------------------
+
+// The changing chunk below a purge callback, in its filter data.
+struct PurgeWrap {
+  ChunkID change;
+};
+static_assert(sizeof(PurgeWrap) <= sizeof(ChunkCallbackRecord::filterData), "");
+
+// Runs once a write, delete, truncate or rename has been carried out: a
+// read that was filled between the purge at filtering time and the change
+// itself may hold the old bytes, so the file's blocks go once more.
+int32_t PurgeAfterHandler(ChunkCallbackRecord* record, int32_t event) {
+  if (event == 0) return ZUL_KEST_OK;
+  auto* context = static_cast<ZulKestRamCacheContext*>(record->context);
+  PurgeEntries(HeaderOf(context), reinterpret_cast<const PurgeWrap*>(record->filterData)->change);
+  return record->error;
+}
+
+// Purges the file's blocks now and puts a callback in the chunk's place
+// that purges them again after the chunk has run.
+FilterOutcome PurgeAroundChange(ZulKestRamCacheContext* context, ChunkID id, ChunkID* replacement) {
+  PurgeEntries(HeaderOf(context), id);
+  const ChunkID callback = AllocateChunk(CHUNK_CALLBACK);
+  if (callback == CHUNKID_INVALID) return FilterOutcome::kDown;
+  ChunkCallbackRecord* record = ChunkRecord<ChunkCallbackRecord>(callback);
+  record->callback = PurgeAfterHandler;
+  record->context = context;
+  reinterpret_cast<PurgeWrap*>(record->filterData)->change = id;
+  ChunkLocker lock;
+  // The callback takes the chunk's parents; the chunk keeps its children
+  // and becomes the callback's only child.
+  for (ChunkID parent; (parent = GetParent(id, 0)) != CHUNKID_INVALID;) {
+    UnlinkChunks(parent, id);
+    if (!LinkChunks(parent, callback)) {
+      LinkChunks(parent, id);
+      break;
+    }
+  }
+  if (GetParent(id, 0) != CHUNKID_INVALID || !LinkChunks(callback, id)) {
+    // Out of link records: undo, and rely on the first purge alone.
+    for (ChunkID parent; (parent = GetParent(callback, 0)) != CHUNKID_INVALID;) {
+      UnlinkChunks(parent, callback);
+      LinkChunks(parent, id);
+    }
+    DeallocateChunk(callback);
+    return FilterOutcome::kDown;
+  }
+  *replacement = callback;
+  return FilterOutcome::kReplaced;
+}
+
 // --- The walk --------------------------------------------------------------
 
 bool Matches(const CacheHeader* cache, ChunkID id) {
@@ -208,8 +259,8 @@ FilterOutcome FilterChunk(void* argument, ChunkID id, ChunkID* replacement) {
     case CHUNK_FILE_DELETE:
     case CHUNK_DELETE:
     case CHUNK_TRUNCATE:
-      if (Matches(cache, id)) PurgeEntries(cache, id);
-      return FilterOutcome::kDown;
+      if (!Matches(cache, id)) return FilterOutcome::kDown;
+      return PurgeAroundChange(context, id, replacement);
     case CHUNK_PREFETCH: {
       if (!Matches(cache, id)) return FilterOutcome::kDown;
       const ChunkID prefetch = CreatePrefetch(context, id);

@@ -97,18 +97,41 @@ ZulKestDate FillDate(const FillRecord* fill) {
 }
 
 // A finished fill's block takes what it is now: valid, or gone when it was
-// purged meanwhile and nobody needs it.  REQUIRES: write lock.
+// purged meanwhile and nobody needs it.  A file that shrank behind the
+// library's back gives a short fill: the block keeps only the bytes read.
+// REQUIRES: write lock.
 void SettleFilledBlock(CacheHeader* cache, const FillRecord* fill) {
   CacheBlock* block = &cache->table[fill->block];
-  if (AddBlockRef(block, -1) <= 0 && LoadBlockState(block) == kCACHE_PURGE) {
-    block->fillCallback = CHUNKID_INVALID;
+  block->fillCallback = CHUNKID_INVALID;
+  if (fill->filled < static_cast<int64_t>(block->length)) block->length = static_cast<uint32_t>(fill->filled);
+  if (AddBlockRef(block, -1) <= 0 && (LoadBlockState(block) == kCACHE_PURGE || block->length == 0)) {
     ClearBlock(cache, fill->block);
     return;
   }
-  block->fillCallback = CHUNKID_INVALID;
+  if (block->length == 0) {
+    StoreBlockState(block, kCACHE_PURGE);
+    return;
+  }
   if (block->modificationDate == 0) block->modificationDate = FillDate(fill);
   __atomic_store_n(&block->accessDate, zulKestDateGetCurrent(), __ATOMIC_RELAXED);
   if (LoadBlockState(block) == kCACHE_BUSY) StoreBlockState(block, kCACHE_VALID);
+}
+
+// The bytes of the fill's tail that its reads delivered (the block itself
+// may be emptied already when it was purged meanwhile; its data stays
+// until the lock is released).
+int64_t TailBytesRead(const CacheHeader* cache, const FillRecord* fill) {
+  const int64_t offsetInBlock = fill->tailSource - BlockData(cache, fill->block);
+  const int64_t read = fill->filled - offsetInBlock;
+  if (read <= 0) return 0;
+  return read < fill->tailLength ? read : fill->tailLength;
+}
+
+// The bytes of [offsetInBlock, + length) that the block really holds.
+int64_t HeldBytes(const CacheBlock* block, int64_t offsetInBlock, int64_t length) {
+  const int64_t held = static_cast<int64_t>(block->length) - offsetInBlock;
+  if (held <= 0) return 0;
+  return held < length ? held : length;
 }
 
 // A fill that failed or was cancelled leaves nothing behind.  REQUIRES:
@@ -154,9 +177,10 @@ int32_t PreExecHandler(ChunkCallbackRecord* record, int32_t event) {
       if (failed || buffer == nullptr) {
         AbandonFill(cache, fill);
       } else {
-        std::memcpy(buffer + fill->tailOffset, fill->tailSource, static_cast<size_t>(fill->tailLength));
-        copied += fill->tailLength;
         SettleFilledBlock(cache, fill);
+        const int64_t held = TailBytesRead(cache, fill);
+        std::memcpy(buffer + fill->tailOffset, fill->tailSource, static_cast<size_t>(held));
+        copied += held;
       }
     }
   }
@@ -182,14 +206,15 @@ int32_t LinkedFillHandler(ChunkCallbackRecord* record, int32_t event) {
     // A failed fill reports its error up to here, so without one the block
     // holds the bytes even when it was purged meanwhile.
     if (!cancelled && record->error == ZUL_KEST_OK) {
+      const int64_t held = HeldBytes(block, state->offsetInBlock, state->length);
       std::memcpy(state->destination, BlockData(cache, state->block) + state->offsetInBlock,
-                  static_cast<size_t>(state->length));
+                  static_cast<size_t>(held));
       if (TraceEnabled(kTraceCache)) {
         char dump[256];
         TraceLine(kTraceCache, "LinkedFillHandler", "filled block [%d] %s {%s}\n", state->block, "",
                   Dump(block, dump, sizeof(dump)));
       }
-      AddActCount(state->actCount, state->length);
+      AddActCount(state->actCount, held);
     }
     ReleaseBlock(cache, state->block);
   }
@@ -212,11 +237,12 @@ int32_t CallbackHandler(ChunkCallbackRecord* record, int32_t event) {
     if (failed) {
       AbandonFill(cache, fill);
     } else {
-      if (fill->tailLength > 0 && fill->tailDestination != nullptr) {
-        std::memcpy(fill->tailDestination, fill->tailSource, static_cast<size_t>(fill->tailLength));
-        AddActCount(fill->readActCount, fill->tailLength);
-      }
       SettleFilledBlock(cache, fill);
+      if (fill->tailLength > 0 && fill->tailDestination != nullptr) {
+        const int64_t held = TailBytesRead(cache, fill);
+        std::memcpy(fill->tailDestination, fill->tailSource, static_cast<size_t>(held));
+        AddActCount(fill->readActCount, held);
+      }
       if (TraceEnabled(kTraceCache)) {
         char dump[256];
         TraceLine(kTraceCache, "CallbackHandler", "read/filled block [%d] %s {%s}\n", fill->block, "",
