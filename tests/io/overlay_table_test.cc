@@ -6,11 +6,13 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -247,6 +249,66 @@ TEST_F(OverlayTest, ThousandsOfEntriesMergeWithNoneMissingOrRepeated) {
   const std::vector<std::string> names = List(base);
   EXPECT_EQ(names.size(), expected.size());
   EXPECT_EQ(std::set<std::string>(names.begin(), names.end()), expected);
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(OverlayTest, ATooSmallListingBufferReportsTheLengthThatWorks) {
+  const std::string base = root_ + "/base";
+  const std::string patch = root_ + "/patch";
+  for (int i = 0; i < 40; ++i) WriteText(patch + "/p" + std::to_string(i), "p");
+  WriteText(base + "/own", "o");
+  Add(ZUL_KEST_OVERLAY_TYPE_TRANSLUCENT, 0, base, patch);
+  std::vector<uint64_t> small(16);
+  ZulKestDH dh = 0;
+  int64_t needed = 0;
+  const ZulKestOp op = zulKestDHOpen(nullptr, &dh, base.c_str(), small.data(), small.size() * 8);
+  EXPECT_EQ(zulKestOpWait(op), ZUL_KEST_ERROR_BAD_SIZE);
+  needed = zulKestOpGetActualCount(op);
+  zulKestOpDelete(op);
+  ASSERT_GT(needed, 40 * 400);
+  std::vector<uint64_t> buffer(static_cast<size_t>(needed + 7) / 8);
+  ASSERT_EQ(zulKestDHOpenSync(nullptr, &dh, base.c_str(), buffer.data(), needed), ZUL_KEST_OK);
+  std::set<std::string> names;
+  ZulKestDirEntry entry;
+  while (zulKestDHReadSync(nullptr, dh, &entry) == ZUL_KEST_OK) {
+    EXPECT_TRUE(names.insert(entry.fullPath + entry.offsetToName).second);
+  }
+  EXPECT_EQ(zulKestDHReadSync(nullptr, dh, &entry), ZUL_KEST_ERROR_EOF);
+  EXPECT_EQ(names.size(), 41u);
+  EXPECT_EQ(zulKestDHCloseSync(nullptr, dh), ZUL_KEST_OK);
+}
+
+TEST_F(OverlayTest, OverlaysChangingWhileOtherThreadsResolveAndRead) {
+  const std::string base = root_ + "/base";
+  const std::string patch = root_ + "/patch";
+  WriteText(base + "/f", "base");
+  WriteText(patch + "/f", "patch");
+  std::atomic<bool> stop{false};
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> readers;
+  for (int t = 0; t < 3; ++t) {
+    readers.emplace_back([&] {
+      while (!stop.load()) {
+        const std::string text = ReadWhole(base + "/f");
+        if (text != "base" && text != "patch") ++wrong;
+        std::vector<std::string> names = List(base);
+        if (names.size() != 1 || names[0] != "f") ++wrong;
+      }
+    });
+  }
+  for (int round = 0; round < 200; ++round) {
+    const int32_t id = Add(static_cast<uint8_t>(round % 4), static_cast<int8_t>(round % 7), base, patch);
+    ASSERT_EQ(zulKestOverlayRemove(id), ZUL_KEST_OK);
+  }
+  stop = true;
+  for (std::thread& reader : readers) reader.join();
+  EXPECT_EQ(wrong.load(), 0);
+  int32_t count = -1;
+  ASSERT_EQ(zulKestOverlayGetList(nullptr, 0, &count), ZUL_KEST_OK);
+  EXPECT_EQ(count, 0);
 }
 
 }  // namespace
