@@ -246,6 +246,11 @@ FilterOutcome FilterChunk(void* argument, ChunkID id, ChunkID* replacement) {
       ChunkID read = id;
       const int32_t result = ExecuteRead(context, &read);
       if (result != ZUL_KEST_OK) return AnswerChunk(kTraceCache, id, result, replacement);
+      // Served whole from valid blocks: nothing is left to go down, so the
+      // read completes here rather than as an empty read on an I/O thread.
+      const ChunkFhIoRecord* io = ChunkRecord<ChunkFhIoRecord>(id);
+      if (io->reqCount == 0 && io->header.linked == CHUNKID_INVALID && GetChild(id, 0) == CHUNKID_INVALID)
+        return AnswerChunk(kTraceCache, id, ZUL_KEST_OK, replacement);
       return FilterOutcome::kDown;
     }
     case CHUNK_FH_OPEN:

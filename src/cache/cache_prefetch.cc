@@ -9,6 +9,7 @@
 #include "api/records.h"
 #include "cache/ram_cache.h"
 #include "core/handletable.h"
+#include "core/pool.h"
 #include "debug/trace.h"
 #include "io/filter_walk.h"
 #include "sched/chunk_tree.h"
@@ -20,6 +21,15 @@ namespace {
 // Fills in flight per prefetch: enough to keep the I/O threads busy without
 // taking the whole cache's free blocks at once.
 constexpr int kFillsInFlight = 4;
+// A fill below an archive takes a hundred chunks or more; a prefetch issues
+// no more fills while less than this share of chunk storage is free, so
+// that prefetching never starves requests of chunks.
+constexpr uint32_t kChunkReserveDivisor = 4;
+
+bool ChunkStorageIsTight() {
+  const Pool* pool = ChunkPool();
+  return pool->capacity - PoolAllocatedCount(pool) < pool->capacity / kChunkReserveDivisor;
+}
 
 struct PrefetchState {
   uint32_t h;
@@ -76,6 +86,12 @@ int32_t PrefetchHandler(ChunkCallbackRecord* record, int32_t event) {
   }
   int issued = 0;
   while (issued < kFillsInFlight && state->next < state->end) {
+    if (ChunkStorageIsTight()) {
+      // With nothing of its own in flight it waits for other requests to
+      // give chunks back, as a busy chunk.
+      if (issued == 0) return ZUL_KEST_ERROR_RETRY;
+      break;
+    }
     const int64_t blockOffset = state->next;
     int64_t blockLength = 0;
     bool noVictim = false;
@@ -93,13 +109,19 @@ int32_t PrefetchHandler(ChunkCallbackRecord* record, int32_t event) {
     if (fill == CHUNKID_INVALID) continue;  // cached or being filled already
     const ChunkID created = fill;
     const int32_t offered = OfferToLaterFilters(context, &fill, kTraceCache, "PrefetchHandler");
-    if (offered != ZUL_KEST_OK) return offered;
+    if (offered != ZUL_KEST_OK) {
+      AbortPrefetchFill(cache, created);
+      return offered;
+    }
     if (fill == CHUNKID_INVALID) fill = created;  // answered below: it carries on as is
     {
       ChunkLocker lock;
       if (!LinkChunks(self, fill)) {
-        DeallocateTree(fill);
-        return ZUL_KEST_ERROR_CANT_ALLOCATE_CHUNK;
+        // Out of link records: the fill is dropped and the prefetch ends,
+        // as with a full cache.
+        AbortPrefetchFill(cache, fill);
+        state->next = state->end;
+        break;
       }
     }
     PrepareChunk(fill, record->header.priority, record->header.deadline);

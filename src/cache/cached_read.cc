@@ -11,7 +11,7 @@
 //
 // The resulting trees, with "A > B" meaning A waits for B:
 //   direct:   R > C > fill reads [> stat]     R > collector > linked fills > other fills
-//   deferred: R > P > K, fills, other fills
+//   deferred: R > P > K > fill reads, other fills
 
 #include <cstring>
 
@@ -327,20 +327,32 @@ bool LinkToRunningFill(ReadRewrite* rw, int32_t index, int64_t offsetInBlock, ui
   return true;
 }
 
-// Frees an unused P: K and the fills of other reads stay with their other
-// parents; what hangs below P alone (its own fill, its copies) goes with it.
-void FreePreExec(ChunkID pre) {
-  ChunkLocker lock;
-  for (ChunkID child; (child = GetChild(pre, 0)) != CHUNKID_INVALID;) {
-    UnlinkChunks(pre, child);
+// Unlinks every child of id, freeing those that no other chunk holds.
+void DropChildren(ChunkID id) {
+  for (ChunkID child; (child = GetChild(id, 0)) != CHUNKID_INVALID;) {
+    UnlinkChunks(id, child);
     if (GetParent(child, 0) == CHUNKID_INVALID) DeallocateTree(child);
   }
+}
+
+// Frees an unused P and what was hung below K for it: K itself stays with
+// its other parent (the archive lane); the fills of other reads stay with
+// theirs; this read's own fill and copies go.
+void FreePreExec(ChunkID pre, ChunkID linked) {
+  ChunkLocker lock;
+  DropChildren(linked);
+  DropChildren(pre);
   DeallocateTree(pre);
 }
 
-// Links P above a running fill's callback; false when it cannot.
-bool LinkPreExecToFill(ReadRewrite* rw, const CacheBlock* block) {
-  return LinkChunks(rw->pre, block->fillCallback);
+// In deferred mode the fills a read waits for hang below K, not beside it:
+// K lends the archive's work buffers when it runs, and a K that held them
+// while its read still waited for fills of other reads (whose own K may be
+// waiting for those very buffers) could leave every buffer lent and no read
+// able to finish.  Below K, the buffers are taken only once every fill is
+// done.  False when the link cannot be had.
+bool LinkWaitForFill(ReadRewrite* rw, const CacheBlock* block) {
+  return LinkChunks(rw->linked, block->fillCallback);
 }
 
 enum class FrontResult { kServed, kMiss, kUndo };
@@ -387,7 +399,7 @@ FrontResult FrontPass(ReadRewrite* rw) {
         return FrontResult::kMiss;
       }
       if (rw->deferred()) {
-        if (rw->copyCount == kMaxDeferredCopies || !LinkPreExecToFill(rw, block)) return FrontResult::kMiss;
+        if (rw->copyCount == kMaxDeferredCopies || !LinkWaitForFill(rw, block)) return FrontResult::kMiss;
         if (TraceEnabled(kTraceCache)) {
           char dump[kDumpBufferSize];
           TraceLine(kTraceCache, "ExecuteRead",
@@ -453,7 +465,7 @@ bool SecondChance(ReadRewrite* rw, const Tail& tail) {
     if (!valid) {
       ChunkLocker lock;
       const ChunkID fill = block->fillCallback;
-      if (fill == CHUNKID_INVALID || Cancelled(fill) || !LinkPreExecToFill(rw, block)) {
+      if (fill == CHUNKID_INVALID || Cancelled(fill) || !LinkWaitForFill(rw, block)) {
         KEST2_TRACE(kTraceCache, "ExecuteRead", "Chunk %d Error linking to existing callback chunk %d\n", id, fill);
         return true;
       }
@@ -626,7 +638,7 @@ void FillTail(ReadRewrite* rw, const Tail& tail, bool* fillMade, FillRecord** fi
   } else {
     fillCallback = rw->pre;
     ChunkLocker lock;
-    if (!LinkChunks(rw->pre, fillRoot)) {
+    if (!LinkChunks(rw->linked, fillRoot)) {
       DeallocateTree(fillRoot);
       ClearBlock(rw->cache, victim);
       return;
@@ -753,7 +765,7 @@ int32_t ExecuteRead(ZulKestRamCacheContext* context, ChunkID* readId) {
         // go down whole with K as it came.
         for (int i = 0; i < rw.copyCount; ++i) AddBlockRef(&cache->table[rw.copies[i].block], -1);
         if (fill != nullptr) AbandonFill(cache, fill);
-        FreePreExec(rw.pre);
+        FreePreExec(rw.pre, rw.linked);
         io->offset = cameOffset;
         io->reqCount = cameCount;
       } else if (rw.copyCount == 0) {
@@ -763,7 +775,7 @@ int32_t ExecuteRead(ZulKestRamCacheContext* context, ChunkID* readId) {
     } else {
       if (front == FrontResult::kMiss && !endsOnBoundary)
         KEST2_TRACE(kTraceCache, "ExecuteRead", "Chunk %d unlinking and restoring pre-exec callback\n", id);
-      FreePreExec(rw.pre);
+      FreePreExec(rw.pre, rw.linked);
     }
   } else {
     AddActCount(io->actCount, rw.copiedNow);
@@ -817,6 +829,13 @@ ChunkID StartPrefetchFill(CacheHeader* cache, uint32_t h, int64_t blockOffset, i
   }
   CacheWriteUnlock();
   return callback;
+}
+
+void AbortPrefetchFill(CacheHeader* cache, ChunkID fill) {
+  CacheWriteLock();
+  AbandonFill(cache, static_cast<FillRecord*>(ChunkRecord<ChunkCallbackRecord>(fill)->context));
+  CacheWriteUnlock();
+  DeallocateTree(fill);
 }
 
 }  // namespace kest2

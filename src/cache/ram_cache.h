@@ -165,6 +165,10 @@ constexpr uint32_t kCacheHintsLeaveReads = ZUL_KEST_OPFLAG_CACHE_BYPASS | ZUL_KE
 ChunkID StartPrefetchFill(CacheHeader* cache, uint32_t h, int64_t blockOffset, int64_t* covered,
                           bool* noVictim);
 
+// Drops a fill that StartPrefetchFill made and that never ran: its block is
+// freed and its chunks too.
+void AbortPrefetchFill(CacheHeader* cache, ChunkID fill);
+
 // Replaces a CHUNK_PREFETCH with a callback that fills the range's blocks
 // a few at a time once the file is open.  The callback chunk, or
 // CHUNKID_INVALID when none could be had.
