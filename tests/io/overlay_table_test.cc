@@ -1,6 +1,6 @@
 // The overlay table and the resolver on real directory trees: order and id
 // rules, the limit, each overlay type, overlays of overlays, and requests
-// and listings that go through them.
+// and listings that go through them, also over an archive's mount point.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include "kest2.h"
+#include "kest2/archive_writer.h"
 #include "test_support.h"
 
 namespace {
@@ -150,6 +151,13 @@ TEST_F(OverlayTest, OpaqueMatchingAndCandidateRules) {
   EXPECT_EQ(Resolve("/app0/data"), "/host/data");
   EXPECT_EQ(Resolve("/app0/data/"), "/host/data");
   EXPECT_EQ(Resolve("/app0//data/./y"), "/host/data/y");
+  // Requests work on the resolved path: a resolve request reports it.
+  ZulKestResolveRecord in{}, out{};
+  std::strcpy(in.path, "/app0/data/z");
+  in.offset = 7;
+  ASSERT_EQ(zulKestResolveSync(nullptr, &in, &out), ZUL_KEST_OK);
+  EXPECT_STREQ(out.path, "/host/data/z");
+  EXPECT_EQ(out.offset, 7);
   Add(ZUL_KEST_OVERLAY_TYPE_OPAQUE, 1, "/A", "/B");
   EXPECT_EQ(Resolve("/A:f"), "/B/:f");
 }
@@ -309,6 +317,47 @@ TEST_F(OverlayTest, OverlaysChangingWhileOtherThreadsResolveAndRead) {
   int32_t count = -1;
   ASSERT_EQ(zulKestOverlayGetList(nullptr, 0, &count), ZUL_KEST_OK);
   EXPECT_EQ(count, 0);
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(OverlayTest, APatchDirectoryOverAnArchiveMountPoint) {
+  WriteText(root_ + "/tree/a.txt", "archived a");
+  WriteText(root_ + "/tree/b.txt", "archived b");
+  WriteText(root_ + "/patch/b.txt", "patched b");
+  WriteText(root_ + "/patch/c.txt", "new c");
+  kest2_cli::PackSummary summary;
+  std::string error;
+  ASSERT_TRUE(kest2_cli::PackDirectory(root_ + "/tree", root_ + "/tree.zorba", kest2_cli::PackOptions{}, &summary,
+                                       &error))
+      << error;
+  alignas(64) static uint8_t work[3 * 65536];
+  ZulKestZorbaDearchiverContext context{};
+  context.sizeOfContext = sizeof(context);
+  context.workBufferSize = sizeof(work);
+  context.pWorkBuffer = work;
+  context.flags = ZUL_KEST_ZORBA_DEARCHIVER_LOOSE_FILES;
+  ASSERT_EQ(zulKestIOFilterAdd(0, zulKestIOFilterZorbaDearchiver, &context), ZUL_KEST_OK);
+  const std::string archive = root_ + "/tree.zorba";
+  const std::string mount = root_ + "/game";
+  const int64_t need = zulKestArchiveGetMountBufferSizeSync(nullptr, archive.c_str(), nullptr);
+  ASSERT_GT(need, 0);
+  std::vector<uint64_t> mountBuffer(static_cast<size_t>(need + 7) / 8);
+  ZulKestFH fh = 0;
+  ASSERT_EQ(zulKestArchiveMountSync(nullptr, &fh, archive.c_str(), mount.c_str(), mountBuffer.data(), need, nullptr),
+            ZUL_KEST_OK);
+  Add(ZUL_KEST_OVERLAY_TYPE_TRANSLUCENT, 0, mount, root_ + "/patch");
+  // Files the patch has come from it; the rest from the archive.
+  EXPECT_EQ(ReadWhole(mount + "/a.txt"), "archived a");
+  EXPECT_EQ(ReadWhole(mount + "/b.txt"), "patched b");
+  EXPECT_EQ(ReadWhole(mount + "/c.txt"), "new c");
+  const std::vector<std::string> names = List(mount);
+  EXPECT_EQ(std::multiset<std::string>(names.begin(), names.end()),
+            (std::multiset<std::string>{"a.txt", "b.txt", "c.txt"}));
+  EXPECT_EQ(zulKestArchiveUnmountSync(nullptr, fh), ZUL_KEST_OK);
+  EXPECT_EQ(zulKestIOFilterRemove(0), ZUL_KEST_OK);
 }
 
 }  // namespace
