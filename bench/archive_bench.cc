@@ -37,15 +37,11 @@
 #include <zlib.h>
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "archive/zorba_format.h"
@@ -59,62 +55,13 @@
 
 namespace {
 
+using kest2_bench::kKiB;
+using kest2_bench::kMiB;
 using kest2_bench::Now;
 
-constexpr int64_t kKiB = 1024;
-constexpr int64_t kMiB = 1024 * kKiB;
 constexpr uint32_t kBlockSize = 64 * 1024;
 constexpr int kRounds = 5;
 constexpr const char* kMountPoint = "/bench";
-
-// Files finished by whichever method runs.  A read that never completes
-// would otherwise hang the run without a word: the watchdog ends it.
-std::atomic<int64_t> g_filesDone{0};
-std::atomic<const char*> g_running{nullptr};
-constexpr int kStallSeconds = 60;
-
-void StartWatchdog(const std::string& scratch) {
-  std::thread([scratch] {
-    int64_t seen = -1;
-    int still = 0;
-    for (;;) {
-      std::this_thread::sleep_for(std::chrono::seconds(1));
-      const char* method = g_running.load();
-      const int64_t done = g_filesDone.load();
-      still = method != nullptr && done == seen ? still + 1 : 0;
-      seen = done;
-      if (still < kStallSeconds) continue;
-      std::fprintf(stderr, "\n%s: no file finished for %d s; the run is stopped as stalled\n", method,
-                   kStallSeconds);
-      std::error_code ignored;
-      std::filesystem::remove_all(scratch, ignored);
-      std::_Exit(3);
-    }
-  }).detach();
-}
-
-double MiBPerSecond(int64_t bytes, ZulKestTime nanoseconds) {
-  return static_cast<double>(bytes) / kMiB / (static_cast<double>(nanoseconds) / 1e9);
-}
-
-// xorshift64: cheap, and the same tree on every run.
-struct Random {
-  uint64_t x;
-  explicit Random(uint64_t seed) : x(seed * 0x9E3779B97F4A7C15ull + 0x2545F4914F6CDD1Dull) {}
-  uint64_t Next() {
-    x ^= x << 13;
-    x ^= x >> 7;
-    x ^= x << 17;
-    return x;
-  }
-  uint64_t Below(uint64_t n) { return Next() % n; }
-  // Log-uniform in [lo, hi]: as many small sizes as large ones per octave.
-  int64_t LogUniform(int64_t lo, int64_t hi) {
-    const double u = static_cast<double>(Next() >> 11) / 9007199254740992.0;
-    return static_cast<int64_t>(static_cast<double>(lo) *
-                                std::pow(static_cast<double>(hi) / static_cast<double>(lo), u));
-  }
-};
 
 // --- The tree ---------------------------------------------------------------
 
@@ -126,70 +73,6 @@ struct FileItem {
   int64_t slot;  // where the file lands in the shared output buffer
 };
 
-// Lines of pseudo-words (syllables, common words far more likely than rare
-// ones, the odd number), most of them echoing a recent line with a new
-// tail: zlib shrinks it 3.5 to 4 times, about as much as logs or source code.
-class TextMaker {
- public:
-  TextMaker() {
-    static const char* const kSyllables[] = {
-        "ka", "lo", "mi", "ne", "sta", "ri", "on", "ve", "tu", "pa", "zor", "ba", "ex", "in",
-        "de", "gra", "ul", "shi", "qua", "te", "mo", "ar", "fi", "ly", "se", "cro", "pu", "dan",
-        "el", "wo", "ti", "nu"};
-    Random random(7);
-    for (int w = 0; w < kWords; ++w) {
-      std::string word;
-      const int parts = 1 + static_cast<int>(random.Below(4));
-      for (int p = 0; p < parts; ++p) word += kSyllables[random.Below(32)];
-      if (random.Below(8) == 0) word[0] = static_cast<char>(word[0] - 'a' + 'A');
-      m_words.push_back(word);
-    }
-  }
-
-  void Fill(std::vector<char>* out, int64_t size, uint64_t seed) const {
-    out->clear();
-    out->reserve(static_cast<size_t>(size) + 256);
-    Random random(seed);
-    std::vector<std::string> recent(kRecentLines);
-    std::string line;
-    while (static_cast<int64_t>(out->size()) < size) {
-      std::string& old = recent[random.Below(kRecentLines)];
-      if (!old.empty() && random.Below(8) < 5) {
-        // Most lines echo a recent one with a new tail, as in logs and code.
-        line.assign(old, 0, old.size() / 2 + random.Below(old.size() / 2 + 1));
-        AddWords(&line, 1 + static_cast<int>(random.Below(3)), &random);
-      } else {
-        line.clear();
-        AddWords(&line, 6 + static_cast<int>(random.Below(8)), &random);
-      }
-      line += '\n';
-      out->insert(out->end(), line.begin(), line.end());
-      old = line;
-      old.pop_back();
-    }
-    out->resize(static_cast<size_t>(size));
-  }
-
- private:
-  static constexpr int kWords = 4096;
-  static constexpr uint64_t kRecentLines = 64;
-
-  void AddWords(std::string* line, int count, Random* random) const {
-    for (int i = 0; i < count; ++i) {
-      if (!line->empty() && line->back() != ' ') *line += ' ';
-      if (random->Below(24) == 0) {
-        *line += std::to_string(random->Below(100000));
-        continue;
-      }
-      // The product of two uniforms favours low indices, like word frequency.
-      const uint64_t a = random->Below(kWords), b = random->Below(kWords);
-      *line += m_words[a * b / kWords];
-    }
-  }
-
-  std::vector<std::string> m_words;
-};
-
 // Sizes adding up to `total`: a fifth of the bytes in small files (4-64
 // KiB), a third in medium ones (64 KiB-2 MiB), the rest in large ones (8-40
 // MiB), shuffled so that the read order mixes them.
@@ -199,7 +82,7 @@ std::vector<int64_t> PlanSizes(int64_t total) {
     int64_t lo, hi;
   };
   const Band bands[] = {{0.20, 4 * kKiB, 64 * kKiB}, {0.33, 64 * kKiB, 2 * kMiB}, {0.47, 8 * kMiB, 40 * kMiB}};
-  Random random(3);
+  kest2_bench::Random random(3);
   std::vector<int64_t> sizes;
   int64_t planned = 0;
   for (const Band& band : bands) {
@@ -217,7 +100,7 @@ std::vector<int64_t> PlanSizes(int64_t total) {
 }
 
 std::vector<FileItem> MakeTree(const std::string& root, int64_t total) {
-  const TextMaker maker;
+  const kest2_bench::TextMaker maker;
   std::vector<FileItem> files;
   std::vector<char> bytes;
   const std::vector<int64_t> sizes = PlanSizes(total);
@@ -232,7 +115,8 @@ std::vector<FileItem> MakeTree(const std::string& root, int64_t total) {
     }
     const std::string path = root + "/" + relative;
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-    maker.Fill(&bytes, sizes[i], 100 + i);
+    bytes.resize(static_cast<size_t>(sizes[i]));
+    maker.Fill(bytes.data(), sizes[i], 100 + i);
     FILE* out = std::fopen(path.c_str(), "wb");
     if (out == nullptr || std::fwrite(bytes.data(), 1, bytes.size(), out) != bytes.size() ||
         std::fclose(out) != 0) {
@@ -350,7 +234,7 @@ int64_t ReadWithLoop(const LoopArchive& archive, const std::vector<FileItem>& fi
       stream.avail_out = length;
       if (inflate(&stream, Z_FINISH) == Z_STREAM_END) total += static_cast<int64_t>(stream.total_out);
     }
-    g_filesDone.fetch_add(1, std::memory_order_relaxed);
+    kest2_bench::NoteProgress();
   }
   inflateEnd(&stream);
   return total;
@@ -418,7 +302,7 @@ int64_t ReadWithKestSync(const std::vector<FileItem>& files, char* output) {
   for (const FileItem& file : files) {
     const int64_t got = zulKestFileReadSync(nullptr, file.kestPath.c_str(), output + file.slot, file.size, 0);
     if (got > 0) total += got;
-    g_filesDone.fetch_add(1, std::memory_order_relaxed);
+    kest2_bench::NoteProgress();
   }
   return total;
 }
@@ -434,7 +318,7 @@ int64_t ReadWithKestAsync(const std::vector<FileItem>& files, char* output, int 
       if (zulKestOpWait(slots[slot]) == ZUL_KEST_OK) total += zulKestOpGetActualCount(slots[slot]);
       zulKestOpDelete(slots[slot]);
       slots[slot] = 0;
-      g_filesDone.fetch_add(1, std::memory_order_relaxed);
+      kest2_bench::NoteProgress();
     }
     if (next < files.size()) {
       const FileItem& file = files[next++];
@@ -457,7 +341,7 @@ int64_t ReadWithPhysfs(const std::vector<FileItem>& files, char* output) {
     const PHYSFS_sint64 got = PHYSFS_readBytes(handle, output + file.slot, static_cast<PHYSFS_uint64>(file.size));
     if (got > 0) total += got;
     PHYSFS_close(handle);
-    g_filesDone.fetch_add(1, std::memory_order_relaxed);
+    kest2_bench::NoteProgress();
   }
   return total;
 }
@@ -475,12 +359,12 @@ struct Method {
 template <typename Read>
 void Measure(Method* method, const std::vector<FileItem>& files, std::vector<char>* output, Read read) {
   std::memset(output->data(), 0, output->size());
-  g_running = method->name;
+  kest2_bench::SetRunning(method->name);
   const ZulKestTime start = Now();
   const int64_t bytes = read(output->data());
   const ZulKestTime elapsed = Now() - start;
-  g_running = nullptr;
-  method->rates.push_back(MiBPerSecond(bytes, elapsed));
+  kest2_bench::SetRunning(nullptr);
+  method->rates.push_back(kest2_bench::MiBPerSecond(bytes, elapsed));
   int64_t expected = 0;
   for (const FileItem& file : files) expected += file.size;
   method->mismatches += CountMismatches(files, *output) + (bytes != expected ? 1 : 0);
@@ -599,7 +483,9 @@ int main(int argc, char** argv) {
   }
 #endif
 
-  StartWatchdog(dir.path());
+  // A read that never completes would otherwise hang the run without a
+  // word: the watchdog ends it once no file has finished for a while.
+  kest2_bench::StartStallWatchdog(dir.path(), kest2_bench::kStallSeconds, "file");
   // One buffer for all files, touched once so that page faults are not timed.
   std::vector<char> output(static_cast<size_t>(OutputBytes(files)), 1);
 

@@ -5,11 +5,15 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
+#include <thread>
 
 namespace kest2_bench {
 namespace {
@@ -18,6 +22,10 @@ namespace {
   std::perror((std::string(what) + " " + path).c_str());
   std::exit(2);
 }
+
+// What the stall watchdog watches.
+std::atomic<int64_t> g_progress{0};
+std::atomic<const char*> g_running{nullptr};
 
 }  // namespace
 
@@ -86,12 +94,68 @@ void WarmFile(const std::string& path) {
   ::close(fd);
 }
 
+TextMaker::TextMaker() {
+  static const char* const kSyllables[] = {"ka", "lo",  "mi",  "ne",  "sta", "ri", "on", "ve",
+                                           "tu", "pa",  "zor", "ba",  "ex",  "in", "de", "gra",
+                                           "ul", "shi", "qua", "te",  "mo",  "ar", "fi", "ly",
+                                           "se", "cro", "pu",  "dan", "el",  "wo", "ti", "nu"};
+  Random random(7);
+  for (int w = 0; w < kWords; ++w) {
+    std::string word;
+    const int parts = 1 + static_cast<int>(random.Below(4));
+    for (int p = 0; p < parts; ++p) word += kSyllables[random.Below(32)];
+    if (random.Below(8) == 0) word[0] = static_cast<char>(word[0] - 'a' + 'A');
+    m_words.push_back(word);
+  }
+}
+
+void TextMaker::Fill(char* out, int64_t size, uint64_t seed) const {
+  Random random(seed);
+  std::vector<std::string> recent(kRecentLines);
+  std::string line;
+  for (int64_t done = 0; done < size;) {
+    std::string& old = recent[random.Below(kRecentLines)];
+    if (!old.empty() && random.Below(8) < 5) {
+      // Most lines echo a recent one with a new tail, as in logs and code.
+      line.assign(old, 0, old.size() / 2 + random.Below(old.size() / 2 + 1));
+      AddWords(&line, 1 + static_cast<int>(random.Below(3)), &random);
+    } else {
+      line.clear();
+      AddWords(&line, 6 + static_cast<int>(random.Below(8)), &random);
+    }
+    old = line;
+    line += '\n';
+    const int64_t n = std::min<int64_t>(static_cast<int64_t>(line.size()), size - done);
+    std::memcpy(out + done, line.data(), static_cast<size_t>(n));
+    done += n;
+  }
+}
+
+void TextMaker::AddWords(std::string* line, int count, Random* random) const {
+  for (int i = 0; i < count; ++i) {
+    if (!line->empty() && line->back() != ' ') *line += ' ';
+    if (random->Below(24) == 0) {
+      *line += std::to_string(random->Below(100000));
+      continue;
+    }
+    // The product of two uniforms favours low indices, like word frequency.
+    const uint64_t a = random->Below(kWords), b = random->Below(kWords);
+    *line += m_words[a * b / kWords];
+  }
+}
+
 void SleepUntil(ZulKestTime when) {
   // kest2's clock is CLOCK_MONOTONIC in nanoseconds.
   timespec until{static_cast<time_t>(when / 1000000000), static_cast<long>(when % 1000000000)};
   while (Now() < when &&
          clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
   }
+}
+
+double MiBPerSecond(int64_t bytes, ZulKestTime nanoseconds) {
+  return nanoseconds <= 0
+             ? 0.0
+             : static_cast<double>(bytes) / kMiB / (static_cast<double>(nanoseconds) / 1e9);
 }
 
 double Median(std::vector<double> values) { return Percentile(std::move(values), 0.5); }
@@ -103,5 +167,29 @@ double Percentile(std::vector<double> values, double fraction) {
   const size_t index = rank < 1.0 ? 0 : static_cast<size_t>(rank) - 1;
   return values[std::min(index, values.size() - 1)];
 }
+
+void StartStallWatchdog(const std::string& scratch, int seconds, const char* unit) {
+  std::thread([scratch, seconds, unit] {
+    int64_t seen = -1;
+    int still = 0;
+    for (;;) {
+      std::this_thread::sleep_for(std::chrono::seconds(1));
+      const char* running = g_running.load();
+      const int64_t done = g_progress.load();
+      still = running != nullptr && done == seen ? still + 1 : 0;
+      seen = done;
+      if (still < seconds) continue;
+      std::fprintf(stderr, "\n%s: no %s finished for %d s; the run is stopped as stalled\n",
+                   running, unit, seconds);
+      std::error_code ignored;
+      std::filesystem::remove_all(scratch, ignored);
+      std::_Exit(3);
+    }
+  }).detach();
+}
+
+void SetRunning(const char* name) { g_running = name; }
+
+void NoteProgress() { g_progress.fetch_add(1, std::memory_order_relaxed); }
 
 }  // namespace kest2_bench

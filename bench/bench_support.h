@@ -1,8 +1,10 @@
 // Helpers shared by the benchmark programs: library storage, a scratch
-// directory, test files, the clock and small statistics.
+// directory, test files, text-like data, the clock, small statistics and a
+// watchdog for stalled runs.
 #ifndef KEST2_BENCH_BENCH_SUPPORT_H_
 #define KEST2_BENCH_BENCH_SUPPORT_H_
 
+#include <cmath>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -10,6 +12,9 @@
 #include "kest2.h"
 
 namespace kest2_bench {
+
+constexpr int64_t kKiB = 1024;
+constexpr int64_t kMiB = 1024 * kKiB;
 
 // The longest path the benchmarks hand the library; keeps the storage small.
 constexpr uint32_t kPathMax = 256;
@@ -46,13 +51,66 @@ void FlushToDevice();
 // Reads the whole file once, leaving it in the page cache.
 void WarmFile(const std::string& path);
 
+// xorshift64: cheap, and the same data and orders on every run.
+struct Random {
+  uint64_t x;
+  explicit Random(uint64_t seed) : x(seed * 0x9E3779B97F4A7C15ull + 0x2545F4914F6CDD1Dull) {}
+  uint64_t Next() {
+    x ^= x << 13;
+    x ^= x >> 7;
+    x ^= x << 17;
+    return x;
+  }
+  uint64_t Below(uint64_t n) { return Next() % n; }
+  // Log-uniform in [lo, hi]: as many small sizes as large ones per octave.
+  int64_t LogUniform(int64_t lo, int64_t hi) {
+    const double u = static_cast<double>(Next() >> 11) / 9007199254740992.0;
+    return static_cast<int64_t>(static_cast<double>(lo) *
+                                std::pow(static_cast<double>(hi) / static_cast<double>(lo), u));
+  }
+};
+
+// Lines of pseudo-words (syllables, common words far more likely than rare
+// ones, the odd number), most of them echoing a recent line with a new
+// tail: zlib shrinks it 3.5 to 4 times, about as much as logs or source
+// code, so inflating it costs what they would.  No byte is zero, so a
+// cleared buffer never matches it by chance.
+class TextMaker {
+ public:
+  TextMaker();
+  // Writes exactly size bytes to out; the same seed gives the same bytes.
+  void Fill(char* out, int64_t size, uint64_t seed) const;
+
+ private:
+  static constexpr int kWords = 4096;
+  static constexpr uint64_t kRecentLines = 64;
+
+  void AddWords(std::string* line, int count, Random* random) const;
+
+  std::vector<std::string> m_words;
+};
+
 inline ZulKestTime Now() { return zulKestTimeGetCurrent(); }
 // Sleeps until the monotonic clock reaches when (no-op when already past).
 void SleepUntil(ZulKestTime when);
 
+// 0 when no time passed.
+double MiBPerSecond(int64_t bytes, ZulKestTime nanoseconds);
+
 double Median(std::vector<double> values);
 // The value below which `fraction` of the values lie (nearest rank).
 double Percentile(std::vector<double> values, double fraction);
+
+// A read that never completes would otherwise hang a benchmark without a
+// word.  The benchmark names what it measures with SetRunning (nullptr in
+// between) and calls NoteProgress for each unit of work that finishes (a
+// file, a read).  Once something has run for `seconds` without any unit
+// finishing, the watchdog prints "NAME: no UNIT finished for SECONDS s",
+// removes the scratch directory and exits with status 3.
+constexpr int kStallSeconds = 60;
+void StartStallWatchdog(const std::string& scratch, int seconds, const char* unit);
+void SetRunning(const char* name);
+void NoteProgress();
 
 }  // namespace kest2_bench
 

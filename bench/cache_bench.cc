@@ -65,9 +65,7 @@
 // --verbose prints one line per run.
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -83,10 +81,11 @@
 
 namespace {
 
+using kest2_bench::kKiB;
+using kest2_bench::kMiB;
+using kest2_bench::MiBPerSecond;
 using kest2_bench::Now;
 
-constexpr int64_t kKiB = 1024;
-constexpr int64_t kMiB = 1024 * kKiB;
 constexpr int64_t kReadSize = 64 * kKiB;
 constexpr uint32_t kArchiveBlockSize = 64 * 1024;
 constexpr const char* kMountPoint = "/bench";
@@ -97,32 +96,6 @@ constexpr double kMissGoal = 0.95;  // at most about 1.05 times slower
 // Off/on pairs per round for the cases that read loose files.
 constexpr int kCheapRepeats = 3;
 
-// Reads finished by whichever case runs.  A read that never completes would
-// otherwise hang the run without a word: the watchdog ends it.
-std::atomic<int64_t> g_readsDone{0};
-std::atomic<const char*> g_running{nullptr};
-constexpr int kStallSeconds = 60;
-
-void StartWatchdog(const std::string& scratch) {
-  std::thread([scratch] {
-    int64_t seen = -1;
-    int still = 0;
-    for (;;) {
-      std::this_thread::sleep_for(std::chrono::seconds(1));
-      const char* running = g_running.load();
-      const int64_t done = g_readsDone.load();
-      still = running != nullptr && done == seen ? still + 1 : 0;
-      seen = done;
-      if (still < kStallSeconds) continue;
-      std::fprintf(stderr, "\n%s: no read finished for %d s; the run is stopped as stalled\n",
-                   running, kStallSeconds);
-      std::error_code ignored;
-      std::filesystem::remove_all(scratch, ignored);
-      std::_Exit(3);
-    }
-  }).detach();
-}
-
 [[noreturn]] void Fail(const char* what, int64_t result) {
   char text[256];
   std::fprintf(stderr, "kest2: %s failed: %s\n", what,
@@ -130,92 +103,7 @@ void StartWatchdog(const std::string& scratch) {
   std::exit(1);
 }
 
-double MiBPerSecond(int64_t bytes, ZulKestTime nanoseconds) {
-  return nanoseconds <= 0
-             ? 0.0
-             : static_cast<double>(bytes) / kMiB / (static_cast<double>(nanoseconds) / 1e9);
-}
-
-// xorshift64: cheap, and the same data and orders on every run.
-struct Random {
-  uint64_t x;
-  explicit Random(uint64_t seed) : x(seed * 0x9E3779B97F4A7C15ull + 0x2545F4914F6CDD1Dull) {}
-  uint64_t Next() {
-    x ^= x << 13;
-    x ^= x >> 7;
-    x ^= x << 17;
-    return x;
-  }
-  uint64_t Below(uint64_t n) { return Next() % n; }
-  int64_t LogUniform(int64_t lo, int64_t hi) {
-    const double u = static_cast<double>(Next() >> 11) / 9007199254740992.0;
-    return static_cast<int64_t>(static_cast<double>(lo) *
-                                std::pow(static_cast<double>(hi) / static_cast<double>(lo), u));
-  }
-};
-
 // --- Files ------------------------------------------------------------------
-
-// Text-like lines of pseudo-words, many echoing a recent line: zlib shrinks
-// it about three to four times, so inflating it costs what logs or source
-// code would.  No byte is zero, so a cleared image never matches by chance.
-class TextMaker {
- public:
-  TextMaker() {
-    static const char* const kSyllables[] = {"ka", "lo",  "mi", "ne",  "sta", "ri", "on", "ve",
-                                             "tu", "pa",  "zo", "ba",  "ex",  "in", "de", "gra",
-                                             "ul", "shi", "qu", "te",  "mo",  "ar", "fi", "ly",
-                                             "se", "cro", "pu", "dan", "el",  "wo", "ti", "nu"};
-    Random random(7);
-    for (int w = 0; w < kWords; ++w) {
-      std::string word;
-      const int parts = 1 + static_cast<int>(random.Below(4));
-      for (int p = 0; p < parts; ++p) word += kSyllables[random.Below(32)];
-      m_words.push_back(word);
-    }
-  }
-
-  void Fill(char* out, int64_t size, uint64_t seed) const {
-    Random random(seed);
-    std::vector<std::string> recent(kRecentLines);
-    std::string line;
-    int64_t done = 0;
-    while (done < size) {
-      std::string& old = recent[random.Below(kRecentLines)];
-      if (!old.empty() && random.Below(8) < 5) {
-        line.assign(old, 0, old.size() / 2 + random.Below(old.size() / 2 + 1));
-        AddWords(&line, 1 + static_cast<int>(random.Below(3)), &random);
-      } else {
-        line.clear();
-        AddWords(&line, 6 + static_cast<int>(random.Below(8)), &random);
-      }
-      old = line;
-      line += '\n';
-      const int64_t n = std::min<int64_t>(static_cast<int64_t>(line.size()), size - done);
-      std::memcpy(out + done, line.data(), static_cast<size_t>(n));
-      done += n;
-    }
-  }
-
- private:
-  static constexpr int kWords = 4096;
-  static constexpr uint64_t kRecentLines = 64;
-
-  void AddWords(std::string* line, int count, Random* random) const {
-    for (int i = 0; i < count; ++i) {
-      if (!line->empty() && line->back() != ' ') *line += ' ';
-      if (random->Below(24) == 0) {
-        *line += std::to_string(random->Below(100000));
-        continue;
-      }
-      // The product of two uniforms favours low indices, like word frequency.
-      const uint64_t a = random->Below(kWords), b = random->Below(kWords);
-      *line += m_words[a * b / kWords];
-    }
-  }
-
-  std::vector<std::string> m_words;
-};
 
 struct FileItem {
   std::string loosePath;    // on disk
@@ -252,7 +140,7 @@ void AddFile(FileSet* set, const std::string& loosePath, const std::string& arch
   set->files.push_back(std::move(item));
 }
 
-void FinishSet(FileSet* set, const TextMaker& maker, uint64_t seed) {
+void FinishSet(FileSet* set, const kest2_bench::TextMaker& maker, uint64_t seed) {
   for (size_t i = 0; i < set->files.size(); ++i) {
     const FileItem& file = set->files[i];
     maker.Fill(set->source.data() + file.slot, file.size, seed + i);
@@ -263,9 +151,9 @@ void FinishSet(FileSet* set, const TextMaker& maker, uint64_t seed) {
 
 // Sizes from 64 KiB to 6 MiB, log-uniform, none a multiple of a cache block
 // (so most files end in a short block), adding up to about `total`.
-FileSet MakeTree(const std::string& root, int64_t total, const TextMaker& maker) {
+FileSet MakeTree(const std::string& root, int64_t total, const kest2_bench::TextMaker& maker) {
   FileSet set;
-  Random random(3);
+  kest2_bench::Random random(3);
   for (int i = 0; set.bytes < total; ++i) {
     int64_t size = std::min(random.LogUniform(64 * kKiB, 6 * kMiB), total - set.bytes);
     size = std::max<int64_t>(size, 4 * kKiB) | 1;
@@ -392,7 +280,7 @@ std::vector<Piece> AllPieces(const FileSet& set, int64_t readSize) {
 }
 
 std::vector<Piece> Shuffled(std::vector<Piece> pieces, uint64_t seed) {
-  Random random(seed);
+  kest2_bench::Random random(seed);
   for (size_t i = pieces.size(); i > 1; --i) std::swap(pieces[i - 1], pieces[random.Below(i)]);
   return pieces;
 }
@@ -408,7 +296,7 @@ int64_t ReadSync(FileSet* set, const std::vector<ZulKestFH>& handles,
                            image + set->files[static_cast<size_t>(piece.file)].slot + piece.offset,
                            piece.length, piece.offset);
     if (got > 0) total += got;
-    g_readsDone.fetch_add(1, std::memory_order_relaxed);
+    kest2_bench::NoteProgress();
   }
   return total;
 }
@@ -428,7 +316,7 @@ int64_t ReadAsync(FileSet* set, const std::vector<ZulKestFH>& handles,
       if (got > 0) total += got;
       slots[slot] = 0;
       --busy;
-      g_readsDone.fetch_add(1, std::memory_order_relaxed);
+      kest2_bench::NoteProgress();
     }
     if (next < pieces.size()) {
       const Piece& piece = pieces[next++];
@@ -560,7 +448,7 @@ RunResult Run(Case* c, bool on, int passes, int inFlight,
     std::memset(set.image.data(), 0, set.image.size());
     const std::vector<Piece>& pieces = orders[static_cast<size_t>(pass) % orders.size()];
     const Counters before = on ? c->cache->Read() : Counters{};
-    g_running = c->name;
+    kest2_bench::SetRunning(c->name);
     const ZulKestTime start = Now();
     if (on && c->prefetch && pass == 0) {
       PrefetchAll(set, handles, inFlight);
@@ -569,7 +457,7 @@ RunResult Run(Case* c, bool on, int passes, int inFlight,
     const int64_t bytes =
         c->async ? ReadAsync(&set, handles, pieces, inFlight) : ReadSync(&set, handles, pieces);
     const ZulKestTime elapsed = Now() - start;
-    g_running = nullptr;
+    kest2_bench::SetRunning(nullptr);
     const Counters delta = on ? c->cache->Read() - before : Counters{};
     c->mismatches += CountBadFiles(set) + (bytes != set.bytes ? 1 : 0);
     if (pass == 0) {
@@ -682,7 +570,7 @@ int main(int argc, char** argv) {
 
   kest2_bench::TempDir dir;
   const std::string archive = dir.path() + "/tree.zorba";
-  const TextMaker maker;
+  const kest2_bench::TextMaker maker;
 
   ZulKestTime mark = Now();
   FileSet tree = MakeTree(dir.path() + "/tree", treeMiB * kMiB, maker);
@@ -832,7 +720,9 @@ int main(int argc, char** argv) {
   }
 
   g_idleChunks = ChunksInUse();
-  StartWatchdog(dir.path());
+  // A read that never completes would otherwise hang the run without a
+  // word: the watchdog ends it once no read has finished for a while.
+  kest2_bench::StartStallWatchdog(dir.path(), kest2_bench::kStallSeconds, "read");
   std::printf("  measuring...\n");
   std::fflush(stdout);
   const ZulKestTime measureStart = Now();

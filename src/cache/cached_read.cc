@@ -653,7 +653,8 @@ void FillTail(ReadRewrite* rw, const Tail& tail, bool* fillMade, FillRecord** fi
 
 }  // namespace
 
-uint32_t CacheHintsAbove(ChunkID id, int depth) {
+// The hints of the operations whose roots lie above id.  REQUIRES: chunk lock.
+static uint32_t CacheHintsAbove(ChunkID id, int depth) {
   if (depth > kMaxHintDepth) return 0;
   uint32_t hints = 0;
   const ChunkHeader* chunk = ChunkAt(id);
