@@ -10,7 +10,6 @@
 namespace kest2_cli {
 namespace {
 
-constexpr int kFilterSlot = 0;
 constexpr uintptr_t kWorkAlignment = 64;
 
 bool ReadHeader(const std::string& path, kest2::ZorbaHeader* header) {
@@ -31,7 +30,7 @@ bool LooksLikeArchive(const std::string& path) {
   return ReadHeader(path, &header);
 }
 
-int32_t ArchiveSession::Mount(const std::string& archive) {
+int32_t ArchiveSession::Mount(const std::string& archive, const std::string& mountPoint) {
   kest2::ZorbaHeader header;
   if (!ReadHeader(archive, &header)) return ZUL_KEST_ERROR_BAD_ARCHIVE;
   // Three work buffers, each holding one block.
@@ -41,19 +40,20 @@ int32_t ArchiveSession::Mount(const std::string& archive) {
   m_context.sizeOfContext = sizeof(m_context);
   m_context.workBufferSize = size;
   m_context.pWorkBuffer = reinterpret_cast<void*>((base + kWorkAlignment - 1) & ~(kWorkAlignment - 1));
-  int32_t result = zulKestIOFilterAdd(kFilterSlot, zulKestIOFilterZorbaDearchiver, &m_context);
+  int32_t result = zulKestIOFilterAdd(m_slot, zulKestIOFilterZorbaDearchiver, &m_context);
   if (result != ZUL_KEST_OK) return result;
   m_installed = true;
   const int64_t need = zulKestArchiveGetMountBufferSizeSync(nullptr, archive.c_str(), nullptr);
   if (need < 0) return static_cast<int32_t>(need);
   m_mountBuffer.assign(static_cast<size_t>(need + 7) / 8, 0);
-  return zulKestArchiveMountSync(nullptr, &m_archive, archive.c_str(), archive.c_str(),
+  const std::string& at = mountPoint.empty() ? archive : mountPoint;
+  return zulKestArchiveMountSync(nullptr, &m_archive, archive.c_str(), at.c_str(),
                                  m_mountBuffer.data(), need, nullptr);
 }
 
 ArchiveSession::~ArchiveSession() {
   if (m_archive != 0) zulKestArchiveUnmountSync(nullptr, m_archive);
-  if (m_installed) zulKestIOFilterRemove(kFilterSlot);
+  if (m_installed) zulKestIOFilterRemove(m_slot);
 }
 
 }  // namespace kest2_cli

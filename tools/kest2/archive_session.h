@@ -17,14 +17,15 @@ bool LooksLikeArchive(const std::string& path);
 
 class ArchiveSession {
  public:
-  ArchiveSession() = default;
+  // The dearchiver goes into filter slot `slot`.
+  explicit ArchiveSession(int slot = 0) : m_slot(slot) {}
   ~ArchiveSession();  // unmounts and removes the filter
   ArchiveSession(const ArchiveSession&) = delete;
   ArchiveSession& operator=(const ArchiveSession&) = delete;
 
-  // Installs the dearchiver and mounts the archive at its own path.  0, or
-  // the library's error.
-  int32_t Mount(const std::string& archive);
+  // Installs the dearchiver and mounts the archive at mountPoint (its own
+  // path when empty).  0, or the library's error.
+  int32_t Mount(const std::string& archive, const std::string& mountPoint = "");
 
  private:
   ZulKestZorbaDearchiverContext m_context{};
@@ -32,6 +33,7 @@ class ArchiveSession {
   std::vector<uint64_t> m_mountBuffer;
   ZulKestFH m_archive = 0;
   bool m_installed = false;
+  int m_slot;
 };
 
 }  // namespace kest2_cli

@@ -9,6 +9,7 @@
 
 #include "kest2.h"
 #include "kest2/archive_session.h"
+#include "kest2/demo_command.h"
 #include "kest2/library_session.h"
 #include "kest2/pack_command.h"
 
@@ -213,6 +214,8 @@ const Command kCommands[] = {
      2, 2, Cp},
     {"pack", "[OPTIONS] DIR ARCHIVE", "pack a directory into an archive", kPackHelp, 2, SIZE_MAX,
      Pack, false},
+    {"demo", "[--files N] [--dir DIR]", "stream a generated, packed and overlaid data set", kDemoHelp, 0,
+     4, Demo},
     {nullptr, nullptr, nullptr, nullptr, 0, 0, nullptr},
 };
 

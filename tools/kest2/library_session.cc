@@ -11,7 +11,7 @@ namespace {
 
 constexpr uint32_t kPathMax = 1024;
 constexpr uint32_t kOps = 256;
-constexpr uint32_t kFileHandles = 64;
+constexpr uint32_t kFileHandles = 512;  // the demo keeps every file of its data set open
 constexpr uint32_t kDirHandles = 16;
 constexpr uint32_t kChunks = 16384;
 
