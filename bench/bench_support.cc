@@ -192,4 +192,21 @@ void SetRunning(const char* name) { g_running = name; }
 
 void NoteProgress() { g_progress.fetch_add(1, std::memory_order_relaxed); }
 
+void SummaryRow(const char* benchmark, const char* what, const std::string& baseline,
+                const std::string& kest2, double ratio, const char* target, const char* verdict) {
+  const char* path = std::getenv("KEST2_BENCH_SUMMARY");
+  if (path == nullptr || path[0] == 0) return;
+  FILE* out = std::fopen(path, "a");
+  if (out == nullptr) return;
+  std::fprintf(out, "%s\t%s\t%s\t%s\t%.2f\t%s\t%s\n", benchmark, what, baseline.c_str(), kest2.c_str(), ratio,
+               target, verdict);
+  std::fclose(out);
+}
+
+std::string Format(const char* format, double value) {
+  char text[64];
+  std::snprintf(text, sizeof(text), format, value);
+  return text;
+}
+
 }  // namespace kest2_bench

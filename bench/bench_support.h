@@ -108,6 +108,16 @@ double Percentile(std::vector<double> values, double fraction);
 // finishing, the watchdog prints "NAME: no UNIT finished for SECONDS s",
 // removes the scratch directory and exits with status 3.
 constexpr int kStallSeconds = 60;
+// One row of the suite's summary table: appended, tab-separated, to the
+// file named by KEST2_BENCH_SUMMARY when that is set (bench/run.sh sets it
+// and prints the table); nothing otherwise.  baseline and kest2 are texts
+// with their units; ratio is kest2 against the baseline as the benchmark
+// defines it; target is the goal ("<= 2.00") or "-".
+void SummaryRow(const char* benchmark, const char* what, const std::string& baseline,
+                const std::string& kest2, double ratio, const char* target, const char* verdict);
+// "%.0f MiB/s" and similar, for SummaryRow.
+std::string Format(const char* format, double value);
+
 void StartStallWatchdog(const std::string& scratch, int seconds, const char* unit);
 void SetRunning(const char* name);
 void NoteProgress();

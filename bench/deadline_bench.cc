@@ -589,6 +589,15 @@ int main(int argc, char** argv) {
     std::printf("%7d %8d %6d %5.1f%% %6d %5.1f%% %11s  %s\n", config.threads[t], k.requests(),
                 k.missed(), Fraction(k.missed(), k.requests()), f.missed(),
                 Fraction(f.missed(), f.requests()), ratio, verdict);
+    if (f.missed() != 0) {
+      const std::string what = "urgent reads missing their deadline, " + std::to_string(config.threads[t]) +
+                               " I/O thread" + (config.threads[t] > 1 ? "s" : "");
+      kest2_bench::SummaryRow("deadline", what.c_str(),
+                              kest2_bench::Format("FIFO %.1f %%", Fraction(f.missed(), f.requests())),
+                              kest2_bench::Format("%.1f %%", Fraction(k.missed(), k.requests())),
+                              static_cast<double>(k.missed()) / f.missed(), "< 0.50",
+                              static_cast<double>(k.missed()) / f.missed() < 0.5 ? "met" : "NOT met");
+    }
   }
   return 0;
 }
