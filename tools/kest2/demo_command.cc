@@ -114,7 +114,7 @@ bool MakeDataSet(const fs::path& tree, const fs::path& overrides, size_t count, 
     file.relative = std::string(kDirs[i % 5]) + "/file" + std::to_string(i) + ".bin";
     file.bytes = MakeBytes(&random, PickSize(&random));
     if (!WriteFile(tree / file.relative, file.bytes)) return false;
-    if (random.Below(10) == 0) {
+    if (i % 10 == 7) {
       file.bytes = MakeBytes(&random, PickSize(&random));
       file.overridden = true;
       if (!WriteFile(overrides / file.relative, file.bytes)) return false;
