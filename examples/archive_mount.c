@@ -9,49 +9,16 @@
  * dearchiver, it keeps the inflated bytes: the second pass over a file is
  * served from memory without inflating again.  Exits 0 when every byte read
  * from the archive matches what was packed. */
-#define _POSIX_C_SOURCE 200809L /* mkdtemp */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
+#include "example_support.h"
 #include "kest2.h"
 
-#define PATH_MAX_BYTES 1024
 #define ARCHIVE_BLOCK (64 * 1024) /* 'kest2 pack --block-size 64k' */
 #define TEXTURE_SIZE (300 * 1000)
 #define READ_SIZE (16 * 1024)
-
-static uint64_t g_opStorage[ZUL_KEST_STORAGE_SIZE(32, ZUL_KEST_OP_UNIT_SIZE(PATH_MAX_BYTES)) / 8];
-static uint64_t g_fhStorage[ZUL_KEST_STORAGE_SIZE(8, ZUL_KEST_FH_UNIT_SIZE(PATH_MAX_BYTES)) / 8];
-static uint64_t g_dhStorage[ZUL_KEST_STORAGE_SIZE(4, ZUL_KEST_DH_UNIT_SIZE(PATH_MAX_BYTES)) / 8];
-static uint64_t g_chunkStorage[ZUL_KEST_STORAGE_SIZE(1024, ZUL_KEST_CHUNK_UNIT_SIZE) / 8];
-
-static int start_library(void) {
-  ZulKestParams params;
-  memset(&params, 0, sizeof(params));
-  params.header = ZUL_KEST_PARAMS_HEADER(PATH_MAX_BYTES);
-  params.opStorage = g_opStorage;
-  params.opStorageSize = sizeof(g_opStorage);
-  params.fhStorage = g_fhStorage;
-  params.fhStorageSize = sizeof(g_fhStorage);
-  params.dhStorage = g_dhStorage;
-  params.dhStorageSize = sizeof(g_dhStorage);
-  params.chunkStorage = g_chunkStorage;
-  params.chunkStorageSize = sizeof(g_chunkStorage);
-  params.threadPriority[0] = params.threadPriority[1] = params.threadPriority[2] = -1;
-  return zulKestInitialize(&params);
-}
-
-static char g_dir[] = "/tmp/kest2-archive-XXXXXX";
-
-/* "<temporary directory>/<name>" in a rotating set of buffers. */
-static const char* at(const char* name) {
-  static char paths[4][PATH_MAX_BYTES];
-  static int next = 0;
-  char* path = paths[next++ % 4];
-  snprintf(path, PATH_MAX_BYTES, "%s/%s", g_dir, name);
-  return path;
-}
 
 /* The filters' contexts and memory must stay valid and untouched while the
  * filters are installed.  The dearchiver splits its work buffer into three
@@ -114,15 +81,10 @@ int main(int argc, char** argv) {
     fprintf(stderr, "usage: %s PATH_OF_THE_KEST2_PROGRAM\n", argv[0]);
     return 2;
   }
-  if (mkdtemp(g_dir) == NULL) {
-    perror("mkdtemp");
-    return 1;
-  }
-  int32_t rc = start_library();
-  if (rc != ZUL_KEST_OK) {
-    printf("zulKestInitialize: %s\n", zulKestDebugDumpError(rc, NULL, 0));
-    return 1;
-  }
+  if (example_make_temp_dir("archive") == NULL) return 1;
+  /* 32 operations, 8 file handles, 4 directory handles, 1024 chunks. */
+  if (example_start_library(NULL, 32, 8, 4, 1024) != ZUL_KEST_OK) return 1;
+  int32_t rc;
   int failures = 0;
 
   /* The tree to pack: two files, one in a subdirectory. */
@@ -130,29 +92,29 @@ int main(int argc, char** argv) {
   static char back[TEXTURE_SIZE];
   const char readme[] = "assets packed by kest2";
   make_texture(texture);
-  zulKestDirectoryCreateSync(NULL, at("tree"));
-  zulKestDirectoryCreateSync(NULL, at("tree/textures"));
-  failures += zulKestFileWriteSync(NULL, at("tree/readme.txt"), readme, sizeof(readme) - 1, 0) != sizeof(readme) - 1;
-  failures += zulKestFileWriteSync(NULL, at("tree/textures/wall.txt"), texture, TEXTURE_SIZE, 0) != TEXTURE_SIZE;
+  zulKestDirectoryCreateSync(NULL, example_path("tree"));
+  zulKestDirectoryCreateSync(NULL, example_path("tree/textures"));
+  failures += example_write_file(example_path("tree/readme.txt"), readme, sizeof(readme) - 1);
+  failures += example_write_file(example_path("tree/textures/wall.txt"), texture, TEXTURE_SIZE);
 
   char command[3 * PATH_MAX_BYTES];
-  snprintf(command, sizeof(command), "'%s' pack --block-size 64k '%s' '%s'", argv[1], at("tree"),
-           at("assets.zorba"));
+  snprintf(command, sizeof(command), "'%s' pack --block-size 64k '%s' '%s'", argv[1],
+           example_path("tree"), example_path("assets.zorba"));
   if (system(command) != 0) {
     printf("packing failed: %s\n", command);
     return 1;
   }
-  printf("packed %s into assets.zorba (%lld bytes)\n", at("tree"),
-         (long long)zulKestFileGetSizeSync(NULL, at("assets.zorba")));
+  printf("packed %s into assets.zorba (%lld bytes)\n", example_path("tree"),
+         (long long)zulKestFileGetSizeSync(NULL, example_path("assets.zorba")));
 
   /* The mount point need not exist on disk: paths below it are answered by
    * the dearchiver. */
   char mountPoint[PATH_MAX_BYTES];
-  snprintf(mountPoint, sizeof(mountPoint), "%s", at("assets"));
+  snprintf(mountPoint, sizeof(mountPoint), "%s", example_path("assets"));
   ZulKestFH archive = 0;
   void* mountBuffer = NULL;
   if ((rc = install_filters(mountPoint)) != ZUL_KEST_OK ||
-      (rc = mount(at("assets.zorba"), mountPoint, &archive, &mountBuffer)) != ZUL_KEST_OK) {
+      (rc = mount(example_path("assets.zorba"), mountPoint, &archive, &mountBuffer)) != ZUL_KEST_OK) {
     printf("mounting failed: %s\n", zulKestDebugDumpError(rc, NULL, 0));
     return 1;
   }
@@ -160,12 +122,13 @@ int main(int argc, char** argv) {
 
   /* Archived files read like loose files: whole-file reads, stat, listing. */
   char text[64] = {0};
-  int64_t got = zulKestFileReadSync(NULL, at("assets/readme.txt"), text, sizeof(text) - 1, 0);
+  int64_t got =
+      zulKestFileReadSync(NULL, example_path("assets/readme.txt"), text, sizeof(text) - 1, 0);
   printf("assets/readme.txt: \"%s\"\n", got >= 0 ? text : zulKestDebugDumpError((int32_t)got, NULL, 0));
   failures += strcmp(text, readme) != 0;
 
   ZulKestStat stat;
-  rc = zulKestStatSync(NULL, at("assets/textures/wall.txt"), &stat);
+  rc = zulKestStatSync(NULL, example_path("assets/textures/wall.txt"), &stat);
   printf("assets/textures/wall.txt: %lld bytes\n", rc == ZUL_KEST_OK ? (long long)stat.fileSize : -1LL);
   failures += rc != ZUL_KEST_OK || stat.fileSize != TEXTURE_SIZE;
 
@@ -188,13 +151,13 @@ int main(int argc, char** argv) {
   for (int pass = 1; pass <= 2; ++pass) {
     memset(back, 0, sizeof(back));
     const ZulKestTime start = zulKestTimeGetCurrent();
-    got = read_in_pieces(at("assets/textures/wall.txt"), back, TEXTURE_SIZE);
+    got = read_in_pieces(example_path("assets/textures/wall.txt"), back, TEXTURE_SIZE);
     const int64_t micros = zulKestTimeToNanoseconds(zulKestTimeGetCurrent() - start) / 1000;
     printf("pass %d: read %lld bytes in %lld us, %s\n", pass, (long long)got, (long long)micros,
            got == TEXTURE_SIZE && memcmp(back, texture, TEXTURE_SIZE) == 0 ? "bytes match" : "MISMATCH");
     failures += got != TEXTURE_SIZE || memcmp(back, texture, TEXTURE_SIZE) != 0;
   }
-  rc = zulKestCacheContainsFileSync(at("assets/textures/wall.txt"), NULL);
+  rc = zulKestCacheContainsFileSync(example_path("assets/textures/wall.txt"), NULL);
   printf("inflated texture held by the cache at index %d\n", (int)rc);
   failures += rc != CACHE_INDEX;
 
@@ -207,11 +170,11 @@ int main(int argc, char** argv) {
 
   const char* files[] = {"tree/readme.txt", "tree/textures/wall.txt", "assets.zorba"};
   for (size_t i = 0; i < sizeof(files) / sizeof(files[0]); ++i) {
-    failures += zulKestFileDeleteSync(NULL, at(files[i])) != ZUL_KEST_OK;
+    failures += zulKestFileDeleteSync(NULL, example_path(files[i])) != ZUL_KEST_OK;
   }
-  failures += zulKestDirectoryDeleteSync(NULL, at("tree/textures")) != ZUL_KEST_OK;
-  failures += zulKestDirectoryDeleteSync(NULL, at("tree")) != ZUL_KEST_OK;
-  failures += zulKestDirectoryDeleteSync(NULL, g_dir) != ZUL_KEST_OK;
+  failures += zulKestDirectoryDeleteSync(NULL, example_path("tree/textures")) != ZUL_KEST_OK;
+  failures += zulKestDirectoryDeleteSync(NULL, example_path("tree")) != ZUL_KEST_OK;
+  failures += example_remove_temp_dir();
 
   zulKestTerminate();
   printf("%s\n", failures == 0 ? "archive served every byte" : "FAILED");

@@ -6,41 +6,17 @@
  * polling, a bounded wait, and a completion callback.  The synchronous twins
  * (the *Sync functions) do the set-up, a directory listing and the clean-up.
  * Exits 0 when every byte read matches what was written. */
-#define _POSIX_C_SOURCE 200809L /* mkdtemp */
 #include <stdatomic.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 
+#include "example_support.h"
 #include "kest2.h"
 
-#define PATH_MAX_BYTES 1024
 #define FILE_COUNT 4
 #define FILE_SIZE (256 * 1024)
 #define PIECE (64 * 1024)
 #define MILLISECONDS(n) zulKestTimeFromNanoseconds((int64_t)(n) * 1000000)
-
-static uint64_t g_opStorage[ZUL_KEST_STORAGE_SIZE(64, ZUL_KEST_OP_UNIT_SIZE(PATH_MAX_BYTES)) / 8];
-static uint64_t g_fhStorage[ZUL_KEST_STORAGE_SIZE(16, ZUL_KEST_FH_UNIT_SIZE(PATH_MAX_BYTES)) / 8];
-static uint64_t g_dhStorage[ZUL_KEST_STORAGE_SIZE(4, ZUL_KEST_DH_UNIT_SIZE(PATH_MAX_BYTES)) / 8];
-static uint64_t g_chunkStorage[ZUL_KEST_STORAGE_SIZE(1024, ZUL_KEST_CHUNK_UNIT_SIZE) / 8];
-
-static int start_library(void) {
-  ZulKestParams params;
-  memset(&params, 0, sizeof(params));
-  params.header = ZUL_KEST_PARAMS_HEADER(PATH_MAX_BYTES);
-  params.opStorage = g_opStorage;
-  params.opStorageSize = sizeof(g_opStorage);
-  params.fhStorage = g_fhStorage;
-  params.fhStorageSize = sizeof(g_fhStorage);
-  params.dhStorage = g_dhStorage;
-  params.dhStorageSize = sizeof(g_dhStorage);
-  params.chunkStorage = g_chunkStorage;
-  params.chunkStorageSize = sizeof(g_chunkStorage);
-  params.ioThreadCount = 2;
-  params.threadPriority[0] = params.threadPriority[1] = params.threadPriority[2] = -1;
-  return zulKestInitialize(&params);
-}
 
 /* The byte at `offset` of file `index`: every file and offset differs, so a
  * piece read from the wrong place is noticed. */
@@ -74,16 +50,15 @@ static int32_t on_event(void* pCallbackContext, ZulKestOp op, uint8_t event, int
 }
 
 int main(void) {
-  char dir[] = "/tmp/kest2-async-XXXXXX";
-  if (mkdtemp(dir) == NULL) {
-    perror("mkdtemp");
-    return 1;
-  }
-  int32_t rc = start_library();
-  if (rc != ZUL_KEST_OK) {
-    printf("zulKestInitialize: %s\n", zulKestDebugDumpError(rc, NULL, 0));
-    return 1;
-  }
+  const char* dir = example_make_temp_dir("async");
+  if (dir == NULL) return 1;
+  /* Two I/O threads instead of the default one serve the reads in flight. */
+  ZulKestParams params;
+  memset(&params, 0, sizeof(params));
+  params.ioThreadCount = 2;
+  /* 64 operations, 16 file handles, 4 directory handles, 1024 chunks. */
+  int32_t rc = example_start_library(&params, 64, 16, 4, 1024);
+  if (rc != ZUL_KEST_OK) return 1;
   int failures = 0;
   char paths[FILE_COUNT][PATH_MAX_BYTES];
   static uint8_t bytes[FILE_SIZE];
@@ -93,7 +68,7 @@ int main(void) {
   for (int f = 0; f < FILE_COUNT; ++f) {
     snprintf(paths[f], sizeof(paths[f]), "%s/level%d.dat", dir, f);
     for (int64_t i = 0; i < FILE_SIZE; ++i) bytes[i] = pattern(f, i);
-    if (zulKestFileWriteSync(NULL, paths[f], bytes, FILE_SIZE, 0) != FILE_SIZE) ++failures;
+    failures += example_write_file(paths[f], bytes, FILE_SIZE);
   }
   printf("wrote %d files of %d KiB into %s\n", FILE_COUNT, FILE_SIZE / 1024, dir);
 
@@ -205,7 +180,7 @@ int main(void) {
   for (int f = 0; f < FILE_COUNT; ++f) {
     if (zulKestFileDeleteSync(NULL, paths[f]) != ZUL_KEST_OK) ++failures;
   }
-  if (zulKestDirectoryDeleteSync(NULL, dir) != ZUL_KEST_OK) ++failures;
+  failures += example_remove_temp_dir();
 
   zulKestTerminate();
   printf("%s\n", failures == 0 ? "all reads matched" : "FAILED");

@@ -7,37 +7,14 @@
  * installation, once per new operation's chunk tree, for cache queries,
  * when asked to describe itself, and once at removal.  Exits 0 when the
  * counts are as expected. */
-#define _POSIX_C_SOURCE 200809L /* mkdtemp */
 #include <stdatomic.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 
+#include "example_support.h"
 #include "kest2.h"
 
-#define PATH_MAX_BYTES 1024
 #define FILTER_INDEX 0
-
-static uint64_t g_opStorage[ZUL_KEST_STORAGE_SIZE(32, ZUL_KEST_OP_UNIT_SIZE(PATH_MAX_BYTES)) / 8];
-static uint64_t g_fhStorage[ZUL_KEST_STORAGE_SIZE(8, ZUL_KEST_FH_UNIT_SIZE(PATH_MAX_BYTES)) / 8];
-static uint64_t g_dhStorage[ZUL_KEST_STORAGE_SIZE(2, ZUL_KEST_DH_UNIT_SIZE(PATH_MAX_BYTES)) / 8];
-static uint64_t g_chunkStorage[ZUL_KEST_STORAGE_SIZE(512, ZUL_KEST_CHUNK_UNIT_SIZE) / 8];
-
-static int start_library(void) {
-  ZulKestParams params;
-  memset(&params, 0, sizeof(params));
-  params.header = ZUL_KEST_PARAMS_HEADER(PATH_MAX_BYTES);
-  params.opStorage = g_opStorage;
-  params.opStorageSize = sizeof(g_opStorage);
-  params.fhStorage = g_fhStorage;
-  params.fhStorageSize = sizeof(g_fhStorage);
-  params.dhStorage = g_dhStorage;
-  params.dhStorageSize = sizeof(g_dhStorage);
-  params.chunkStorage = g_chunkStorage;
-  params.chunkStorageSize = sizeof(g_chunkStorage);
-  params.threadPriority[0] = params.threadPriority[1] = params.threadPriority[2] = -1;
-  return zulKestInitialize(&params);
-}
 
 /* The filter's context.  The library only hands the pointer back; it must
  * stay valid while the filter is installed.  The filter may run on several
@@ -92,26 +69,18 @@ static int32_t counting_filter(void* pFilterContext, int32_t event, void* pArgum
 }
 
 int main(void) {
-  char dir[] = "/tmp/kest2-filter-XXXXXX";
-  if (mkdtemp(dir) == NULL) {
-    perror("mkdtemp");
-    return 1;
-  }
-  int32_t rc = start_library();
-  if (rc != ZUL_KEST_OK) {
-    printf("zulKestInitialize: %s\n", zulKestDebugDumpError(rc, NULL, 0));
-    return 1;
-  }
+  if (example_make_temp_dir("filter") == NULL) return 1;
+  /* 32 operations, 8 file handles, 2 directory handles, 512 chunks. */
+  if (example_start_library(NULL, 32, 8, 2, 512) != ZUL_KEST_OK) return 1;
   int failures = 0;
 
   static CountingFilter filter = {"counting filter", 0, 0, 0, 0, 0};
-  rc = zulKestIOFilterAdd(FILTER_INDEX, counting_filter, &filter);
+  int32_t rc = zulKestIOFilterAdd(FILTER_INDEX, counting_filter, &filter);
   printf("installed at index %d: %s\n", FILTER_INDEX, zulKestDebugDumpError(rc, NULL, 0));
   if (rc != ZUL_KEST_OK) return 1;
 
   /* Seven requests, each one operation whose chunk tree the filter sees. */
-  char path[PATH_MAX_BYTES];
-  snprintf(path, sizeof(path), "%s/notes.txt", dir);
+  const char* path = example_path("notes.txt");
   const char text[] = "filters see every operation first";
   char back[sizeof(text)] = {0};
   ZulKestFH fh = 0;
@@ -147,7 +116,7 @@ int main(void) {
 
   failures += zulKestFileDeleteSync(NULL, path) != ZUL_KEST_OK;
   ++requests;
-  failures += zulKestDirectoryDeleteSync(NULL, dir) != ZUL_KEST_OK;
+  failures += example_remove_temp_dir();
   ++requests;
 
   /* Removal clears the slot, then sends TERMINATE. */

@@ -5,21 +5,13 @@
  * native call, dumps operations, handles, dates and error codes, and prints
  * the storage statistics and a table of time stamps.  Exits 0 when the hooks
  * saw what the requests did. */
-#define _POSIX_C_SOURCE 200809L /* mkdtemp */
 #include <stdarg.h>
 #include <stdatomic.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 
+#include "example_support.h"
 #include "kest2.h"
-
-#define PATH_MAX_BYTES 1024
-
-static uint64_t g_opStorage[ZUL_KEST_STORAGE_SIZE(32, ZUL_KEST_OP_UNIT_SIZE(PATH_MAX_BYTES)) / 8];
-static uint64_t g_fhStorage[ZUL_KEST_STORAGE_SIZE(8, ZUL_KEST_FH_UNIT_SIZE(PATH_MAX_BYTES)) / 8];
-static uint64_t g_dhStorage[ZUL_KEST_STORAGE_SIZE(2, ZUL_KEST_DH_UNIT_SIZE(PATH_MAX_BYTES)) / 8];
-static uint64_t g_chunkStorage[ZUL_KEST_STORAGE_SIZE(512, ZUL_KEST_CHUNK_UNIT_SIZE) / 8];
 
 /* Print hook: every line the library writes (traces, warnings, reports)
  * arrives here instead of on standard output.  It may be called from any
@@ -45,23 +37,15 @@ static void event_hook(const ZulKestIOEvent* pEvent) {
   }
 }
 
-static int start_library(void) {
+/* Both hooks are fields of the parameters given to zulKestInitialize. */
+static int32_t start_library(void) {
   ZulKestParams params;
   memset(&params, 0, sizeof(params));
-  params.header = ZUL_KEST_PARAMS_HEADER(PATH_MAX_BYTES);
-  params.opStorage = g_opStorage;
-  params.opStorageSize = sizeof(g_opStorage);
-  params.fhStorage = g_fhStorage;
-  params.fhStorageSize = sizeof(g_fhStorage);
-  params.dhStorage = g_dhStorage;
-  params.dhStorageSize = sizeof(g_dhStorage);
-  params.chunkStorage = g_chunkStorage;
-  params.chunkStorageSize = sizeof(g_chunkStorage);
-  params.threadPriority[0] = params.threadPriority[1] = params.threadPriority[2] = -1;
   params.debugFlags = 0; /* no trace at first */
   params.pVprintf = print_hook;
   params.pEventCallback = event_hook;
-  return zulKestInitialize(&params);
+  /* 32 operations, 8 file handles, 2 directory handles, 512 chunks. */
+  return example_start_library(&params, 32, 8, 2, 512);
 }
 
 /* Trace modules can be switched while the library runs: take the active
@@ -75,19 +59,9 @@ static void set_trace(uint32_t debugFlags) {
 }
 
 int main(void) {
-  char dir[] = "/tmp/kest2-diag-XXXXXX";
-  if (mkdtemp(dir) == NULL) {
-    perror("mkdtemp");
-    return 1;
-  }
-  int32_t rc = start_library();
-  if (rc != ZUL_KEST_OK) {
-    printf("zulKestInitialize: %s\n", zulKestDebugDumpError(rc, NULL, 0));
-    return 1;
-  }
+  if (example_make_temp_dir("diag") == NULL || start_library() != ZUL_KEST_OK) return 1;
   int failures = 0;
-  char path[PATH_MAX_BYTES];
-  snprintf(path, sizeof(path), "%s/log.txt", dir);
+  const char* path = example_path("log.txt");
   const char text[] = "diagnostics example";
   zulKestSaveTimeStamp("start", 0); /* the tag must live until printed */
 
@@ -110,7 +84,7 @@ int main(void) {
   }
   char buffer[64];
   ZulKestOp op = zulKestFHPread(NULL, fh, buffer, sizeof(buffer), 0);
-  rc = zulKestOpWait(op);
+  const int32_t rc = zulKestOpWait(op);
   printf("file handle: %s\n", zulKestDebugDumpFH(fh, NULL, 0));
   printf("operation:   %s\n", zulKestDebugDumpOp(op, NULL, 0));
   printf("its result:  %s\n", zulKestDebugDumpError(rc, NULL, 0));
@@ -134,7 +108,7 @@ int main(void) {
   zulKestStatisticsPrint(); /* the same as text, through the print hook */
 
   failures += zulKestFileDeleteSync(NULL, path) != ZUL_KEST_OK;
-  failures += zulKestDirectoryDeleteSync(NULL, dir) != ZUL_KEST_OK;
+  failures += example_remove_temp_dir();
   zulKestSaveTimeStamp("cleaned up", 0);
   zulKestPrintTimeStamps(); /* a table with absolute and delta times, then cleared */
 

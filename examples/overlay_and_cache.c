@@ -6,61 +6,29 @@
  * base/ paths while the library picks the right layer.  Then a RAM cache
  * keeps blocks of a data file in memory the program owns.  Exits 0 when
  * every read returns the expected layer and the cache holds what it should. */
-#define _POSIX_C_SOURCE 200809L /* mkdtemp, utimensat */
+#define _POSIX_C_SOURCE 200809L /* utimensat */
 #include <fcntl.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <time.h>
 
+#include "example_support.h"
 #include "kest2.h"
 
-#define PATH_MAX_BYTES 1024
-
-static uint64_t g_opStorage[ZUL_KEST_STORAGE_SIZE(32, ZUL_KEST_OP_UNIT_SIZE(PATH_MAX_BYTES)) / 8];
-static uint64_t g_fhStorage[ZUL_KEST_STORAGE_SIZE(8, ZUL_KEST_FH_UNIT_SIZE(PATH_MAX_BYTES)) / 8];
-static uint64_t g_dhStorage[ZUL_KEST_STORAGE_SIZE(4, ZUL_KEST_DH_UNIT_SIZE(PATH_MAX_BYTES)) / 8];
-static uint64_t g_chunkStorage[ZUL_KEST_STORAGE_SIZE(1024, ZUL_KEST_CHUNK_UNIT_SIZE) / 8];
-
-static int start_library(void) {
-  ZulKestParams params;
-  memset(&params, 0, sizeof(params));
-  params.header = ZUL_KEST_PARAMS_HEADER(PATH_MAX_BYTES);
-  params.opStorage = g_opStorage;
-  params.opStorageSize = sizeof(g_opStorage);
-  params.fhStorage = g_fhStorage;
-  params.fhStorageSize = sizeof(g_fhStorage);
-  params.dhStorage = g_dhStorage;
-  params.dhStorageSize = sizeof(g_dhStorage);
-  params.chunkStorage = g_chunkStorage;
-  params.chunkStorageSize = sizeof(g_chunkStorage);
-  params.threadPriority[0] = params.threadPriority[1] = params.threadPriority[2] = -1;
-  return zulKestInitialize(&params);
-}
-
-static char g_dir[] = "/tmp/kest2-overlay-XXXXXX";
+static const char* g_dir; /* the temporary directory */
 static int g_failures = 0;
 
-/* "<temporary directory>/<name>" in a rotating set of buffers. */
-static const char* at(const char* name) {
-  static char paths[4][PATH_MAX_BYTES];
-  static int next = 0;
-  char* path = paths[next++ % 4];
-  snprintf(path, PATH_MAX_BYTES, "%s/%s", g_dir, name);
-  return path;
-}
-
 static void write_text(const char* name, const char* text) {
-  const int64_t length = (int64_t)strlen(text);
-  if (zulKestFileWriteSync(NULL, at(name), text, length, 0) != length) ++g_failures;
+  g_failures += example_write_file(example_path(name), text, (int64_t)strlen(text));
 }
 
 /* Reads `name` through the library and compares it with `expected` (NULL:
  * the read must fail). */
 static void expect_text(const char* name, const char* expected) {
   char text[64] = {0};
-  const int64_t got = zulKestFileReadSync(NULL, at(name), text, (int64_t)sizeof(text) - 1, 0);
+  const int64_t got =
+      zulKestFileReadSync(NULL, example_path(name), text, (int64_t)sizeof(text) - 1, 0);
   printf("  %-16s -> %s\n", name, got >= 0 ? text : zulKestDebugDumpError((int32_t)got, NULL, 0));
   if (expected == NULL ? got >= 0 : got < 0 || strcmp(text, expected) != 0) ++g_failures;
 }
@@ -70,13 +38,13 @@ static void make_old(const char* name) {
   struct timespec times[2];
   times[0].tv_sec = times[1].tv_sec = time(NULL) - 3600;
   times[0].tv_nsec = times[1].tv_nsec = 0;
-  if (utimensat(AT_FDCWD, at(name), times, 0) != 0) ++g_failures;
+  if (utimensat(AT_FDCWD, example_path(name), times, 0) != 0) ++g_failures;
 }
 
 static void overlays(void) {
-  zulKestDirectoryCreateSync(NULL, at("base"));
-  zulKestDirectoryCreateSync(NULL, at("patch"));
-  zulKestDirectoryCreateSync(NULL, at("saves"));
+  zulKestDirectoryCreateSync(NULL, example_path("base"));
+  zulKestDirectoryCreateSync(NULL, example_path("patch"));
+  zulKestDirectoryCreateSync(NULL, example_path("saves"));
   write_text("base/config.txt", "shipped config");
   write_text("base/music.txt", "shipped music");
   write_text("patch/config.txt", "patched config");
@@ -87,8 +55,8 @@ static void overlays(void) {
   memset(&patch, 0, sizeof(patch));
   patch.type = ZUL_KEST_OVERLAY_TYPE_TRANSLUCENT;
   patch.order = 10; /* lower orders are applied first */
-  snprintf(patch.dst, sizeof(patch.dst), "%s", at("base")); /* the overlaid path */
-  snprintf(patch.src, sizeof(patch.src), "%s", at("patch")); /* what takes its place */
+  snprintf(patch.dst, sizeof(patch.dst), "%s", example_path("base")); /* the overlaid path */
+  snprintf(patch.src, sizeof(patch.src), "%s", example_path("patch")); /* what takes its place */
   int32_t patchId = 0;
   if (zulKestOverlayAdd(&patch, &patchId) != ZUL_KEST_OK) ++g_failures;
   printf("translucent patch over base (overlay id %d):\n", (int)patchId);
@@ -101,7 +69,8 @@ static void overlays(void) {
   ZulKestDH dh;
   ZulKestDirEntry entry;
   int names = 0;
-  if (zulKestDHOpenSync(NULL, &dh, at("base"), listingBuffer, sizeof(listingBuffer)) == ZUL_KEST_OK) {
+  if (zulKestDHOpenSync(NULL, &dh, example_path("base"), listingBuffer, sizeof(listingBuffer)) ==
+      ZUL_KEST_OK) {
     while (zulKestDHReadSync(NULL, dh, &entry) == ZUL_KEST_OK) ++names;
     zulKestDHCloseSync(NULL, dh);
   }
@@ -127,28 +96,31 @@ static void overlays(void) {
   ZulKestOverlay saves;
   memset(&saves, 0, sizeof(saves));
   saves.type = ZUL_KEST_OVERLAY_TYPE_WRITABLE;
-  snprintf(saves.dst, sizeof(saves.dst), "%s", at("base"));
-  snprintf(saves.src, sizeof(saves.src), "%s", at("saves"));
+  snprintf(saves.dst, sizeof(saves.dst), "%s", example_path("base"));
+  snprintf(saves.src, sizeof(saves.src), "%s", example_path("saves"));
   int32_t savesId = 0;
   if (zulKestOverlayAdd(&saves, &savesId) != ZUL_KEST_OK) ++g_failures;
   write_text("base/slot1.sav", "player at level 3");
   char where[PATH_MAX_BYTES];
-  zulKestOverlayResolveSync(1, at("base/slot1.sav"), where, sizeof(where));
+  zulKestOverlayResolveSync(1, example_path("base/slot1.sav"), where, sizeof(where));
   printf("writable: base/slot1.sav is written to %s\n", where + strlen(g_dir) + 1);
   expect_text("base/slot1.sav", "player at level 3");
   expect_text("base/music.txt", "shipped music");
   if (zulKestOverlayRemove(savesId) != ZUL_KEST_OK) ++g_failures;
   /* Without overlays the save is only in saves/. */
-  if (zulKestFileExistsSync(NULL, at("base/slot1.sav")) || !zulKestFileExistsSync(NULL, at("saves/slot1.sav"))) {
+  if (zulKestFileExistsSync(NULL, example_path("base/slot1.sav")) ||
+      !zulKestFileExistsSync(NULL, example_path("saves/slot1.sav"))) {
     ++g_failures;
   }
 
   const char* files[] = {"base/config.txt", "base/music.txt", "patch/config.txt", "patch/new_level.txt",
                          "saves/slot1.sav"};
-  for (size_t i = 0; i < sizeof(files) / sizeof(files[0]); ++i) zulKestFileDeleteSync(NULL, at(files[i]));
-  zulKestDirectoryDeleteSync(NULL, at("base"));
-  zulKestDirectoryDeleteSync(NULL, at("patch"));
-  zulKestDirectoryDeleteSync(NULL, at("saves"));
+  for (size_t i = 0; i < sizeof(files) / sizeof(files[0]); ++i) {
+    zulKestFileDeleteSync(NULL, example_path(files[i]));
+  }
+  zulKestDirectoryDeleteSync(NULL, example_path("base"));
+  zulKestDirectoryDeleteSync(NULL, example_path("patch"));
+  zulKestDirectoryDeleteSync(NULL, example_path("saves"));
 }
 
 /* The cache's context and memory: both must stay valid and untouched while
@@ -162,7 +134,7 @@ static uint64_t g_cacheMemory[(1024 * 1024) / 8]; /* about 15 blocks of 64 KiB *
 static void ram_cache(void) {
   static uint8_t data[DATA_SIZE];
   for (int i = 0; i < DATA_SIZE; ++i) data[i] = (uint8_t)(i % 253);
-  if (zulKestFileWriteSync(NULL, at("data.bin"), data, DATA_SIZE, 0) != DATA_SIZE) ++g_failures;
+  g_failures += example_write_file(example_path("data.bin"), data, DATA_SIZE);
 
   /* Blocks larger than the reads: a read that misses fills the block that
    * holds its last byte, and the next reads of that block are hits. */
@@ -181,7 +153,7 @@ static void ram_cache(void) {
   /* Only reads through an open handle use the cache. */
   ZulKestFH fh;
   static uint8_t piece[READ_SIZE];
-  if (zulKestFHOpenSync(NULL, &fh, at("data.bin"), NULL) != ZUL_KEST_OK) {
+  if (zulKestFHOpenSync(NULL, &fh, example_path("data.bin"), NULL) != ZUL_KEST_OK) {
     ++g_failures;
     return;
   }
@@ -194,8 +166,9 @@ static void ram_cache(void) {
   }
   /* The contains queries answer with the index of the cache that holds the
    * range, or ZUL_KEST_ERROR_BAD_INDEX when no cache holds all of it. */
-  const int32_t first = zulKestCacheContainsFileRangeSync(at("data.bin"), 0, CACHE_BLOCK);
-  const int32_t second = zulKestCacheContainsFileRangeSync(at("data.bin"), CACHE_BLOCK, 1);
+  const int32_t first = zulKestCacheContainsFileRangeSync(example_path("data.bin"), 0, CACHE_BLOCK);
+  const int32_t second =
+      zulKestCacheContainsFileRangeSync(example_path("data.bin"), CACHE_BLOCK, 1);
   printf("  after 4 reads of 16 KiB: block 0 %s, block 1 %s\n", first >= 0 ? "cached" : "not cached",
          second >= 0 ? "cached" : "not cached");
   if (first != 0 || second != ZUL_KEST_ERROR_BAD_INDEX) ++g_failures;
@@ -203,7 +176,7 @@ static void ram_cache(void) {
   /* Prefetch fills the cache ahead of need, here the rest of the file. */
   zulKestCachePrefetchFHRangeSync(NULL, fh, CACHE_BLOCK, DATA_SIZE - CACHE_BLOCK);
   int64_t cachedSize = 0;
-  rc = zulKestCacheContainsFileSync(at("data.bin"), &cachedSize);
+  rc = zulKestCacheContainsFileSync(example_path("data.bin"), &cachedSize);
   printf("  after prefetching the rest: whole file %s (%lld bytes)\n", rc >= 0 ? "cached" : "not cached",
          (long long)cachedSize);
   if (rc != 0 || cachedSize != DATA_SIZE) ++g_failures;
@@ -217,30 +190,25 @@ static void ram_cache(void) {
   /* Hits and misses of each cache are part of the statistics report. */
   zulKestStatisticsPrint();
 
-  zulKestCacheFlushFileSync(at("data.bin"));
-  rc = zulKestCacheContainsFileRangeSync(at("data.bin"), 0, 1);
+  zulKestCacheFlushFileSync(example_path("data.bin"));
+  rc = zulKestCacheContainsFileRangeSync(example_path("data.bin"), 0, 1);
   printf("  after a flush: block 0 %s\n", rc >= 0 ? "cached" : "not cached");
   if (rc != ZUL_KEST_ERROR_BAD_INDEX) ++g_failures;
 
   zulKestFHCloseSync(NULL, fh);
   /* Remove the filter before its memory goes away. */
   if (zulKestIOFilterRemove(0) != ZUL_KEST_OK) ++g_failures;
-  zulKestFileDeleteSync(NULL, at("data.bin"));
+  zulKestFileDeleteSync(NULL, example_path("data.bin"));
 }
 
 int main(void) {
-  if (mkdtemp(g_dir) == NULL) {
-    perror("mkdtemp");
-    return 1;
-  }
-  int32_t rc = start_library();
-  if (rc != ZUL_KEST_OK) {
-    printf("zulKestInitialize: %s\n", zulKestDebugDumpError(rc, NULL, 0));
-    return 1;
-  }
+  g_dir = example_make_temp_dir("overlay");
+  if (g_dir == NULL) return 1;
+  /* 32 operations, 8 file handles, 4 directory handles, 1024 chunks. */
+  if (example_start_library(NULL, 32, 8, 4, 1024) != ZUL_KEST_OK) return 1;
   overlays();
   ram_cache();
-  if (zulKestDirectoryDeleteSync(NULL, g_dir) != ZUL_KEST_OK) ++g_failures;
+  g_failures += example_remove_temp_dir();
   zulKestTerminate();
   printf("%s\n", g_failures == 0 ? "overlays and cache behaved as expected" : "FAILED");
   return g_failures == 0 ? 0 : 1;
