@@ -223,17 +223,20 @@ bool Matches(const CacheHeader* cache, ChunkID id) {
   return matched;
 }
 
+bool MatchesPath(const CacheHeader* cache, const StoredPath* path) {
+  CacheReadLock();
+  const bool matched = MatchPathToCache(cache, GetPath(path));
+  CacheReadUnlock();
+  return matched;
+}
+
 // A rename also makes whatever this cache holds under the new name stale.
 void PurgeRenameTarget(CacheHeader* cache, ChunkID id) {
   const char* newPath = ChunkRecord<ChunkRenameRecord>(id)->newPath;
   if (newPath == nullptr) return;
   alignas(8) uint8_t storage[StoredPathSize(kDefaultPathMax)];
   StoredPath* path = reinterpret_cast<StoredPath*>(storage);
-  if (!SetPath(path, newPath, false)) return;
-  CacheReadLock();
-  const bool matched = MatchPathToCache(cache, GetPath(path));
-  CacheReadUnlock();
-  if (matched) CacheFlush(cache, path->digest, 0, INT64_MAX);
+  if (SetPath(path, newPath, false) && MatchesPath(cache, path)) CacheFlush(cache, path->digest, 0, INT64_MAX);
 }
 
 FilterOutcome FilterChunk(void* argument, ChunkID id, ChunkID* replacement) {
@@ -286,10 +289,7 @@ bool OwnRange(CacheHeader* cache, const ZulKestIOFilterRange* range, StoredPath*
     *error = resolved;
     return false;
   }
-  CacheReadLock();
-  const bool matched = MatchPathToCache(cache, GetPath(path));
-  CacheReadUnlock();
-  return matched;
+  return MatchesPath(cache, path);
 }
 
 }  // namespace

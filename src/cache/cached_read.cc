@@ -578,6 +578,20 @@ ChunkID BuildFill(CacheHeader* cache, ZulKestRamCacheContext* context, uint32_t 
   return fill;
 }
 
+// The fill callback C ("CallbackHandler") linked above the fill's root, or
+// CHUNKID_INVALID with nothing left allocated.
+ChunkID NewFillCallback(FillRecord* fill, ChunkID fillRoot) {
+  const ChunkID callback = AllocateChunk(CHUNK_CALLBACK);
+  if (callback == CHUNKID_INVALID) return callback;
+  ChunkCallbackRecord* record = ChunkRecord<ChunkCallbackRecord>(callback);
+  record->callback = CallbackHandler;
+  record->context = fill;
+  ChunkLocker lock;
+  if (LinkChunks(callback, fillRoot)) return callback;
+  DeallocateChunk(callback);
+  return CHUNKID_INVALID;
+}
+
 // Marks the victim busy with its fill callback and takes the fill's
 // reference.  REQUIRES: write lock.
 void StartFill(CacheHeader* cache, int32_t victim, ChunkID callback) {
@@ -617,14 +631,11 @@ void FillTail(ReadRewrite* rw, const Tail& tail, bool* fillMade, FillRecord** fi
   ChunkID fillCallback;
   if (!rw->deferred()) {
     fill->tailDestination = static_cast<uint8_t*>(rw->io->buffer) + (tail.offsetInBuffer - rw->frontBytes);
-    fillCallback = AllocateChunk(CHUNK_CALLBACK);
-    bool linked = false;
-    if (fillCallback != CHUNKID_INVALID) {
-      ChunkCallbackRecord* record = ChunkRecord<ChunkCallbackRecord>(fillCallback);
-      record->callback = CallbackHandler;
-      record->context = fill;
+    fillCallback = NewFillCallback(fill, fillRoot);
+    bool linked = fillCallback != CHUNKID_INVALID;
+    if (linked) {
       ChunkLocker lock;
-      linked = LinkChunks(fillCallback, fillRoot) && LinkChunks(rw->read, fillCallback);
+      linked = LinkChunks(rw->read, fillCallback);
       if (!linked) {
         UnlinkChunks(fillCallback, fillRoot);
         DeallocateChunk(fillCallback);
@@ -808,20 +819,10 @@ ChunkID StartPrefetchFill(CacheHeader* cache, uint32_t h, int64_t blockOffset, i
       FillRecord* fill = nullptr;
       const ChunkID fillRoot = BuildFill(cache, nullptr, h, file->path.digest, fileSize, blockOffset, victim, &fill,
                                          CHUNKID_INVALID);
-      if (fillRoot != CHUNKID_INVALID) callback = AllocateChunk(CHUNK_CALLBACK);
+      if (fillRoot != CHUNKID_INVALID) callback = NewFillCallback(fill, fillRoot);
       if (callback != CHUNKID_INVALID) {
-        ChunkCallbackRecord* record = ChunkRecord<ChunkCallbackRecord>(callback);
-        record->callback = CallbackHandler;
-        record->context = fill;
-        ChunkLocker lock;
-        if (LinkChunks(callback, fillRoot)) {
-          StartFill(cache, victim, callback);
-        } else {
-          DeallocateChunk(callback);
-          callback = CHUNKID_INVALID;
-        }
-      }
-      if (callback == CHUNKID_INVALID) {
+        StartFill(cache, victim, callback);
+      } else {
         if (fillRoot != CHUNKID_INVALID) DeallocateTree(fillRoot);
         ClearBlock(cache, victim);
         *noVictim = true;  // out of chunks: stop as if the cache were full
