@@ -4,7 +4,8 @@
 # (CI sets it so a fresh machine always gets a current package list).
 set -euo pipefail
 
-PACKAGES=(cmake ninja-build g++ clang pkg-config zlib1g-dev libgtest-dev libgmock-dev)
+# gdb prints the stacks of a test that hangs (tests/test_watchdog.cc).
+PACKAGES=(cmake ninja-build g++ clang pkg-config zlib1g-dev libgtest-dev libgmock-dev gdb)
 
 missing=()
 for p in "${PACKAGES[@]}"; do

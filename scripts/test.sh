@@ -17,7 +17,9 @@ run_suite() {
   cmake -S . -B "$dir" -G Ninja -DKEST2_BUILD_BENCHMARKS=OFF "$@"
   cmake --build "$dir" -j "$JOBS"
   echo "=== ${dir}: tests ==="
-  ctest --test-dir "$dir" --output-on-failure -j "$JOBS"
+  # The tests watch themselves for hangs (tests/test_watchdog.cc); the
+  # timeout covers the programs CTest runs directly.
+  ctest --test-dir "$dir" --output-on-failure -j "$JOBS" --timeout 900
 }
 
 run_suite build -DCMAKE_BUILD_TYPE=RelWithDebInfo
