@@ -104,9 +104,7 @@ void RemoveAt(Scheduler* scheduler, uint64_t index, ChunkID id) {
     ChunkLocker lock;
     ChangeFlags(id, kChunkExecuting, 0);
   }
-  __atomic_add_fetch(&scheduler->activeThreads, 1, __ATOMIC_ACQ_REL);
-  const int32_t result = ExecuteChunk(scheduler, id, false);
-  __atomic_sub_fetch(&scheduler->activeThreads, 1, __ATOMIC_ACQ_REL);
+  const int32_t result = ExecuteChunkOutsideThreads(scheduler, id, false);
   if (result != ZUL_KEST_OK && result != ZUL_KEST_ERROR_CANCELLED) {
     zulKestPrintf("KEST2 WARNING: Unexpected return from Execute during cancel: %ld\n",
                   static_cast<long>(result));
@@ -208,14 +206,12 @@ bool AddToSchedule(Scheduler* scheduler, ChunkID id, uint32_t opflags, bool fast
         scheduler->m_queueCount == 0 &&
         __atomic_load_n(&scheduler->activeThreads, __ATOMIC_ACQUIRE) < scheduler->threadCount;
     if ((quickStep || threadFree) && DeferChunk(id, false)) {
-      __atomic_add_fetch(&scheduler->activeThreads, 1, __ATOMIC_ACQ_REL);
       KEST2_TRACE(kTraceSched, "AddToSchedule", "fast-path chunk %d", id);
       {
         ChunkLocker lock;
         ChangeFlags(id, kChunkExecuting, 0);
       }
-      ranNow = ExecuteChunk(scheduler, id, true) == ZUL_KEST_OK;
-      __atomic_sub_fetch(&scheduler->activeThreads, 1, __ATOMIC_ACQ_REL);
+      ranNow = ExecuteChunkOutsideThreads(scheduler, id, true) == ZUL_KEST_OK;
     }
   }
 
@@ -233,7 +229,8 @@ bool AddToSchedule(Scheduler* scheduler, ChunkID id, uint32_t opflags, bool fast
     InsertIntoQueue(scheduler, index, id);
   }
 
-  if (scheduler->m_queueCount != 0) {
+  // A chunk that ran here woke the threads already (and may be gone).
+  if (!ranNow && scheduler->m_queueCount != 0) {
     const int32_t active = __atomic_load_n(&scheduler->activeThreads, __ATOMIC_ACQUIRE);
     if (scheduler == CallbackScheduler()) {
       CondBroadcast(&scheduler->wakeup);

@@ -158,6 +158,12 @@ Scheduler* AllOtherScheduler();
 // is released while the chunk executes.  0, or ZUL_KEST_ERROR_RETRY when the
 // chunk was busy and has been put back.
 int32_t ExecuteChunk(Scheduler* scheduler, ChunkID id, bool fastPath);
+// ExecuteChunk on a thread that is not one of the scheduler's own (the
+// caller's fast path, a cancel): counted as active while it runs, and the
+// scheduler's threads are woken afterwards, since one of them may have gone
+// to sleep on a queued chunk because this execution filled the last slot.
+// REQUIRES: scheduler mutex held.
+int32_t ExecuteChunkOutsideThreads(Scheduler* scheduler, ChunkID id, bool fastPath);
 // Wakes a scheduler's threads when its queue is not empty: something its
 // chunks wait for may have changed.
 void Kick(Scheduler* scheduler);

@@ -485,6 +485,14 @@ int32_t ExecuteChunk(Scheduler* scheduler, ChunkID id, bool fastPath) {
   return ZUL_KEST_OK;
 }
 
+int32_t ExecuteChunkOutsideThreads(Scheduler* scheduler, ChunkID id, bool fastPath) {
+  __atomic_add_fetch(&scheduler->activeThreads, 1, __ATOMIC_ACQ_REL);
+  const int32_t result = ExecuteChunk(scheduler, id, fastPath);
+  __atomic_sub_fetch(&scheduler->activeThreads, 1, __ATOMIC_ACQ_REL);
+  if (scheduler->m_queueCount != 0) CondBroadcast(&scheduler->wakeup);
+  return result;
+}
+
 void Kick(Scheduler* scheduler) {
   MutexLock(&scheduler->mutex);
   if (!scheduler->shuttingDown) {

@@ -157,6 +157,48 @@ TEST_F(SchedulerTest, FastPathRunsASingleStepRequestOnTheCallersThread) {
   EXPECT_EQ(g_completionThreads[1], "ZulKestCallback");
 }
 
+// Chunks run on callers' threads (the fast path, cancels) count as active
+// while they run, so the I/O thread may go to sleep beside a queued chunk;
+// the end of such an execution must wake it, or the queued read waits
+// forever.
+TEST_F(SchedulerTest, ExecutionsOnCallersThreadsNeverStrandQueuedWork) {
+  kest2_test::TempDir dir;
+  const std::string path = dir.path() + "/data";
+  std::ofstream(path) << std::string(65536, 'q');
+  ZulKestFH fh = 0;
+  ASSERT_EQ(zulKestOpSyncWait(zulKestFHOpen(nullptr, &fh, path.c_str(), nullptr)), ZUL_KEST_OK);
+
+  std::atomic<int> stranded{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      ZulKestOpAttr queued, fast;
+      zulKestGetDefaultOpAttr(&queued);
+      zulKestGetDefaultOpAttr(&fast);
+      queued.opflags = 0;
+      fast.opflags = ZUL_KEST_OPFLAG_FAST_PATH | ZUL_KEST_OPFLAG_FAST_PATH_ALWAYS;
+      char buffer[4096];
+      ZulKestStat stat;
+      for (int i = 0; i < 400; ++i) {
+        const int64_t offset = (i * 4096 + t) % 61440;
+        const ZulKestOp read = zulKestFHPread(&queued, fh, buffer, sizeof(buffer), offset);
+        const ZulKestOp statOp = zulKestFHStat(&fast, fh, &stat);
+        // A cancel executes the cancelled chunk on this thread too.
+        const ZulKestOp cancelled = zulKestFHPread(&queued, fh, buffer, sizeof(buffer), offset);
+        zulKestOpCancel(cancelled);
+        const ZulKestTime limit = zulKestTimeGetCurrent() + 10000000000LL;
+        if (zulKestOpWaitUntil(read, limit) == ZUL_KEST_ERROR_TIMEOUT) ++stranded;
+        zulKestOpSyncWait(read);
+        zulKestOpSyncWait(statOp);
+        zulKestOpSyncWait(cancelled);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(stranded.load(), 0);
+  EXPECT_EQ(zulKestOpSyncWait(zulKestFHClose(nullptr, fh)), ZUL_KEST_OK);
+}
+
 // The offsets of the native reads, in the order the I/O thread made them.
 std::vector<int64_t> g_readOffsets;
 void RecordRead(const ZulKestIOEvent* event) {
