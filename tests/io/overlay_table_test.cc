@@ -97,9 +97,11 @@ TEST_F(OverlayTest, TableKeepsOrderIdsAndItsLimit) {
   const int32_t a = Add(0, 5, "/a", "/x");
   const int32_t b = Add(0, 3, "/b", "/x");
   const int32_t c = Add(0, 5, "/c", "/x");
-  EXPECT_EQ(a, 1);
-  EXPECT_EQ(b, 2);
-  EXPECT_EQ(c, 3);
+  // The counter is the process's: it starts at 1 and is not reset by a
+  // new initialisation, so only the steps are fixed here.
+  EXPECT_GE(a, 1);
+  EXPECT_EQ(b, a + 1);
+  EXPECT_EQ(c, a + 2);
   int32_t ids[8];
   int32_t count = 0;
   ASSERT_EQ(zulKestOverlayGetList(ids, 8, &count), ZUL_KEST_OK);
@@ -113,7 +115,7 @@ TEST_F(OverlayTest, TableKeepsOrderIdsAndItsLimit) {
   EXPECT_EQ(info.id, c);
   EXPECT_STREQ(info.dst, "/c");
   EXPECT_EQ(zulKestOverlayGetInfo(c, nullptr), ZUL_KEST_ERROR_BAD_PTR);
-  EXPECT_EQ(zulKestOverlayGetInfo(99, &info), ZUL_KEST_ERROR_BAD_OVERLAY);
+  EXPECT_EQ(zulKestOverlayGetInfo(c + 100, &info), ZUL_KEST_ERROR_BAD_OVERLAY);
   // Modify moves an entry when its order changes.
   const ZulKestOverlay moved = MakeOverlay(1, 1, "/c2", "/y/");
   ASSERT_EQ(zulKestOverlayModify(c, &moved), ZUL_KEST_OK);
@@ -138,7 +140,7 @@ TEST_F(OverlayTest, TableKeepsOrderIdsAndItsLimit) {
   EXPECT_EQ(zulKestOverlayRemove(b), ZUL_KEST_OK);
   EXPECT_EQ(zulKestOverlayRemove(b), ZUL_KEST_ERROR_BAD_OVERLAY);
   EXPECT_EQ(zulKestOverlayAdd(&extra, &id), ZUL_KEST_OK);
-  EXPECT_EQ(id, 65);  // ids are not reused
+  EXPECT_EQ(id, a + 64);  // ids are not reused
   char out[1025];
   EXPECT_EQ(zulKestOverlayResolveSync(0, "/a", out, sizeof(out)), ZUL_KEST_ERROR_BAD_SIZE);
   EXPECT_EQ(zulKestOverlayResolveSync(2, "/a", out, 1024), ZUL_KEST_ERROR_BAD_ARGUMENT);
