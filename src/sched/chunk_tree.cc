@@ -836,6 +836,28 @@ ChunkID GetChild(ChunkID id, uint32_t n) {
   return child;
 }
 
+uint32_t GetChildren(ChunkID id, ChunkID* out, uint32_t max) {
+  if (id == CHUNKID_INVALID) return 0;
+  ChunkLocker lock;
+  ChildCursor cursor(id);
+  uint32_t count = 0;
+  for (ChunkID child; count < max && (child = cursor.NextChild()) != CHUNKID_INVALID;)
+    out[count++] = child;
+  return count;
+}
+
+uint32_t CountChildrenNotCompleted(ChunkID id, uint32_t limit) {
+  if (id == CHUNKID_INVALID) return 0;
+  ChunkLocker lock;
+  ChildCursor cursor(id);
+  uint32_t count = 0;
+  for (ChunkID child = cursor.NextChild(); child != CHUNKID_INVALID && count < limit;
+       child = cursor.NextChild()) {
+    if ((LoadChunkFlags(ChunkAt(child)) & kChunkCompleted) == 0) ++count;
+  }
+  return count;
+}
+
 uint32_t GetChunkHandle(ChunkID id) {
   if (id == CHUNKID_INVALID) return 0;
   return HandleOf(ChunkAt(id));

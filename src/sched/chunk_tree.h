@@ -107,6 +107,11 @@ void ReleaseFinishedRoot(ChunkID root);
 // The n-th parent / child in enumeration order, CHUNKID_INVALID past the end.
 ChunkID GetParent(ChunkID id, uint32_t n);
 ChunkID GetChild(ChunkID id, uint32_t n);
+// The first `max` children in enumeration order, read under one hold of the
+// chunk lock; returns how many were written.
+uint32_t GetChildren(ChunkID id, ChunkID* out, uint32_t max);
+// How many children have not completed, counting no further than `limit`.
+uint32_t CountChildrenNotCompleted(ChunkID id, uint32_t limit);
 // The file or directory handle a chunk works on, 0 when none.
 uint32_t GetChunkHandle(ChunkID id);
 // The path a chunk works on, null when none.

@@ -430,10 +430,7 @@ int32_t ChunkTree(ChunkID id) {
   const ChunkHeader* chunk = ChunkAt(id);
   // The children as they are now: new pieces share them and are not visited.
   ChunkID children[64];
-  uint32_t count = 0;
-  for (ChunkID child; count < 64 && (child = GetChild(id, count)) != CHUNKID_INVALID;) {
-    children[count++] = child;
-  }
+  const uint32_t count = GetChildren(id, children, 64);
   if ((chunk->type == CHUNK_FH_READ || chunk->type == CHUNK_FH_WRITE) &&
       (LoadChunkFlags(chunk) & kChunkNoSplit) == 0 && maxChunk != 0 &&
       reinterpret_cast<const ChunkFhIoRecord*>(chunk)->reqCount > maxChunk) {

@@ -116,13 +116,7 @@ bool ScheduleTreeRecurse(ChunkID id, uint32_t opflags, bool permission) {
   bool add = false;
   {
     ChunkLocker lock;
-    uint32_t pending = 0;
-    for (uint32_t n = 0;; ++n) {
-      const ChunkID child = GetChild(id, n);
-      if (child == CHUNKID_INVALID) break;
-      if ((LoadFlags(child) & kChunkCompleted) == 0) ++pending;
-    }
-    if (pending >= 2 && permission) {
+    if (permission && CountChildrenNotCompleted(id, 2) >= 2) {
       KEST2_TRACE(kTraceSched, "ScheduleTreeRecurse", "%s", "parallel chunks caused switch to queueing");
       permission = false;
     }
