@@ -11,6 +11,7 @@
 // fewest misses, then the earliest finish, wins.  Sequential reads of one
 // stream skip the simulation and are appended.
 
+#include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -58,6 +59,157 @@ struct Candidate {
   uint32_t misses = 0;
   ZulKestTime clock = 0;
 };
+
+// Per-candidate flags of InsertScratch::flags.
+constexpr uint8_t kLaterHigher = 1;  // a later chunk would be late with a higher lateness
+constexpr uint8_t kLaterEqual = 2;   // a later chunk would have the same lateness
+constexpr uint8_t kEligible = 4;     // no higher lateness than the chunk it follows
+
+int64_t SaturatingSub(int64_t a, int64_t b) {
+  int64_t out;
+  if (!__builtin_sub_overflow(a, b, &out)) return out;
+  return b < 0 ? INT64_MAX : INT64_MIN;
+}
+
+// The chunks queued behind the candidate index: a Fenwick tree counts their
+// slacks by rank, a segment tree keeps the smallest slack per priority.
+class LaterChunks {
+ public:
+  LaterChunks(InsertScratch* scratch, uint64_t count) : m_s(scratch), m_count(count) {
+    std::memset(m_s->counts, 0, (count + 1) * sizeof(m_s->counts[0]));
+    for (int64_t& slack : m_s->prioritySlack) slack = INT64_MAX;
+  }
+
+  void Add(uint64_t index, int8_t priority) {
+    for (uint64_t r = m_s->rank[index] + 1u; r <= m_count; r += r & (~r + 1)) ++m_s->counts[r];
+    const int64_t slack = m_s->slack[index];
+    for (uint32_t node = 256u + static_cast<uint8_t>(priority + 128); node != 0; node >>= 1) {
+      if (slack < m_s->prioritySlack[node]) m_s->prioritySlack[node] = slack;
+    }
+    ++m_added;
+  }
+
+  // How many would miss their deadlines if their finish moved by shift.
+  uint64_t Late(int64_t shift) const {
+    uint64_t below = 0, size = m_count;  // ranks whose slack < shift
+    while (size > 0) {
+      const uint64_t half = size / 2;
+      if (m_s->slack[m_s->order[below + half]] < shift) {
+        below += half + 1;
+        size -= half + 1;
+      } else {
+        size = half;
+      }
+    }
+    uint64_t late = 0;
+    for (uint64_t r = below; r > 0; r -= r & (~r + 1)) late += m_s->counts[r];
+    return late;
+  }
+
+  // Whether one of them with a priority in [low, high] would be late.
+  bool LateWithPriority(int32_t low, int32_t high, int64_t shift) const {
+    uint32_t left = 256u + static_cast<uint32_t>(low + 128);
+    uint32_t right = 256u + static_cast<uint32_t>(high + 128) + 1u;
+    for (; left < right; left >>= 1, right >>= 1) {
+      if ((left & 1u) != 0 && m_s->prioritySlack[left++] < shift) return true;
+      if ((right & 1u) != 0 && m_s->prioritySlack[--right] < shift) return true;
+    }
+    return false;
+  }
+
+  uint64_t size() const { return m_added; }
+
+ private:
+  InsertScratch* m_s;
+  uint64_t m_count;
+  uint64_t m_added = 0;
+};
+
+// Tries every queue index for the new chunk as if the queue were simulated
+// again with the chunk there.  Behind the entry that follows the new chunk
+// the simulation differs from the queue's own only by a constant shift of
+// the clock (a positioned chunk's seek depends on its predecessor alone), so
+// one pass forward records each entry's slack and each candidate's shift,
+// one pass backward counts the entries behind each candidate that the shift
+// makes late, and a last pass picks the winner: O(n log n) instead of
+// simulating the rest of the queue for every index.
+uint64_t PlaceBySimulation(Scheduler* scheduler, ChunkID id, ZulKestTime now) {
+  InsertScratch* scratch = &scheduler->insertScratch;
+  const uint64_t count = scheduler->m_queueCount;
+  const ChunkHeader* chunk = ChunkAt(id);
+
+  EstimateState prefix{};
+  const ZulKestTime running = __atomic_load_n(&scheduler->runningFinish, __ATOMIC_RELAXED);
+  prefix.clock = running != 0 ? running : now + kIdleStartDelay;
+  prefix.head = PositionKey{scheduler->lastHandle, scheduler->lastEnd};
+  int32_t previousLateness = 128;
+  for (uint64_t c = 0; c < count; ++c) {
+    const ChunkID queued = QueueAt(scheduler, c);
+    EstimateState trial = prefix;
+    const int32_t lateness = EstimateStep(scheduler, id, INT32_MAX, &trial);
+    trial.laterHigher = 0;
+    trial.laterEqual = 0;
+    EstimateStep(scheduler, queued, lateness, &trial);
+    const int32_t queuedLateness = EstimateStep(scheduler, queued, 128, &prefix);
+    scratch->slack[c] = SaturatingSub(ChunkAt(queued)->deadline, prefix.clock);
+    scratch->shift[c] = SaturatingSub(trial.clock, prefix.clock);
+    scratch->misses[c] = trial.misses;
+    scratch->lateness[c] = static_cast<int16_t>(lateness);
+    scratch->flags[c] = static_cast<uint8_t>(
+        (trial.laterHigher != 0 ? kLaterHigher : 0) | (trial.laterEqual != 0 ? kLaterEqual : 0) |
+        (lateness <= previousLateness || c == 0 ? kEligible : 0));
+    scratch->order[c] = static_cast<uint16_t>(c);
+    previousLateness = queuedLateness;
+  }
+
+  std::sort(scratch->order, scratch->order + count,
+            [scratch](uint16_t a, uint16_t b) { return scratch->slack[a] < scratch->slack[b]; });
+  for (uint64_t r = 0; r < count; ++r) scratch->rank[scratch->order[r]] = static_cast<uint16_t>(r);
+
+  LaterChunks later(scratch, count);
+  for (uint64_t c = count; c-- > 0;) {
+    if (c + 1 < count) later.Add(c + 1, ChunkAt(QueueAt(scheduler, c + 1))->priority);
+    const int64_t shift = scratch->shift[c];
+    const int32_t lateness = scratch->lateness[c];
+    const uint64_t late = later.Late(shift);
+    bool higher, equal;
+    if (lateness == kOnTime) {
+      higher = late != 0;
+      equal = late != later.size();
+    } else {
+      higher = lateness < 127 && later.LateWithPriority(lateness + 1, 127, shift);
+      equal = later.LateWithPriority(lateness, lateness, shift);
+    }
+    scratch->misses[c] += static_cast<uint32_t>(late);
+    scratch->flags[c] = static_cast<uint8_t>(scratch->flags[c] | (higher ? kLaterHigher : 0) |
+                                             (equal ? kLaterEqual : 0));
+  }
+
+  // On an exact tie the later place wins (behind its equals), except that
+  // an unpositioned chunk that costs nothing stays in front.
+  const bool takeTies = IsPositioned(chunk) || scheduler->typeEstimate[chunk->type] > 0;
+  Candidate best;
+  for (uint64_t c = 0; c < count; ++c) {
+    const uint8_t flags = scratch->flags[c];
+    if ((flags & kLaterHigher) != 0 || (flags & (kEligible | kLaterEqual)) == 0) continue;
+    const ZulKestTime clock = prefix.clock + scratch->shift[c];
+    const uint32_t misses = scratch->misses[c];
+    const bool better = !best.found || misses < best.misses ||
+                        (misses == best.misses && clock < best.clock);
+    const bool tie = best.found && misses == best.misses && clock == best.clock;
+    if (better || (tie && takeTies)) best = Candidate{true, c, misses, clock};
+  }
+  // At the back nothing follows the new chunk.
+  EstimateState trial = prefix;
+  const int32_t lateness = EstimateStep(scheduler, id, INT32_MAX, &trial);
+  if (lateness <= previousLateness || count == 0) {
+    const bool better = !best.found || trial.misses < best.misses ||
+                        (trial.misses == best.misses && trial.clock < best.clock);
+    const bool tie = best.found && trial.misses == best.misses && trial.clock == best.clock;
+    if (better || (tie && takeTies)) best = Candidate{true, count, trial.misses, trial.clock};
+  }
+  return best.found ? best.index : count;
+}
 
 }  // namespace
 
@@ -148,34 +300,7 @@ uint64_t FindInsertPosition(Scheduler* scheduler, ChunkID id) {
     }
   }
 
-  EstimateState prefix{};
-  const ZulKestTime running = __atomic_load_n(&scheduler->runningFinish, __ATOMIC_RELAXED);
-  prefix.clock = running != 0 ? running : now + kIdleStartDelay;
-  prefix.head = PositionKey{scheduler->lastHandle, scheduler->lastEnd};
-  int32_t previousLateness = 128;
-  Candidate best;
-  for (uint64_t c = 0; c <= count; ++c) {
-    EstimateState trial = prefix;
-    const ZulKestTime before = trial.clock;
-    const int32_t lateness = EstimateStep(scheduler, id, INT32_MAX, &trial);
-    const ZulKestTime ownDuration = trial.clock - before;
-    trial.laterHigher = 0;
-    trial.laterEqual = 0;
-    for (uint64_t i = c; i < count; ++i) EstimateStep(scheduler, QueueAt(scheduler, i), lateness, &trial);
-    const bool rejected = trial.laterHigher != 0;
-    const bool eligible = lateness <= previousLateness || trial.laterEqual != 0 || c == 0;
-    if (!rejected && eligible) {
-      const bool better = !best.found || trial.misses < best.misses ||
-                          (trial.misses == best.misses && trial.clock < best.clock);
-      const bool tie = best.found && trial.misses == best.misses && trial.clock == best.clock;
-      // On an exact tie the later place wins (behind its equals), except
-      // that an unpositioned chunk that costs nothing stays in front.
-      const bool takeTie = tie && (IsPositioned(chunk) || ownDuration > 0);
-      if (better || takeTie) best = Candidate{true, c, trial.misses, trial.clock};
-    }
-    if (c < count) previousLateness = EstimateStep(scheduler, QueueAt(scheduler, c), 128, &prefix);
-  }
-  return best.found ? best.index : count;
+  return PlaceBySimulation(scheduler, id, now);
 }
 
 }  // namespace kest2

@@ -36,6 +36,20 @@ struct Scheduler;
 using MatchPathFunction = bool (*)(const Scheduler* scheduler, const StoredPath* path,
                                    int64_t offset, int64_t length);
 
+// FindInsertPosition's working space, one entry per queue index (used under
+// the scheduler mutex; see insert_position.cc).
+struct InsertScratch {
+  int64_t slack[kQueueSize];      // deadline minus simulated finish, as queued
+  int64_t shift[kQueueSize];      // finish-time shift behind a candidate index
+  uint32_t misses[kQueueSize];    // misses up to and including the entry there
+  uint16_t order[kQueueSize];     // indices by slack
+  uint16_t rank[kQueueSize];      // place of each index in `order`
+  uint16_t counts[kQueueSize + 1];  // Fenwick tree over ranks
+  int16_t lateness[kQueueSize];   // the new chunk's lateness at a candidate
+  uint8_t flags[kQueueSize];
+  int64_t prioritySlack[512];     // minimum slack per priority, as a segment tree
+};
+
 struct Scheduler {
   int32_t threadCount;
   Scheduler* next;  // next in the global list
@@ -64,6 +78,7 @@ struct Scheduler {
   ZulKestTime runningFinish;    // estimated finish of that chunk, 0 idle
   ZulKestTime typeEstimate[kChunkTypeCount];  // positioned: per 64 KiB
   ZulKestTime seekEstimate[2];  // far seek; per 64 KiB of distance
+  InsertScratch insertScratch;
 };
 
 // Sets the time model to its initial estimates and empties the queue.

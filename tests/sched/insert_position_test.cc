@@ -2,9 +2,11 @@
 // order, the protection of chunks already late, and the ring itself
 // against a simple model.
 
+#include <cstdlib>
 #include <deque>
 #include <memory>
 #include <random>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -132,6 +134,119 @@ TEST_F(InsertPositionTest, InsertingAtTheFrontWrapsThePosition) {
   EXPECT_EQ(s->m_queueCount, 1u);
   EXPECT_EQ(QueueAt(s, 0), 12);
   EXPECT_EQ(s->queuePosition, 0u);
+}
+
+// The placement rule as stated: simulate the rest of the queue once for
+// every candidate index (quadratic; the library's own search must agree).
+uint64_t ReferencePlace(Scheduler* s, ChunkID id) {
+  const ChunkHeader* chunk = ChunkAt(id);
+  const uint64_t count = s->m_queueCount;
+  if (count == 0) return 0;
+  auto isTransfer = [](const ChunkHeader* c) {
+    return c->type == CHUNK_FH_READ || c->type == CHUNK_FH_WRITE;
+  };
+  const ChunkID last = QueueAt(s, count - 1);
+  if (isTransfer(chunk) && isTransfer(ChunkAt(last))) {
+    const PositionKey key = ChunkPositionKey(id);
+    const PositionKey lastKey = ChunkPositionKey(last);
+    const int64_t lastEnd = lastKey.position + ChunkRecord<ChunkFhIoRecord>(last)->reqCount;
+    if (key.handle == lastKey.handle && chunk->priority == ChunkAt(last)->priority &&
+        ChunkAt(last)->deadline <= chunk->deadline && std::llabs(key.position - lastEnd) < 32768)
+      return count;
+  }
+  const bool positioned = (chunk->flags & kChunkPositioned) != 0 && isTransfer(chunk);
+  EstimateState prefix{};
+  prefix.clock = s->runningFinish;
+  prefix.head = PositionKey{s->lastHandle, s->lastEnd};
+  int32_t previousLateness = 128;
+  bool found = false;
+  uint64_t bestIndex = 0;
+  uint32_t bestMisses = 0;
+  ZulKestTime bestClock = 0;
+  for (uint64_t c = 0; c <= count; ++c) {
+    EstimateState trial = prefix;
+    const ZulKestTime before = trial.clock;
+    const int32_t lateness = EstimateStep(s, id, INT32_MAX, &trial);
+    const ZulKestTime ownDuration = trial.clock - before;
+    trial.laterHigher = 0;
+    trial.laterEqual = 0;
+    for (uint64_t i = c; i < count; ++i) EstimateStep(s, QueueAt(s, i), lateness, &trial);
+    const bool eligible = lateness <= previousLateness || trial.laterEqual != 0 || c == 0;
+    if (trial.laterHigher == 0 && eligible) {
+      const bool better = !found || trial.misses < bestMisses ||
+                          (trial.misses == bestMisses && trial.clock < bestClock);
+      const bool tie = found && trial.misses == bestMisses && trial.clock == bestClock;
+      if (better || (tie && (positioned || ownDuration > 0))) {
+        found = true;
+        bestIndex = c;
+        bestMisses = trial.misses;
+        bestClock = trial.clock;
+      }
+    }
+    if (c < count) previousLateness = EstimateStep(s, QueueAt(s, c), 128, &prefix);
+  }
+  return found ? bestIndex : count;
+}
+
+// Random queues with streams, far and near seeks, unpositioned chunks (some
+// free of cost), chunks already late, equal and opposite priorities.
+TEST_F(InsertPositionTest, PlacementMatchesTheRuleSimulatedAtEveryIndex) {
+  Scheduler* s = scheduler_.get();
+  const unsigned seed = std::random_device{}();
+  std::mt19937 rng(seed);
+  const int8_t priorities[] = {-128, -127, -1, 0, 0, 1, 126, 127};  // neighbours on purpose
+  uint64_t spread = 0;  // deadlines reach as far as the queue's simulated end
+  auto randomChunk = [&](int64_t* streamEnd) {
+    ChunkID id;
+    if (rng() % 5 == 0) {
+      id = AllocateChunk(CHUNK_STAT);
+      ChunkAt(id)->priority = priorities[rng() % 8];
+    } else {
+      const uint32_t handle = 7 + rng() % 3;
+      int64_t position;
+      switch (rng() % 3) {
+        case 0: position = *streamEnd; break;                            // continues a stream
+        case 1: position = *streamEnd + (rng() % 8) * k64K; break;       // near
+        default: position = static_cast<int64_t>(rng() % 4096) * k64K;   // anywhere
+      }
+      const int64_t length = (1 + rng() % 4) * k64K / (rng() % 4 == 0 ? 2 : 1);
+      id = Read(position, length, 0, priorities[rng() % 8], handle);
+      *streamEnd = position + length;
+    }
+    // From already late to comfortably early, mostly on whole milliseconds
+    // (the model below counts in milliseconds, so chunks finish
+    // exactly at their deadlines, which is on time), and now and then none.
+    const int64_t offset = (static_cast<int64_t>(rng() % (40 + spread)) - 10) * kMs;
+    ChunkAt(id)->deadline = rng() % 10 == 0 ? 0 : kBase + offset + (rng() % 4 != 0 ? 0 : rng() % kMs);
+    return id;
+  };
+  std::vector<ChunkID> queued;
+  for (int round = 0; round < 1000; ++round) {
+    s->typeEstimate[CHUNK_STAT] = rng() % 2 == 0 ? 0 : kMs;
+    s->typeEstimate[CHUNK_FH_READ] = 2 * kMs;  // per 64 KiB
+    s->seekEstimate[0] = 3 * kMs;
+    s->seekEstimate[1] = kMs;  // per 64 KiB apart
+    s->lastHandle = static_cast<int32_t>(rng() % 2 == 0 ? -2 : 7);
+    s->lastEnd = static_cast<int64_t>(rng() % 64) * k64K;
+    int64_t streamEnd = 0;
+    const uint64_t length = round % 10 == 0 ? rng() % 4 : rng() % 160;
+    spread = length * 4;
+    for (uint64_t i = 0; i < length; ++i) {
+      queued.push_back(randomChunk(&streamEnd));
+      if (ChunkAt(queued.back())->deadline == 0) ChunkAt(queued.back())->deadline = kBase + 300000 * kMs;
+      InsertIntoQueue(s, s->m_queueCount, queued.back());
+    }
+    for (int trial = 0; trial < 5; ++trial) {
+      const ChunkID fresh = randomChunk(&streamEnd);
+      const uint64_t placed = Place(fresh);  // stamps a missing deadline first
+      ASSERT_EQ(placed, ReferencePlace(s, fresh))
+          << "seed " << seed << " round " << round << " queue " << s->m_queueCount;
+      DeallocateChunk(fresh);
+    }
+    while (s->m_queueCount != 0) RemoveFromQueue(s, 0);
+    for (ChunkID id : queued) DeallocateChunk(id);
+    queued.clear();
+  }
 }
 
 TEST_F(InsertPositionTest, RingMatchesADequeAcrossTheWrap) {
