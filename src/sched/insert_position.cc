@@ -189,25 +189,21 @@ uint64_t PlaceBySimulation(Scheduler* scheduler, ChunkID id, ZulKestTime now) {
   // an unpositioned chunk that costs nothing stays in front.
   const bool takeTies = IsPositioned(chunk) || scheduler->typeEstimate[chunk->type] > 0;
   Candidate best;
-  for (uint64_t c = 0; c < count; ++c) {
-    const uint8_t flags = scratch->flags[c];
-    if ((flags & kLaterHigher) != 0 || (flags & (kEligible | kLaterEqual)) == 0) continue;
-    const ZulKestTime clock = prefix.clock + scratch->shift[c];
-    const uint32_t misses = scratch->misses[c];
+  auto consider = [&best, takeTies](uint64_t index, uint32_t misses, ZulKestTime clock) {
     const bool better = !best.found || misses < best.misses ||
                         (misses == best.misses && clock < best.clock);
     const bool tie = best.found && misses == best.misses && clock == best.clock;
-    if (better || (tie && takeTies)) best = Candidate{true, c, misses, clock};
+    if (better || (tie && takeTies)) best = Candidate{true, index, misses, clock};
+  };
+  for (uint64_t c = 0; c < count; ++c) {
+    const uint8_t flags = scratch->flags[c];
+    if ((flags & kLaterHigher) != 0 || (flags & (kEligible | kLaterEqual)) == 0) continue;
+    consider(c, scratch->misses[c], prefix.clock + scratch->shift[c]);
   }
   // At the back nothing follows the new chunk.
   EstimateState trial = prefix;
-  const int32_t lateness = EstimateStep(scheduler, id, INT32_MAX, &trial);
-  if (lateness <= previousLateness || count == 0) {
-    const bool better = !best.found || trial.misses < best.misses ||
-                        (trial.misses == best.misses && trial.clock < best.clock);
-    const bool tie = best.found && trial.misses == best.misses && trial.clock == best.clock;
-    if (better || (tie && takeTies)) best = Candidate{true, count, trial.misses, trial.clock};
-  }
+  if (EstimateStep(scheduler, id, INT32_MAX, &trial) <= previousLateness || count == 0)
+    consider(count, trial.misses, trial.clock);
   return best.found ? best.index : count;
 }
 
