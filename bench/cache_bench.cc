@@ -17,8 +17,10 @@
 //     (blocks are filled, but LRU evicts each before it comes round again),
 //     and 64 KiB reads under caches of 64 KiB blocks, which all end on a
 //     block boundary and therefore never fill one: every read is a lookup
-//     that misses.  Lookups scan the whole block table, so this runs with a
-//     small table and with one of as many bytes as the tree's cache.
+//     that misses.  It runs with a small table and with one of as many
+//     bytes as the tree's cache; since lookups scan the table only up to the
+//     last block ever filled, and nothing is filled here, the two should
+//     cost the same.  (The streamed file above misses in a full table.)
 //
 // "off" runs without the cache filter; "on" runs with it installed at filter
 // index 0, above the dearchiver at index 1, so that for archived files it

@@ -187,7 +187,7 @@ bool MatchChunkToCache(const CacheHeader* cache, ChunkID id) {
 }
 
 int32_t FindBlock(CacheHeader* cache, const uint8_t* digest, int64_t blockOffset) {
-  for (uint32_t i = 0; i < cache->blockCount; ++i) {
+  for (uint32_t i = 0; i < cache->usedLimit; ++i) {
     CacheBlock* block = &cache->table[i];
     const uint16_t state = LoadBlockState(block);
     if (state != kCACHE_VALID && state != kCACHE_BUSY) continue;
@@ -200,7 +200,7 @@ int32_t FindBlock(CacheHeader* cache, const uint8_t* digest, int64_t blockOffset
 }
 
 ZulKestDate FindFileDate(const CacheHeader* cache, const uint8_t* digest) {
-  for (uint32_t i = 0; i < cache->blockCount; ++i) {
+  for (uint32_t i = 0; i < cache->usedLimit; ++i) {
     const CacheBlock* block = &cache->table[i];
     if (LoadBlockState(block) == kCACHE_VALID && SameDigest(block, digest)) return block->modificationDate;
   }

@@ -599,6 +599,9 @@ void StartFill(CacheHeader* cache, int32_t victim, ChunkID callback) {
   block->fillCallback = callback;
   __atomic_store_n(&block->refcount, 1, __ATOMIC_RELEASE);
   StoreBlockState(block, kCACHE_BUSY);
+  // Lookups stop at the last block ever filled: a cold or lightly used
+  // cache is not scanned whole on every miss.
+  if (static_cast<uint32_t>(victim) >= cache->usedLimit) cache->usedLimit = static_cast<uint32_t>(victim) + 1;
 }
 
 // Step 8: fills the tail block.  REQUIRES: write lock.
@@ -763,11 +766,19 @@ int32_t ExecuteRead(ZulKestRamCacheContext* context, ChunkID* readId) {
   if (front == FrontResult::kMiss && io->reqCount > 0) {
     CountStat(&cache->misses, 1);
     CountStat(&cache->missBytes, static_cast<uint64_t>(io->reqCount));
-    CacheReadUnlock();
-    CacheWriteLock();
-    writeLocked = true;
     const Tail tail = TailOf(&rw);
-    if (!SecondChance(&rw, tail) && !endsOnBoundary) FillTail(&rw, tail, &fillMade, &fill);
+    // A read that ends on a block boundary fills nothing.  When the block
+    // it missed is its tail, which the front pass has just looked up, only
+    // a fill started in this instant could serve it: the read goes to the
+    // file without taking the write lock (which would stall every other
+    // reader of the cache) for a second look.
+    const bool tailJustMissed = io->offset - io->offset % blockSize == tail.block;
+    if (!endsOnBoundary || !tailJustMissed || rw.deferred()) {
+      CacheReadUnlock();
+      CacheWriteLock();
+      writeLocked = true;
+      if (!SecondChance(&rw, tail) && !endsOnBoundary) FillTail(&rw, tail, &fillMade, &fill);
+    }
   }
 
   if (rw.deferred()) {

@@ -52,10 +52,15 @@ struct CacheHeader {
   uint32_t hitBytes;
   uint32_t misses;    // reads that went on to the fill stage
   uint32_t missBytes;
+  uint32_t usedLimit;  // no block at or past this index has been filled
   CacheBlock* table;
   uint8_t* data;
   StoredPath path;    // pathMax bytes of text follow
 };
+
+// The fixed fields must leave pathMax + 16 bytes of the header area to the
+// path, the area being (pathMax + 80) rounded down to 8.
+static_assert(offsetof(CacheHeader, path) == 56, "");
 
 // The path as the overlays resolve it (for reading), normalised into out.
 int32_t ResolveCachePath(const char* path, StoredPath* out);
