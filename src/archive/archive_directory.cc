@@ -144,15 +144,6 @@ int32_t ReadDirCallback(ChunkCallbackRecord* record, int32_t event) {
   return ZUL_KEST_ERROR_RETRY;
 }
 
-ChunkID NewLooseCallback(ZulKestZorbaDearchiverContext* context, ChunkCallbackFunction function) {
-  const ChunkID callback = AllocateChunk(CHUNK_CALLBACK);
-  if (callback == CHUNKID_INVALID) return callback;
-  ChunkCallbackRecord* record = ChunkRecord<ChunkCallbackRecord>(callback);
-  record->callback = function;
-  record->context = context;
-  return callback;
-}
-
 }  // namespace
 
 uint32_t LooseListing(uint32_t dh) {
@@ -174,7 +165,7 @@ int32_t BuildLooseOpen(ZulKestZorbaDearchiverContext* context, ChunkID open, Chu
   native->buffer = dir->buffer;
   native->bufferLength = dir->bufferLength;
   CopyStoredPath(&native->path, &dir->path);
-  const ChunkID callback = NewLooseCallback(context, OpenDirCallback);
+  const ChunkID callback = AllocateCallbackChunk(OpenDirCallback, context);
   const ChunkID nativeOpen = callback == CHUNKID_INVALID ? CHUNKID_INVALID
                                                          : AllocateChildChunk(callback, CHUNK_DH_OPEN);
   if (nativeOpen == CHUNKID_INVALID) {
@@ -207,7 +198,7 @@ int32_t BuildLooseRead(ZulKestZorbaDearchiverContext* context, ChunkID read, Chu
     return ZUL_KEST_ERROR_EOF;
   }
   KEST2_TRACE(kTraceZorba, "ReadDirectory", "Trying loose files. Dir = %s\n", GetPath(&dir->path));
-  const ChunkID callback = NewLooseCallback(context, ReadDirCallback);
+  const ChunkID callback = AllocateCallbackChunk(ReadDirCallback, context);
   if (callback == CHUNKID_INVALID) {
     KEST2_TRACE(kTraceZorba, "ReadDirectory", "%s", "Failed to allocate data\n");
     return ZUL_KEST_ERROR_CANT_ALLOCATE_CHUNK;

@@ -133,7 +133,7 @@ int32_t OpenHandler(ChunkCallbackRecord* record, int32_t event) {
 
 // A callback in the open's place with a copy of the open below it.
 FilterOutcome WrapOpen(ZulKestRamCacheContext* context, ChunkID id, ChunkID* replacement) {
-  const ChunkID callback = AllocateChunk(CHUNK_CALLBACK);
+  const ChunkID callback = AllocateCallbackChunk(OpenHandler, context);
   const ChunkID copy = AllocateChunk(CHUNK_FH_OPEN);
   if (callback == CHUNKID_INVALID || copy == CHUNKID_INVALID) {
     DeallocateChunk(callback);
@@ -146,8 +146,6 @@ FilterOutcome WrapOpen(ZulKestRamCacheContext* context, ChunkID id, ChunkID* rep
   open->path = original->path;
   open->mode = original->mode;
   ChunkCallbackRecord* record = ChunkRecord<ChunkCallbackRecord>(callback);
-  record->callback = OpenHandler;
-  record->context = context;
   reinterpret_cast<OpenWrap*>(record->filterData)->open = copy;
   ChunkLocker lock;
   if (!LinkChunks(callback, copy)) {
@@ -185,11 +183,9 @@ int32_t PurgeAfterHandler(ChunkCallbackRecord* record, int32_t event) {
 // that purges them again after the chunk has run.
 FilterOutcome PurgeAroundChange(ZulKestRamCacheContext* context, ChunkID id, ChunkID* replacement) {
   PurgeEntries(HeaderOf(context), id);
-  const ChunkID callback = AllocateChunk(CHUNK_CALLBACK);
+  const ChunkID callback = AllocateCallbackChunk(PurgeAfterHandler, context);
   if (callback == CHUNKID_INVALID) return FilterOutcome::kDown;
   ChunkCallbackRecord* record = ChunkRecord<ChunkCallbackRecord>(callback);
-  record->callback = PurgeAfterHandler;
-  record->context = context;
   reinterpret_cast<PurgeWrap*>(record->filterData)->change = id;
   ChunkLocker lock;
   // The callback takes the chunk's parents; the chunk keeps its children

@@ -134,12 +134,10 @@ int32_t PrefetchHandler(ChunkCallbackRecord* record, int32_t event) {
 }  // namespace
 
 ChunkID CreatePrefetch(ZulKestRamCacheContext* context, ChunkID prefetch) {
-  const ChunkID id = AllocateChunk(CHUNK_CALLBACK);
+  const ChunkID id = AllocateCallbackChunk(PrefetchHandler, context);
   if (id == CHUNKID_INVALID) return id;
   const ChunkPrefetchRecord* original = ChunkRecord<ChunkPrefetchRecord>(prefetch);
   ChunkCallbackRecord* record = ChunkRecord<ChunkCallbackRecord>(id);
-  record->callback = PrefetchHandler;
-  record->context = context;
   *StateOf(record) = PrefetchState{original->h, original->offset, original->reqCount, -1, 0, original->actCount};
   return id;
 }

@@ -581,11 +581,8 @@ ChunkID BuildFill(CacheHeader* cache, ZulKestRamCacheContext* context, uint32_t 
 // The fill callback C ("CallbackHandler") linked above the fill's root, or
 // CHUNKID_INVALID with nothing left allocated.
 ChunkID NewFillCallback(FillRecord* fill, ChunkID fillRoot) {
-  const ChunkID callback = AllocateChunk(CHUNK_CALLBACK);
+  const ChunkID callback = AllocateCallbackChunk(CallbackHandler, fill);
   if (callback == CHUNKID_INVALID) return callback;
-  ChunkCallbackRecord* record = ChunkRecord<ChunkCallbackRecord>(callback);
-  record->callback = CallbackHandler;
-  record->context = fill;
   ChunkLocker lock;
   if (LinkChunks(callback, fillRoot)) return callback;
   DeallocateChunk(callback);
@@ -733,12 +730,9 @@ int32_t ExecuteRead(ZulKestRamCacheContext* context, ChunkID* readId) {
     io->reqCount = clamped;
   }
   if (rw.deferred()) {
-    rw.pre = AllocateChunk(CHUNK_CALLBACK);
+    rw.pre = AllocateCallbackChunk(PreExecHandler, cache);
     bool linked = false;
     if (rw.pre != CHUNKID_INVALID) {
-      ChunkCallbackRecord* record = ChunkRecord<ChunkCallbackRecord>(rw.pre);
-      record->callback = PreExecHandler;
-      record->context = cache;
       ChunkLocker lock;
       linked = LinkChunks(rw.pre, rw.linked);
     }

@@ -723,6 +723,15 @@ void DeallocateChunk(ChunkID id) {
   PoolFree(&g_chunkPool, id, units);
 }
 
+ChunkID AllocateCallbackChunk(ChunkCallbackFunction function, void* context) {
+  const ChunkID id = AllocateChunk(CHUNK_CALLBACK);
+  if (id == CHUNKID_INVALID) return id;
+  ChunkCallbackRecord* record = ChunkRecord<ChunkCallbackRecord>(id);
+  record->callback = function;
+  record->context = context;
+  return id;
+}
+
 ChunkID AllocateChildChunk(ChunkID parent, uint8_t type) {
   if (parent == CHUNKID_INVALID) return CHUNKID_INVALID;
   KEST2_TRACE(kTraceChunk, "AllocateChild", "parent %d, type %d", parent, type);

@@ -77,6 +77,9 @@ void DeallocateChunk(ChunkID id);
 // Allocates a chunk and links it under parent; frees it again when the link
 // fails.
 ChunkID AllocateChildChunk(ChunkID parent, uint8_t type);
+// A CHUNK_CALLBACK chunk that will call function with context, or
+// CHUNKID_INVALID when chunk storage is exhausted.
+ChunkID AllocateCallbackChunk(ChunkCallbackFunction function, void* context);
 // A CHUNK_BUFFER of dataSize bytes under parent, born scheduled and
 // completed (it never runs).  Returns its data, or null.
 void* AllocateBufferChunk(ChunkID parent, uint64_t dataSize);
