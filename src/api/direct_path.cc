@@ -19,11 +19,14 @@ int64_t MappedCount(int64_t result) {
   return result >= 0 ? result : MapNativeError(static_cast<int32_t>(result));
 }
 
-// A positional transfer, or one at the descriptor's position when offset
-// is -1.
-int64_t Transfer(int32_t fd, void* buffer, int64_t length, int64_t offset, bool write) {
-  if (offset < 0) return write ? NativeWrite(fd, buffer, length) : NativeRead(fd, buffer, length);
-  return write ? NativePwrite(fd, buffer, length, offset) : NativePread(fd, buffer, length, offset);
+// One transfer where `at` says.  A positional offset goes to the system as
+// the caller gave it, whatever its value: a negative one is refused there.
+int64_t Transfer(int32_t fd, void* buffer, int64_t length, DirectAt at, bool write) {
+  if (!at.positional) {
+    return write ? NativeWrite(fd, buffer, length) : NativeRead(fd, buffer, length);
+  }
+  return write ? NativePwrite(fd, buffer, length, at.offset)
+               : NativePread(fd, buffer, length, at.offset);
 }
 
 }  // namespace
@@ -49,21 +52,20 @@ int32_t DirectClose(uint32_t fh) {
   return Mapped(result);
 }
 
-int64_t DirectTransfer(uint32_t fh, void* buffer, int64_t length, int64_t offset, bool write) {
-  if (length < 0) return ZUL_KEST_ERROR_BAD_SIZE;
+int64_t DirectTransfer(uint32_t fh, void* buffer, int64_t length, DirectAt at, bool write) {
   if (buffer == nullptr) return ZUL_KEST_ERROR_BAD_PTR;
-  return MappedCount(Transfer(FilenoOfHandle(fh), buffer, length, offset, write));
+  return MappedCount(Transfer(FilenoOfHandle(fh), buffer, length, at, write));
 }
 
-int64_t DirectVector(uint32_t fh, const ZulKestBuffer* iov, int32_t count, int64_t offset,
+int64_t DirectVector(uint32_t fh, const ZulKestBuffer* iov, int32_t count, DirectAt at,
                      bool write) {
   const int32_t fd = FilenoOfHandle(fh);
   int64_t total = 0;
   for (int32_t i = 0; i < count && iov[i].pPtr != nullptr; ++i) {
-    const int64_t moved = Transfer(fd, iov[i].pPtr, iov[i].length, offset, write);
+    const int64_t moved = Transfer(fd, iov[i].pPtr, iov[i].length, at, write);
     if (moved < 0) return MappedCount(moved);
     total += moved;
-    if (offset >= 0) offset += moved;
+    at.offset += moved;
   }
   return total;
 }

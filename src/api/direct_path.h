@@ -13,18 +13,27 @@ namespace kest2 {
 
 enum class DirectKind { kFile, kDirectory, kAny };
 
+// Where a direct transfer happens: at the descriptor's own position (which
+// it advances), or at an offset the caller gave.  Kept apart from the offset
+// so that no offset value a caller can pass means "current position".
+struct DirectAt {
+  bool positional;
+  int64_t offset;
+};
+constexpr DirectAt kDirectAtPosition{false, 0};
+constexpr DirectAt DirectAtOffset(int64_t offset) { return DirectAt{true, offset}; }
+
 // Opens path and puts the descriptor in the descriptor table.
 int32_t DirectOpen(uint32_t* pFH, const char* path, const ZulKestOpenParams* openParams,
                    int32_t mode);
 // Closes a descriptor-backed handle's descriptor and frees its slot.
 int32_t DirectClose(uint32_t fh);
-// One transfer on a descriptor-backed handle: at offset, or at the
-// descriptor's own position when offset is -1.
-int64_t DirectTransfer(uint32_t fh, void* buffer, int64_t length, int64_t offset, bool write);
-// Transfers the buffers in order until a null one; offset as above,
-// advancing with each count.
-int64_t DirectVector(uint32_t fh, const ZulKestBuffer* iov, int32_t count, int64_t offset,
-                     bool write);
+// One transfer on a descriptor-backed handle.  The caller has checked the
+// length (it is checked before anything else, engine or not).
+int64_t DirectTransfer(uint32_t fh, void* buffer, int64_t length, DirectAt at, bool write);
+// Transfers the buffers in order until a null one; a positional offset
+// advances with each count.
+int64_t DirectVector(uint32_t fh, const ZulKestBuffer* iov, int32_t count, DirectAt at, bool write);
 int32_t DirectHandleStat(uint32_t fh, ZulKestStat* out);
 int32_t DirectHandleSync(uint32_t fh);
 

@@ -11,17 +11,16 @@
 #include <cstring>
 
 #include "api/globals.h"
+#include "api/operation.h"
 #include "api/records.h"
 #include "archive/codec_registry.h"
 #include "core/handletable.h"
 #include "debug/trace.h"
 #include "io/dir_listing.h"
 #include "io/filter_chain.h"
-#include "io/native_fs.h"
-#include "io/overlay_dir_listing.h"
-#include "io/overlay_table.h"
 #include "io/native_dir_buffer.h"
 #include "io/native_handlers.h"
+#include "io/overlay_table.h"
 #include "kest2.h"
 #include "sched/chunk_tree.h"
 #include "sched/execute.h"
@@ -81,22 +80,6 @@ void ApplyDefaultsAndClamps(ZulKestParams* p) {
 bool ReservedFieldsAreZero(const ZulKestParams* p) {
   return p->padding[0] == 0 && p->padding[1] == 0 && p->extraFlags == 0 &&
          p->reserved == 0 && p->reservedMode < 2;
-}
-
-// Termination closes what the application left open: a listing's native
-// directory, a file's descriptor; then the handle goes.
-void CloseAndReleaseDirHandle(uint32_t handle, void*) {
-  DirHandle* dir = Lookup<DirHandle>(kDhTable, handle);
-  if (dir == nullptr) return;
-  if (dir->nativeDH != 0) CloseOverlaidDirectory(reinterpret_cast<OverlayDirListing*>(dir->nativeDH));
-  ReleaseHandle(kDhTable, handle);
-}
-
-void CloseAndReleaseFileHandle(uint32_t handle, void*) {
-  FileHandle* file = Lookup<FileHandle>(kFhTable, handle);
-  if (file == nullptr) return;
-  if (file->nativeFH != -1) NativeClose(file->nativeFH);
-  ReleaseHandle(kFhTable, handle);
 }
 
 }  // namespace
@@ -203,9 +186,11 @@ extern "C" void zulKestTerminate(void) {
   __atomic_store_n(&g_overlayCount, 0, __ATOMIC_RELEASE);
   TerminateChunkStorage();
   TerminateNativeDirBuffer();
-  ForEachHandle(kDhTable, CloseAndReleaseDirHandle, nullptr);
+  // What the application left open is closed before its handle goes.
+  const auto closeAndRelease = [](uint32_t handle, void*) { CloseAndReleaseHandle(handle); };
+  ForEachHandle(kDhTable, closeAndRelease, nullptr);
   HandleTableTearDown(kDhTable);
-  ForEachHandle(kFhTable, CloseAndReleaseFileHandle, nullptr);
+  ForEachHandle(kFhTable, closeAndRelease, nullptr);
   HandleTableTearDown(kFhTable);
   // Operations are the caller's to delete; what is left is reported.
   HandleTableTearDown(kOpTable);

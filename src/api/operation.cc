@@ -9,6 +9,8 @@
 #include "core/platform.h"
 #include "debug/dump.h"
 #include "debug/trace.h"
+#include "io/native_fs.h"
+#include "io/overlay_dir_listing.h"
 
 namespace kest2 {
 namespace {
@@ -96,22 +98,37 @@ Operation* OpCreate(const ZulKestOpAttr* attr, uint16_t type) {
 
 bool OpFinished(const Operation* op) { return OpFinishedForThisThread(op); }
 
-void OpReleaseTarget(uint32_t handle) {
-  if (LookupHandle(kFhTable, handle) != nullptr) {
+void CloseAndReleaseHandle(uint32_t handle) {
+  // The exchanges leave nothing for a second release to close.
+  if (FileHandle* file = Lookup<FileHandle>(kFhTable, handle)) {
+    const int32_t fd = __atomic_exchange_n(&file->nativeFH, -1, __ATOMIC_ACQ_REL);
+    if (fd != -1) NativeClose(fd);
     ReleaseHandle(kFhTable, handle);
-  } else if (LookupHandle(kDhTable, handle) != nullptr) {
+  } else if (DirHandle* dir = Lookup<DirHandle>(kDhTable, handle)) {
+    const uint64_t listing = __atomic_exchange_n(&dir->nativeDH, uint64_t{0}, __ATOMIC_ACQ_REL);
+    if (listing != 0) {
+      CloseOverlaidDirectory(reinterpret_cast<OverlayDirListing*>(static_cast<uintptr_t>(listing)));
+    }
     ReleaseHandle(kDhTable, handle);
   }
 }
 
 uint32_t OpFail(Operation* op, int32_t code) {
   op->err = code;
-  if ((op->internalFlags & kOpOwnsNewHandle) != 0) OpReleaseTarget(op->targetHandle);
+  // A handle created for the request, or private to it, goes with the
+  // failure, whichever path the failure took (a refused argument, a path or
+  // flag error at acceptance, no chunk storage, or the engine).  An open
+  // that succeeded after all, because a cancel came while it ran, still has
+  // its descriptor: that is closed too.
+  if ((op->internalFlags & (kOpOwnsNewHandle | kOpTemporaryHandle)) != 0) {
+    CloseAndReleaseHandle(op->targetHandle);
+  }
   return OpNotify(op, ZUL_KEST_EVENT_COMPLETE);
 }
 
 uint32_t OpCompleteOk(Operation* op) {
   op->err = ZUL_KEST_OK;
+  if ((op->internalFlags & kOpTemporaryHandle) != 0) CloseAndReleaseHandle(op->targetHandle);
   return OpNotify(op, ZUL_KEST_EVENT_COMPLETE);
 }
 

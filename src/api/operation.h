@@ -39,15 +39,16 @@ uint32_t OpAccept(Operation* op);
 // ZUL_KEST_ERROR_PATH_TOO_LONG.
 uint32_t OpAcceptWithPath(Operation* op, const char* path, bool forWrite);
 
-// Completes the operation at once with an error (releasing a handle the
-// request created for it) or with success.  Both return the handle.
+// Completes the operation with an error or with success.  Both return the
+// handle.  A handle private to the request goes either way; a handle the
+// request created for the caller goes when it failed.
 uint32_t OpFail(Operation* op, int32_t code);
 uint32_t OpCompleteOk(Operation* op);
 
-// Releases a file or directory handle that a request created for its
-// operation, from whichever table holds it; a handle no longer live is left
-// alone.
-void OpReleaseTarget(uint32_t handle);
+// Releases a file or directory handle from whichever table holds it, first
+// closing a descriptor or listing still open on it; a handle no longer live
+// is left alone.
+void CloseAndReleaseHandle(uint32_t handle);
 
 // Runs the callback for event, marks the operation done and wakes waiters.
 uint32_t OpNotify(Operation* op, ZulKestOpEvent event);

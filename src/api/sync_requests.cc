@@ -65,7 +65,10 @@ extern "C" int32_t zulKestFHOpenSync(const ZulKestOpAttr* attr, ZulKestFH* pFH, 
 extern "C" int64_t zulKestFHReadSync(const ZulKestOpAttr* attr, ZulKestFH fh, void* buf,
                                      int64_t length) {
   TraceBuffer("zulKestFHReadSync", buf, length);
-  if (DirectForHandle(fh)) return DirectTransfer(fh, buf, length, -1, false);
+  // Checked before anything else, engine or not: with the operation table
+  // full the request could not report it.
+  if (length < 0) return ZUL_KEST_ERROR_BAD_SIZE;
+  if (DirectForHandle(fh)) return DirectTransfer(fh, buf, length, kDirectAtPosition, false);
   const ZulKestOpAttr copy = SyncAttr(attr);
   return zulKestOpSyncWaitForIO(zulKestFHRead(&copy, fh, buf, length));
 }
@@ -73,7 +76,9 @@ extern "C" int64_t zulKestFHReadSync(const ZulKestOpAttr* attr, ZulKestFH fh, vo
 extern "C" int64_t zulKestFHWriteSync(const ZulKestOpAttr* attr, ZulKestFH fh, const void* buf,
                                       int64_t length) {
   TraceBuffer("zulKestFHWriteSync", buf, length);
-  if (DirectForHandle(fh)) return DirectTransfer(fh, const_cast<void*>(buf), length, -1, true);
+  if (length < 0) return ZUL_KEST_ERROR_BAD_SIZE;
+  if (DirectForHandle(fh))
+    return DirectTransfer(fh, const_cast<void*>(buf), length, kDirectAtPosition, true);
   const ZulKestOpAttr copy = SyncAttr(attr);
   return zulKestOpSyncWaitForIO(zulKestFHWrite(&copy, fh, buf, length));
 }
@@ -81,7 +86,8 @@ extern "C" int64_t zulKestFHWriteSync(const ZulKestOpAttr* attr, ZulKestFH fh, c
 extern "C" int64_t zulKestFHPreadSync(const ZulKestOpAttr* attr, ZulKestFH fh, void* buf,
                                       int64_t length, int64_t offset) {
   TraceBuffer("zulKestFHPreadSync", buf, length);
-  if (DirectForHandle(fh)) return DirectTransfer(fh, buf, length, offset, false);
+  if (length < 0) return ZUL_KEST_ERROR_BAD_SIZE;
+  if (DirectForHandle(fh)) return DirectTransfer(fh, buf, length, DirectAtOffset(offset), false);
   const ZulKestOpAttr copy = SyncAttr(attr);
   return zulKestOpSyncWaitForIO(zulKestFHPread(&copy, fh, buf, length, offset));
 }
@@ -89,7 +95,9 @@ extern "C" int64_t zulKestFHPreadSync(const ZulKestOpAttr* attr, ZulKestFH fh, v
 extern "C" int64_t zulKestFHPwriteSync(const ZulKestOpAttr* attr, ZulKestFH fh, const void* buf,
                                        int64_t length, int64_t offset) {
   TraceBuffer("zulKestFHPwriteSync", buf, length);
-  if (DirectForHandle(fh)) return DirectTransfer(fh, const_cast<void*>(buf), length, offset, true);
+  if (length < 0) return ZUL_KEST_ERROR_BAD_SIZE;
+  if (DirectForHandle(fh))
+    return DirectTransfer(fh, const_cast<void*>(buf), length, DirectAtOffset(offset), true);
   const ZulKestOpAttr copy = SyncAttr(attr);
   return zulKestOpSyncWaitForIO(zulKestFHPwrite(&copy, fh, buf, length, offset));
 }
@@ -98,7 +106,7 @@ extern "C" int64_t zulKestFHReadvSync(const ZulKestOpAttr* attr, ZulKestFH fh,
                                       const ZulKestBuffer* iov, int32_t count) {
   KEST2_TRACE_API("zulKestFHReadvSync");
   if (iov == nullptr) return ZUL_KEST_ERROR_BAD_PTR;
-  if (DirectForHandle(fh)) return DirectVector(fh, iov, count, -1, false);
+  if (DirectForHandle(fh)) return DirectVector(fh, iov, count, kDirectAtPosition, false);
   const ZulKestOpAttr copy = SyncAttr(attr);
   return zulKestOpSyncWaitForIO(zulKestFHReadv(&copy, fh, iov, count));
 }
@@ -107,7 +115,7 @@ extern "C" int64_t zulKestFHWritevSync(const ZulKestOpAttr* attr, ZulKestFH fh,
                                        const ZulKestBuffer* iov, int32_t count) {
   KEST2_TRACE_API("zulKestFHWritevSync");
   if (iov == nullptr) return ZUL_KEST_ERROR_BAD_PTR;
-  if (DirectForHandle(fh)) return DirectVector(fh, iov, count, -1, true);
+  if (DirectForHandle(fh)) return DirectVector(fh, iov, count, kDirectAtPosition, true);
   const ZulKestOpAttr copy = SyncAttr(attr);
   return zulKestOpSyncWaitForIO(zulKestFHWritev(&copy, fh, iov, count));
 }
@@ -116,7 +124,7 @@ extern "C" int64_t zulKestFHPreadvSync(const ZulKestOpAttr* attr, ZulKestFH fh,
                                        const ZulKestBuffer* iov, int32_t count, int64_t offset) {
   KEST2_TRACE_API("zulKestFHPreadvSync");
   if (iov == nullptr) return ZUL_KEST_ERROR_BAD_PTR;
-  if (DirectForHandle(fh)) return DirectVector(fh, iov, count, offset, false);
+  if (DirectForHandle(fh)) return DirectVector(fh, iov, count, DirectAtOffset(offset), false);
   const ZulKestOpAttr copy = SyncAttr(attr);
   return zulKestOpSyncWaitForIO(zulKestFHPreadv(&copy, fh, iov, count, offset));
 }
@@ -125,7 +133,7 @@ extern "C" int64_t zulKestFHPwritevSync(const ZulKestOpAttr* attr, ZulKestFH fh,
                                         const ZulKestBuffer* iov, int32_t count, int64_t offset) {
   KEST2_TRACE_API("zulKestFHPwritevSync");
   if (iov == nullptr) return ZUL_KEST_ERROR_BAD_PTR;
-  if (DirectForHandle(fh)) return DirectVector(fh, iov, count, offset, true);
+  if (DirectForHandle(fh)) return DirectVector(fh, iov, count, DirectAtOffset(offset), true);
   const ZulKestOpAttr copy = SyncAttr(attr);
   return zulKestOpSyncWaitForIO(zulKestFHPwritev(&copy, fh, iov, count, offset));
 }

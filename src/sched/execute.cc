@@ -8,6 +8,8 @@
 #include "debug/dump.h"
 #include "debug/trace.h"
 #include "sched/chunk_tree.h"
+#include "sched/scheduler.h"
+#include "sched/scheduler_event.h"
 
 namespace kest2 {
 namespace {
@@ -89,7 +91,12 @@ int32_t Execute(ChunkID id, ChunkRunner run) {
   } else {
     if (TraceEnabled(kTraceChunk))
       TraceLine(kTraceChunk, "Execute", "starting: %s", DumpChunk(id, dump, sizeof(dump)));
-    result = run(id);
+    {
+      // The profiling event covers the handler call only: skipped chunks
+      // ran nothing and report nothing.
+      SchedulerEvent event(kEventExecute, id);
+      result = run(id);
+    }
     if (TraceEnabled(kTraceChunk)) {
       TraceLine(kTraceChunk, "Execute", "finished: err=%d, %s", result,
                 DumpChunk(id, dump, sizeof(dump)));
@@ -127,9 +134,7 @@ int32_t CompleteRoot(ChunkID root) {
       __atomic_store_n(&file->offset, position, __ATOMIC_RELEASE);
     }
   }
-  // A request's private handle goes whatever the result; a handle the
-  // request created goes when it failed, which OpFail sees to.
-  if ((internalFlags & kOpTemporaryHandle) != 0) OpReleaseTarget(op->targetHandle);
+  // Completion releases the handles the operation owned.
   if (err == ZUL_KEST_OK) {
     OpCompleteOk(op);
   } else {

@@ -21,7 +21,6 @@
 #include "io/native_handlers.h"
 #include "sched/chunk_tree.h"
 #include "sched/scheduler.h"
-#include "sched/scheduler_event.h"
 
 namespace kest2 {
 namespace {
@@ -445,9 +444,8 @@ int32_t ExecuteChunk(Scheduler* scheduler, ChunkID id, bool fastPath) {
   const int32_t kicksBefore = scheduler->kickCount;
   MutexUnlock(&scheduler->mutex);
 
-  if (result == ZUL_KEST_OK ||
-      (result == ZUL_KEST_ERROR_CANCELLED && (LoadChunkFlags(ChunkAt(id)) & kChunkCancelled) != 0)) {
-    SchedulerEvent event(kEventExecute, id);
+  if (result == ZUL_KEST_OK || (result == ZUL_KEST_ERROR_CANCELLED &&
+                                (LoadChunkFlags(ChunkAt(id)) & kChunkCancelled) != 0)) {
     result = Execute(id, scheduler->run);
   }
   if (__atomic_load_n(&scheduler->activeThreads, __ATOMIC_ACQUIRE) < 2)

@@ -183,8 +183,56 @@ TEST_F(RequestsTest, FullTablesGiveTheirCodes) {
   EXPECT_EQ(zulKestFHOpen(nullptr, &fh, file_.c_str(), nullptr), 0u);
   EXPECT_EQ(fh, 7u);
   EXPECT_EQ(zulKestOpSyncWait(0), ZUL_KEST_ERROR_CANT_ALLOCATE_OP);
+  // A negative length is refused before any operation is needed, and the
+  // handle's position stays.
+  EXPECT_EQ(zulKestFHReadSync(nullptr, readOnly_, &byte, -1), ZUL_KEST_ERROR_BAD_SIZE);
+  EXPECT_EQ(zulKestFHWriteSync(nullptr, readOnly_, &byte, -1), ZUL_KEST_ERROR_BAD_SIZE);
+  EXPECT_EQ(zulKestFHPreadSync(nullptr, readOnly_, &byte, -1, 0), ZUL_KEST_ERROR_BAD_SIZE);
+  EXPECT_EQ(zulKestFHPwriteSync(nullptr, readOnly_, &byte, -1, 0), ZUL_KEST_ERROR_BAD_SIZE);
+  EXPECT_EQ(zulKestFHTell(readOnly_), 0);
   zulKestResume();
   for (ZulKestOp op : ops) EXPECT_EQ(zulKestOpSyncWait(op), ZUL_KEST_OK);
+}
+
+// A whole-file prefetch works on a handle of its own; every way it can
+// fail gives that handle back.  Four rounds of each would exhaust the
+// table of four if one were kept.
+TEST_F(RequestsTest, FailedPrefetchesGiveTheirHandlesBack) {
+  const std::string missing = dir_.path() + "/missing";
+  const std::string tooLong(2000, 'x');
+  ZulKestOpAttr badFlags;
+  zulKestGetDefaultOpAttr(&badFlags);
+  badFlags.opflags = 0x400;
+  const Check checks[] = {
+      {"empty path", [](const ZulKestOpAttr* a) { return zulKestCachePrefetchFile(a, ""); },
+       ZUL_KEST_ERROR_BAD_PATH},
+      {"null path", [](const ZulKestOpAttr* a) { return zulKestCachePrefetchFile(a, nullptr); },
+       ZUL_KEST_ERROR_BAD_PATH},
+      {"path too long",
+       [&](const ZulKestOpAttr* a) { return zulKestCachePrefetchFile(a, tooLong.c_str()); },
+       ZUL_KEST_ERROR_PATH_TOO_LONG},
+      {"missing file",
+       [&](const ZulKestOpAttr* a) { return zulKestCachePrefetchFile(a, missing.c_str()); },
+       ZUL_KEST_ERROR_BAD_PATH},
+      {"missing file, range",
+       [&](const ZulKestOpAttr* a) {
+         return zulKestCachePrefetchFileRange(a, missing.c_str(), 0, 10);
+       },
+       ZUL_KEST_ERROR_BAD_PATH},
+      {"no cache installed to fill",
+       [&](const ZulKestOpAttr* a) { return zulKestCachePrefetchFile(a, file_.c_str()); },
+       ZUL_KEST_ERROR_UNIMPLEMENTED},
+      {"bad flags",
+       [&](const ZulKestOpAttr*) { return zulKestCachePrefetchFile(&badFlags, file_.c_str()); },
+       ZUL_KEST_ERROR_BAD_FLAGS},
+  };
+  for (const Check& check : checks) {
+    SCOPED_TRACE(check.what);
+    for (int round = 0; round < 5; ++round) {
+      EXPECT_EQ(zulKestOpSyncWait(check.request(nullptr)), check.expected);
+      EXPECT_EQ(zulKestGetAllFHs(nullptr, 0), 1);  // the one from set-up
+    }
+  }
 }
 
 }  // namespace

@@ -124,6 +124,35 @@ TEST_P(SyncRequestsTest, FileHandleFunctionsReadWriteSeekAndStat) {
   EXPECT_EQ(zulKestFHCloseSync(nullptr, fh), ZUL_KEST_OK);
 }
 
+// -1 is an offset like any other negative one: refused, never taken to
+// mean the current position, which stays where it was, and the file with it.
+TEST_P(SyncRequestsTest, PositionalTransfersAtMinusOneAreRefused) {
+  const std::string file = Path("positions");
+  WriteText(file, "0123456789");
+  ZulKestOpenParams params{};
+  params.openFlags = ZUL_KEST_O_READ | ZUL_KEST_O_WRITE;
+  ZulKestFH fh = 0;
+  ASSERT_EQ(zulKestFHOpenSync(nullptr, &fh, file.c_str(), &params), ZUL_KEST_OK);
+  char two[2];
+  ASSERT_EQ(zulKestFHReadSync(nullptr, fh, two, 2), 2);
+
+  EXPECT_EQ(zulKestFHPwriteSync(nullptr, fh, "X", 1, -1), ZUL_KEST_ERROR_BAD_OFFSET);
+  char y = 'Y';
+  const ZulKestBuffer out[1] = {{&y, 1}};
+  EXPECT_EQ(zulKestFHPwritevSync(nullptr, fh, out, 1, -1), ZUL_KEST_ERROR_BAD_OFFSET);
+  // A read there fails too (the engine refuses the offset, the system its
+  // argument) and fills nothing.
+  char byte = 0;
+  EXPECT_LT(zulKestFHPreadSync(nullptr, fh, &byte, 1, -1), 0);
+  const ZulKestBuffer in[1] = {{&byte, 1}};
+  EXPECT_LT(zulKestFHPreadvSync(nullptr, fh, in, 1, -1), 0);
+  EXPECT_EQ(byte, 0);
+
+  EXPECT_EQ(zulKestFHTell(fh), 2);
+  EXPECT_EQ(zulKestFHCloseSync(nullptr, fh), ZUL_KEST_OK);
+  EXPECT_EQ(ReadText(file), "0123456789");
+}
+
 INSTANTIATE_TEST_SUITE_P(EngineAndDirect, SyncRequestsTest, ::testing::Values(true, false),
                          [](const ::testing::TestParamInfo<bool>& info) {
                            return info.param ? "ThroughTheEngine" : "BeforeInitialisation";

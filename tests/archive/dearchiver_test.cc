@@ -299,7 +299,7 @@ TEST_F(DearchiverTest, NewerArchiveWinsAndRemountKeepsHandlesValid) {
   char buffer[32];
   EXPECT_EQ(zulKestFHPreadSync(nullptr, file, buffer, 32, 0), 12);
   EXPECT_EQ(zulKestArchiveUnmountSync(nullptr, oldFh), ZUL_KEST_OK);
-  EXPECT_LT(zulKestFHPreadSync(nullptr, file, buffer, 32, 0), 0);
+  EXPECT_EQ(zulKestFHPreadSync(nullptr, file, buffer, 32, 0), ZUL_KEST_ERROR_BAD_FH);
   ASSERT_EQ(Mount(older, "/m", &oldFh), ZUL_KEST_OK);
   EXPECT_EQ(zulKestFHPreadSync(nullptr, file, buffer, 32, 0), 12);
   EXPECT_EQ(zulKestFHCloseSync(nullptr, file), ZUL_KEST_OK);
@@ -331,6 +331,12 @@ TEST_F(DearchiverTest, UnmountWhileReadsAreInFlight) {
       const int32_t result = zulKestOpWait(reads[i]);
       if (result == ZUL_KEST_OK) {
         EXPECT_TRUE(buffers[i] == big) << "round " << round;
+      } else {
+        // Accepted before the unmount, they meet the closed archive file;
+        // lookups made after it fall through to the disk, which has no such
+        // file.
+        EXPECT_TRUE(result == ZUL_KEST_ERROR_BAD_FH || result == ZUL_KEST_ERROR_BAD_PATH)
+            << "round " << round << ": " << result;
       }
       zulKestOpDelete(reads[i]);
     }
@@ -407,23 +413,24 @@ TEST_F(DearchiverTest, CorruptArchivesFailWithTheirCodes) {
   EXPECT_EQ(Mount(dir_.path() + "/magic.zorba", "/c", &fh), ZUL_KEST_ERROR_BAD_ARCHIVE);
 
   WriteFile(dir_.path() + "/short.zorba", std::vector<uint8_t>(bytes.begin(), bytes.begin() + 20));
-  EXPECT_LT(Mount(dir_.path() + "/short.zorba", "/c", &fh), 0);
+  // Not even a whole header.
+  EXPECT_EQ(Mount(dir_.path() + "/short.zorba", "/c", &fh), ZUL_KEST_ERROR_EOF);
 
   // The TOC claims more than the file holds.
   WriteFile(dir_.path() + "/cut.zorba", std::vector<uint8_t>(bytes.begin(), bytes.begin() + bytes.size() / 2));
-  EXPECT_LT(Mount(dir_.path() + "/cut.zorba", "/c", &fh), 0);
+  EXPECT_EQ(Mount(dir_.path() + "/cut.zorba", "/c", &fh), ZUL_KEST_ERROR_BAD_ARCHIVE);
 
   // Garbage in the middle of the compressed data: the mount works (the TOC
   // and manifest are intact) but reads of the damaged blocks fail.
   std::vector<uint8_t> damaged = bytes;
   for (size_t i = bytes.size() / 3; i < bytes.size() / 3 + 200; ++i) damaged[i] ^= 0x5A;
   WriteFile(dir_.path() + "/damaged.zorba", damaged);
-  if (Mount(dir_.path() + "/damaged.zorba", "/d", &fh) == ZUL_KEST_OK) {
-    std::vector<uint8_t> buffer(text.size());
-    EXPECT_EQ(zulKestFileReadSync(nullptr, "/d/t.txt", buffer.data(), static_cast<int64_t>(buffer.size()), 0),
-              ZUL_KEST_ERROR_DECOMPRESSION);
-    EXPECT_EQ(zulKestArchiveUnmountSync(nullptr, fh), ZUL_KEST_OK);
-  }
+  ASSERT_EQ(Mount(dir_.path() + "/damaged.zorba", "/d", &fh), ZUL_KEST_OK);
+  std::vector<uint8_t> buffer(text.size());
+  EXPECT_EQ(zulKestFileReadSync(nullptr, "/d/t.txt", buffer.data(),
+                                static_cast<int64_t>(buffer.size()), 0),
+            ZUL_KEST_ERROR_DECOMPRESSION);
+  EXPECT_EQ(zulKestArchiveUnmountSync(nullptr, fh), ZUL_KEST_OK);
   EXPECT_EQ(zulKestGetAllFHs(nullptr, 0), 0);
 }
 

@@ -3,23 +3,23 @@
 // cancellation (also racing the completion), many issuing threads, and
 // termination with work in flight.
 
+#include <gtest/gtest.h>
 #include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <filesystem>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "api/records.h"
 #include "core/handletable.h"
 #include "kest2.h"
+#include "sched/chunk.h"
 #include "test_support.h"
 
 namespace {
@@ -188,8 +188,23 @@ TEST_F(EngineTest, SuspensionHoldsQueuedWorkUntilResumed) {
   EXPECT_TRUE(zulKestIsIdle());
 }
 
+std::atomic<int> g_executedReads{0};
+std::atomic<int> g_executedCloses{0};
+void CountExecutions(const ZulKestIOEvent* event) {
+  if (event->kind != 13) return;
+  const auto* subject = reinterpret_cast<const ZulKestSchedulerEventSubject*>(event->request);
+  if (subject->chunkType == CHUNK_FH_READ) ++g_executedReads;
+  if (subject->chunkType == CHUNK_FH_CLOSE) ++g_executedCloses;
+}
+
 TEST_F(EngineTest, CancellingQueuedReadsStillClosesTheFile) {
   Start(1, 65536);
+  g_executedReads = 0;
+  g_executedCloses = 0;
+  ZulKestParams params;
+  ASSERT_TRUE(zulKestIsInitialized(&params));
+  params.pEventCallback = CountExecutions;
+  zulKestUpdateParameters(&params);
   const std::string path = MakeFile("cancelled", 1 << 20, 6);
   ZulKestFH fh = 0;
   ASSERT_EQ(zulKestOpSyncWait(zulKestFHOpen(nullptr, &fh, path.c_str(), nullptr)), ZUL_KEST_OK);
@@ -206,6 +221,10 @@ TEST_F(EngineTest, CancellingQueuedReadsStillClosesTheFile) {
   // Every piece was counted down, so the close is not held back.
   EXPECT_EQ(Lookup<FileHandle>(kFhTable, fh)->m_pendingIO, 0);
   EXPECT_EQ(zulKestOpSyncWait(zulKestFHClose(nullptr, fh)), ZUL_KEST_OK);
+  // The skipped pieces ran no handler, so none is reported as executed;
+  // the close did run.
+  EXPECT_EQ(g_executedReads, 0);
+  EXPECT_EQ(g_executedCloses, 1);
   // Cancelling a finished operation changes nothing.
   const ZulKestOp done = zulKestFileRead(nullptr, path.c_str(), buffer.data(), 16, 0);
   EXPECT_EQ(zulKestOpWait(done), ZUL_KEST_OK);
@@ -248,6 +267,53 @@ TEST_F(EngineTest, CancelRacingCompletionEndsEitherWayWithNothingLost) {
   EXPECT_EQ(zulKestGetAllFHs(nullptr, 0), 0);
   zulKestTerminate();
   EXPECT_EQ(output_.text().find("still allocated"), std::string::npos) << output_.text();
+}
+
+size_t OpenDescriptors() {
+  return static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                                           std::filesystem::directory_iterator()));
+}
+
+// A cancel may land while an open is executing; when the open then succeeds
+// the operation still fails as cancelled, and what the open got from the
+// system (a descriptor, a directory listing) must go with its handle.
+TEST_F(EngineTest, CancelledOpensLeaveNoHandleAndNoDescriptor) {
+  Start(2);
+  const std::string path = MakeFile("opened", 100, 12);
+  std::vector<uint64_t> listing(16384);  // the native state and the merged listing
+  const size_t descriptors = OpenDescriptors();
+  int cancelled = 0;
+  int opened = 0;
+  for (int round = 0; round < 400; ++round) {
+    const bool directory = round % 2 == 1;
+    ZulKestFH fh = 0;
+    ZulKestDH dh = 0;
+    const ZulKestOp op =
+        directory ? zulKestDHOpen(nullptr, &dh, dir_.path().c_str(), listing.data(),
+                                  static_cast<int64_t>(listing.size() * sizeof(uint64_t)))
+                  : zulKestFHOpen(nullptr, &fh, path.c_str(), nullptr);
+    ASSERT_NE(op, 0u);
+    std::thread canceller([op, round] {
+      for (int spin = 0; spin < (round / 2) * 5; ++spin) std::this_thread::yield();
+      zulKestOpCancel(op);
+    });
+    const int32_t result = zulKestOpWait(op);
+    canceller.join();
+    zulKestOpDelete(op);
+    if (result == ZUL_KEST_OK) {
+      ++opened;
+      EXPECT_EQ(directory ? zulKestDHCloseSync(nullptr, dh) : zulKestFHCloseSync(nullptr, fh),
+                ZUL_KEST_OK);
+    } else {
+      ASSERT_EQ(result, ZUL_KEST_ERROR_CANCELLED);
+      ++cancelled;
+      EXPECT_FALSE(zulKestIsValidHandle(directory ? dh : fh));
+    }
+    ASSERT_EQ(OpenDescriptors(), descriptors) << "round " << round;
+  }
+  EXPECT_GT(cancelled, 0);
+  EXPECT_EQ(zulKestGetAllFHs(nullptr, 0), 0);
+  EXPECT_EQ(zulKestGetAllDHs(nullptr, 0), 0);
 }
 
 TEST_F(EngineTest, ExhaustedChunkStorageFailsTheRequestAndLeaksNothing) {
