@@ -2,14 +2,16 @@
 // waits, deletion racing waiters, and the accessors' answers for bad
 // handles.  Completion is driven here directly, as the engine will.
 
+#include "api/operation.h"
+
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <chrono>
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "api/operation.h"
+#include "api/request_support.h"
 #include "core/handletable.h"
 #include "debug/trace.h"
 #include "kest2.h"
@@ -92,7 +94,8 @@ TEST_F(OperationTest, FailCompletesAtOnceAndCallsBackOnce) {
 
 TEST_F(OperationTest, FailReleasesTheHandleTheRequestCreated) {
   Operation* op = NewOp();
-  const uint32_t fh = kest2::AllocateHandle(kest2::kFhTable);
+  // As an open request makes it: no descriptor yet.
+  const uint32_t fh = kest2::NewFileHandle(nullptr)->h;
   op->targetHandle = fh;
   op->internalFlags = kest2::kOpOwnsNewHandle;
   kest2::OpFail(op, ZUL_KEST_ERROR_ACCESS);
