@@ -2,6 +2,7 @@
 #ifndef KEST2_TESTS_TEST_SUPPORT_H_
 #define KEST2_TESTS_TEST_SUPPORT_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -42,6 +43,10 @@ struct TestStorage {
 ZulKestParams MakeParams(TestStorage* storage, uint32_t opUnits = 64,
                          uint32_t fhUnits = 32, uint32_t dhUnits = 16,
                          uint32_t pathMax = 1024, uint32_t chunkUnits = 1024);
+
+// The process's open descriptors, counted in /proc/self/fd (the count
+// includes the one the listing itself holds, the same in every call).
+size_t OpenDescriptors();
 
 // A directory under the system's temporary directory, removed with its
 // contents at destruction.

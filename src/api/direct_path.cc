@@ -91,8 +91,7 @@ int64_t DirectPathTransfer(const char* path, void* buffer, int64_t length, int64
   if (opened < 0) return MapNativeError(opened);
   int64_t result = ZUL_KEST_ERROR_BAD_SIZE;
   if (length >= 0) {
-    result = MappedCount(write ? NativePwrite(fd, buffer, length, offset)
-                               : NativePread(fd, buffer, length, offset));
+    result = MappedCount(Transfer(fd, buffer, length, DirectAtOffset(offset), write));
   }
   NativeClose(fd);
   return result;

@@ -31,11 +31,6 @@ void WriteFile(const std::string& path, size_t size) {
   std::ofstream(path) << std::string(size, 'x');
 }
 
-size_t OpenDescriptors() {
-  return static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                                           std::filesystem::directory_iterator()));
-}
-
 std::atomic<int> g_events[9];
 void CountEvent(const ZulKestIOEvent* event) {
   if (event->kind < 9) ++g_events[event->kind];
@@ -157,7 +152,7 @@ TEST_F(DirListingTest, TooSmallBufferReportsTheLengthThatWorks) {
 
 TEST_F(DirListingTest, OnlyAnOpenListingHoldsAHandleAndADescriptor) {
   WriteFile(dir_.path() + "/file", 3);
-  const size_t descriptors = OpenDescriptors();
+  const size_t descriptors = kest2_test::OpenDescriptors();
   ZulKestDH dh = 0;
   void* buffer = Buffer(kPlainLength);
   EXPECT_EQ(
@@ -169,10 +164,10 @@ TEST_F(DirListingTest, OnlyAnOpenListingHoldsAHandleAndADescriptor) {
 
   dh = Open(dir_.path());
   EXPECT_EQ(zulKestGetAllDHs(nullptr, 0), 1);
-  EXPECT_EQ(OpenDescriptors(), descriptors + 1);
+  EXPECT_EQ(kest2_test::OpenDescriptors(), descriptors + 1);
   EXPECT_EQ(zulKestDHCloseSync(nullptr, dh), ZUL_KEST_OK);
   EXPECT_EQ(zulKestGetAllDHs(nullptr, 0), 0);
-  EXPECT_EQ(OpenDescriptors(), descriptors);
+  EXPECT_EQ(kest2_test::OpenDescriptors(), descriptors);
   ZulKestDirEntry entry;
   EXPECT_EQ(zulKestDHReadSync(nullptr, dh, &entry), ZUL_KEST_ERROR_BAD_DH);
   EXPECT_EQ(zulKestDHCloseSync(nullptr, dh), ZUL_KEST_ERROR_BAD_DH);

@@ -269,11 +269,6 @@ TEST_F(EngineTest, CancelRacingCompletionEndsEitherWayWithNothingLost) {
   EXPECT_EQ(output_.text().find("still allocated"), std::string::npos) << output_.text();
 }
 
-size_t OpenDescriptors() {
-  return static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                                           std::filesystem::directory_iterator()));
-}
-
 // A cancel may land while an open is executing; when the open then succeeds
 // the operation still fails as cancelled, and what the open got from the
 // system (a descriptor, a directory listing) must go with its handle.
@@ -281,7 +276,7 @@ TEST_F(EngineTest, CancelledOpensLeaveNoHandleAndNoDescriptor) {
   Start(2);
   const std::string path = MakeFile("opened", 100, 12);
   std::vector<uint64_t> listing(16384);  // the native state and the merged listing
-  const size_t descriptors = OpenDescriptors();
+  const size_t descriptors = kest2_test::OpenDescriptors();
   int cancelled = 0;
   int opened = 0;
   for (int round = 0; round < 400; ++round) {
@@ -317,7 +312,7 @@ TEST_F(EngineTest, CancelledOpensLeaveNoHandleAndNoDescriptor) {
       ++cancelled;
       EXPECT_FALSE(zulKestIsValidHandle(directory ? dh : fh));
     }
-    ASSERT_EQ(OpenDescriptors(), descriptors) << "round " << round;
+    ASSERT_EQ(kest2_test::OpenDescriptors(), descriptors) << "round " << round;
   }
   EXPECT_GT(cancelled, 0);
   EXPECT_EQ(zulKestGetAllFHs(nullptr, 0), 0);
