@@ -947,13 +947,26 @@ void RescheduleChunk(ChunkID id, ZulKestTime deadline, int8_t priority, ChunkID 
   RescheduleLocked(id, deadline, priority, excluded);
 }
 
-bool CompleteChunk(ChunkID id, int32_t error) {
+bool CompleteChunk(ChunkID id, int32_t error, uint32_t* readyPlaces) {
   if (id == CHUNKID_INVALID) return false;
   ChunkLocker lock;
   KEST2_TRACE(kTraceChunk, "Complete", "%s", DumpChunk(id, nullptr, 0));
   ChunkHeader* chunk = ChunkAt(id);
   StoreChunkFlags(chunk, static_cast<uint16_t>((LoadChunkFlags(chunk) | kChunkCompleted) & ~kChunkExecuting));
   if (error != 0) PropagateErrorLocked(id, error, false);
+  if (readyPlaces != nullptr) {
+    // Decided under the lock that marks the chunk completed, so of two
+    // children finishing together exactly the last one sees its parent
+    // ready.  A parent without a chosen scheduler is not queued yet; its
+    // own queueing wakes a thread for it.
+    ParentCursor parents(id);
+    for (ChunkID parent = parents.Next(); parent != CHUNKID_INVALID; parent = parents.Next()) {
+      if (parent == g_globalRoot) continue;
+      const int place =
+          (LoadChunkFlags(ChunkAt(parent)) & kChunkSchedulerIndexMask) >> kChunkSchedulerIndexShift;
+      if (place != 0 && AllChildrenCompletedLocked(parent)) *readyPlaces |= 1u << (place - 1);
+    }
+  }
   return chunk->type == CHUNK_ROOT;
 }
 

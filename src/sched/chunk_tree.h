@@ -130,8 +130,10 @@ void PrepareChunk(ChunkID id, int8_t priority, ZulKestTime deadline);
 // Re-derives deadline and priority of the subtree from its parents.
 void RescheduleChunk(ChunkID id, ZulKestTime deadline, int8_t priority, ChunkID excluded);
 // Marks the chunk completed (propagating a non-zero error); true when it is
-// a CHUNK_ROOT.
-bool CompleteChunk(ChunkID id, int32_t error);
+// a CHUNK_ROOT.  With readyPlaces, sets bit i for each parent that this
+// completion left with every child completed and whose scheduler has been
+// chosen as the i-th of the list: the schedulers that have work now.
+bool CompleteChunk(ChunkID id, int32_t error, uint32_t* readyPlaces = nullptr);
 // Records error in every CHUNK_CALLBACK and operation above the chunk where
 // none is recorded yet (or always, when forced).
 void PropagateChunkError(ChunkID id, int32_t error, bool force);

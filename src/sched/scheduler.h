@@ -66,6 +66,7 @@ struct Scheduler {
   uint64_t m_busySkip;          // leading entries known blocked or busy
   int32_t kickCount;
   uint64_t busyCount;
+  bool holdsBusy;  // a chunk answered busy since the last wake-up by a kick
   uint64_t takePosition;
   uint64_t removeHint;
   int32_t activeThreads;        // chunks executing for this scheduler
@@ -182,6 +183,10 @@ int32_t ExecuteChunkOutsideThreads(Scheduler* scheduler, ChunkID id, bool fastPa
 // Wakes a scheduler's threads when its queue is not empty: something its
 // chunks wait for may have changed.
 void Kick(Scheduler* scheduler);
+// The kick of a chunk's completion: counted like any kick, but it wakes the
+// threads only when the completion made a queued chunk ready (readyParent)
+// or when a chunk of the queue answered busy and may be waiting for it.
+void KickAfterCompletion(Scheduler* scheduler, bool readyParent);
 void KickAllSchedulers();
 // True when the linked CHUNK_CALLBACK (or the chunk itself, when it is one)
 // would answer busy now.  REQUIRES: scheduler mutex held.

@@ -137,7 +137,11 @@ uint32_t PlaceBit(const Scheduler* wanted) {
 }
 
 // The schedulers to kick once the chunk has completed, gathered before: a
-// completed chunk's parents may run, and be freed, at once.
+// completed chunk's parents may run, and be freed, at once.  The other I/O
+// schedulers may hold a close or a read waiting on the handle this chunk
+// used; the callback scheduler holds only roots and callbacks, which wait
+// for their children (CompleteChunk tells when one became ready) or answer
+// busy (KickAfterCompletion looks).
 uint32_t SchedulersToKick(const Scheduler* scheduler, ChunkID id) {
   uint32_t kick = 0;
   for (uint32_t n = 0;; ++n) {
@@ -152,12 +156,13 @@ uint32_t SchedulersToKick(const Scheduler* scheduler, ChunkID id) {
   return kick;
 }
 
-void KickPlaces(uint32_t places) {
+// readyPlaces: the schedulers whose queued chunks the completion made ready.
+void KickPlaces(uint32_t places, uint32_t readyPlaces) {
   uint32_t bit = 1;
   for (Scheduler* s = SchedulerListHead(); s != nullptr && places != 0; s = s->next, bit <<= 1) {
     if ((places & bit) == 0) continue;
     KEST2_TRACE(kTraceSched, "ExecuteChunk", "%s", "kick");
-    Kick(s);
+    KickAfterCompletion(s, (readyPlaces & bit) != 0 || s != &g_callbackScheduler);
   }
 }
 
@@ -189,13 +194,19 @@ ChunkID NextEligible(Scheduler* scheduler) {
   for (uint64_t i = scheduler->m_busySkip; i < scheduler->m_queueCount; ++i) {
     const ChunkID c = QueueAt(scheduler, i);
     const bool isCallback = ChunkAt(c)->type == CHUNK_CALLBACK;
-    if (!DeferChunk(c, false) || (isCallback && ChunkIsBusy(scheduler, c))) {
+    if (!DeferChunk(c, false)) {
       ++scheduler->m_busySkip;
+      continue;
+    }
+    if (isCallback && ChunkIsBusy(scheduler, c)) {
+      ++scheduler->m_busySkip;
+      scheduler->holdsBusy = true;
       continue;
     }
     if (!isCallback && HasLinked(c) && ChunkIsBusy(scheduler, c)) {
       ++scheduler->m_busySkip;
       ++scheduler->busyCount;
+      scheduler->holdsBusy = true;
       continue;
     }
     RemoveFromQueue(scheduler, i);
@@ -273,6 +284,7 @@ int32_t CreateScheduler(Scheduler* scheduler, const char* prefix, MatchPathFunct
   scheduler->queueHighWater = 0;
   scheduler->kickCount = 0;
   scheduler->busyCount = 0;
+  scheduler->holdsBusy = false;
   scheduler->activeThreads = 0;
   scheduler->shuttingDown = false;
   scheduler->matchPath = match;
@@ -427,6 +439,7 @@ int32_t ExecuteChunk(Scheduler* scheduler, ChunkID id, bool fastPath) {
       if (!fastPath) PutBack(scheduler, id);
       ++scheduler->busyCount;
       ++scheduler->m_busySkip;
+      scheduler->holdsBusy = true;
       __atomic_store_n(&scheduler->runningFinish, ZulKestTime{0}, __ATOMIC_RELAXED);
       ClearExecuting(id);
       return ZUL_KEST_ERROR_RETRY;
@@ -453,6 +466,7 @@ int32_t ExecuteChunk(Scheduler* scheduler, ChunkID id, bool fastPath) {
 
   if (result == ZUL_KEST_ERROR_RETRY) {
     MutexLock(&scheduler->mutex);
+    scheduler->holdsBusy = true;
     if (!fastPath) {
       PutBack(scheduler, id);
       if (scheduler->kickCount == kicksBefore) ++scheduler->m_busySkip;
@@ -463,7 +477,8 @@ int32_t ExecuteChunk(Scheduler* scheduler, ChunkID id, bool fastPath) {
 
   const uint32_t kick = fastPath ? 0 : SchedulersToKick(scheduler, id);
   const Measured measured = Measure(id);
-  const bool isRoot = CompleteChunk(id, result);
+  uint32_t readyPlaces = 0;
+  const bool isRoot = CompleteChunk(id, result, &readyPlaces);
   const ZulKestTime elapsed = zulKestTimeGetCurrent() - start;
 
   MutexLock(&scheduler->mutex);
@@ -474,7 +489,7 @@ int32_t ExecuteChunk(Scheduler* scheduler, ChunkID id, bool fastPath) {
   MutexUnlock(&scheduler->mutex);
 
   if (!fastPath) {
-    KickPlaces(kick);
+    KickPlaces(kick, readyPlaces);
   } else if (queueNotEmpty) {
     Kick(scheduler);
   }
@@ -501,6 +516,21 @@ void Kick(Scheduler* scheduler) {
     if (scheduler->m_queueCount != 0) {
       scheduler->m_busySkip = 0;
       scheduler->busyCount = 0;
+      scheduler->holdsBusy = false;
+      CondBroadcast(&scheduler->wakeup);
+    }
+  }
+  MutexUnlock(&scheduler->mutex);
+}
+
+void KickAfterCompletion(Scheduler* scheduler, bool readyParent) {
+  MutexLock(&scheduler->mutex);
+  if (!scheduler->shuttingDown) {
+    ++scheduler->kickCount;
+    if (scheduler->m_queueCount != 0 && (readyParent || scheduler->holdsBusy)) {
+      scheduler->m_busySkip = 0;
+      scheduler->busyCount = 0;
+      scheduler->holdsBusy = false;
       CondBroadcast(&scheduler->wakeup);
     }
   }
