@@ -2,9 +2,11 @@
 # Builds the benchmark programs (Release, build-bench) and runs them one
 # after the other, then prints one table of kest2 against each baseline:
 # plain pread, a single-thread inflate loop, PhysicsFS (when installed),
-# FIFO ordering and the cache switched off.  Each program's own report goes
-# to build-bench/bench-logs/.  Benchmarks print measurements and never fail
-# on them; the script fails only when a program fails (a byte mismatch).
+# FIFO ordering, the cache switched off, and a two-thread pread pool with
+# many requests in flight (io_uring beside it in that program's report).
+# Each program's own report goes to build-bench/bench-logs/.  Benchmarks
+# print measurements and never fail on them; the script fails only when a
+# program fails (a byte mismatch).
 #
 #   bench/run.sh           sizes that run in about five minutes
 #   bench/run.sh --full    each program's default sizes (longer)
@@ -19,7 +21,7 @@ cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DKEST2_BUILD_BENC
   -DKEST2_BUILD_TESTS=OFF >/dev/null
 cmake --build build-bench -j "$(nproc 2>/dev/null || echo 2)" \
   --target kest2_deadline_bench kest2_overhead_bench kest2_throughput_bench \
-           kest2_archive_bench kest2_cache_bench
+           kest2_archive_bench kest2_cache_bench kest2_inflight_bench
 
 LOGS=build-bench/bench-logs
 mkdir -p "$LOGS"
@@ -28,11 +30,11 @@ SUMMARY="$LOGS/summary.tsv"
 export KEST2_BENCH_SUMMARY="$PWD/$SUMMARY"
 
 if [[ "$FULL" == 1 ]]; then
-  RUNS=("deadline" "overhead" "throughput" "archive" "cache")
-  ARGS=("" "" "" "" "")
+  RUNS=("deadline" "overhead" "throughput" "archive" "cache" "inflight")
+  ARGS=("" "" "" "" "" "")
 else
-  RUNS=("deadline" "overhead" "throughput" "archive" "cache")
-  ARGS=("--rounds=1" "" "256" "96 --rounds=3" "32 32 --rounds=3")
+  RUNS=("deadline" "overhead" "throughput" "archive" "cache" "inflight")
+  ARGS=("--rounds=1" "" "256" "96 --rounds=3" "32 32 --rounds=3" "256 --reps=3")
 fi
 
 for i in "${!RUNS[@]}"; do

@@ -4,8 +4,10 @@
 # (CI sets it so a fresh machine always gets a current package list).
 set -euo pipefail
 
-# gdb prints the stacks of a test that hangs (tests/test_watchdog.cc).
-PACKAGES=(cmake ninja-build g++ clang pkg-config zlib1g-dev libgtest-dev libgmock-dev gdb)
+# gdb prints the stacks of a test that hangs (tests/test_watchdog.cc);
+# liburing-dev gives the in-flight benchmark its io_uring baseline.
+PACKAGES=(cmake ninja-build g++ clang pkg-config zlib1g-dev libgtest-dev libgmock-dev gdb
+          liburing-dev)
 
 missing=()
 for p in "${PACKAGES[@]}"; do
