@@ -133,6 +133,57 @@ class LaterChunks {
 // one pass backward counts the entries behind each candidate that the shift
 // makes late, and a last pass picks the winner: O(n log n) instead of
 // simulating the rest of the queue for every index.
+// True when the back is where the simulation would put the chunk, proven
+// from the summary without walking the queue: when
+//  - no two neighbours in the queue are positioned on one stream, and the
+//    new chunk, if positioned, shares its stream with no queued chunk, then
+//    every positioned chunk behind the first pays the far seek wherever the
+//    new one goes, so every place but the front delays the rest by exactly
+//    the new chunk's own cost at the back (the front is worked out);
+//  - the queue's finish, bounded from above, is before every queued
+//    deadline, and the new chunk's own deadline holds at the back;
+// then every place misses nothing, ends at the same time or later, and on
+// a tie the back wins (a chunk that costs nothing goes the full way).
+bool BackWinsOutright(const Scheduler* scheduler, ChunkID id, ZulKestTime start) {
+  const QueueSummary& summary = scheduler->summary;
+  const uint64_t count = scheduler->m_queueCount;
+  if (summary.count != count || summary.sameStreamPairs != 0) return false;
+  const ChunkHeader* chunk = ChunkAt(id);
+  if (IsPositioned(chunk) ? summary.streams[StreamBucket(id)] != 0
+                          : scheduler->typeEstimate[chunk->type] <= 0) {
+    return false;
+  }
+  // Behind a chunk without a position no seek is ever near: the new
+  // chunk's cost at the back, whatever the last entry is.
+  EstimateState own{};
+  own.head = PositionKey{-1, 0};
+  EstimateStep(scheduler, id, INT32_MAX, &own);
+  const ZulKestTime backCost = own.clock;
+
+  const PositionKey head{scheduler->lastHandle, scheduler->lastEnd};
+  const ChunkID first = QueueAt(scheduler, 0);
+  EstimateState alone{};
+  alone.head = head;
+  EstimateStep(scheduler, first, INT32_MAX, &alone);
+  EstimateState behind{};
+  behind.head = head;
+  EstimateStep(scheduler, id, INT32_MAX, &behind);
+  EstimateStep(scheduler, first, INT32_MAX, &behind);
+  if (behind.clock - alone.clock < backCost) return false;
+
+  // The first entry is counted twice over (exactly, and again in the sums),
+  // which only makes the bound safer.
+  __int128 finish = static_cast<__int128>(start) + alone.clock;
+  finish += static_cast<__int128>(summary.positioned) * scheduler->seekEstimate[0];
+  for (int type = 0; type < kChunkTypeCount; ++type) {
+    const __int128 estimate = scheduler->typeEstimate[type];
+    finish += summary.unpositioned[type] * estimate;
+    // Each positioned chunk costs at most its share of the per-64-KiB rate.
+    finish += (summary.transferBytes[type] * estimate + 65535) / 65536;
+  }
+  return finish <= summary.minDeadline && finish + backCost <= chunk->deadline;
+}
+
 uint64_t PlaceBySimulation(Scheduler* scheduler, ChunkID id, ZulKestTime now) {
   InsertScratch* scratch = &scheduler->insertScratch;
   const uint64_t count = scheduler->m_queueCount;
@@ -143,8 +194,10 @@ uint64_t PlaceBySimulation(Scheduler* scheduler, ChunkID id, ZulKestTime now) {
   prefix.clock = running != 0 ? running : now + kIdleStartDelay;
   prefix.head = PositionKey{scheduler->lastHandle, scheduler->lastEnd};
   int32_t previousLateness = 128;
+  ZulKestTime minDeadline = LLONG_MAX;
   for (uint64_t c = 0; c < count; ++c) {
     const ChunkID queued = QueueAt(scheduler, c);
+    if (ChunkAt(queued)->deadline < minDeadline) minDeadline = ChunkAt(queued)->deadline;
     EstimateState trial = prefix;
     const int32_t lateness = EstimateStep(scheduler, id, INT32_MAX, &trial);
     trial.laterHigher = 0;
@@ -161,6 +214,11 @@ uint64_t PlaceBySimulation(Scheduler* scheduler, ChunkID id, ZulKestTime now) {
     scratch->order[c] = static_cast<uint16_t>(c);
     previousLateness = queuedLateness;
   }
+
+  // The walk gives the summary's deadline bound back its exact value (it
+  // only ever falls while the queue is not empty).
+  if (scheduler->summary.count != count) RebuildQueueSummary(scheduler);
+  scheduler->summary.minDeadline = minDeadline;
 
   std::sort(scratch->order, scratch->order + count,
             [scratch](uint16_t a, uint16_t b) { return scratch->slack[a] < scratch->slack[b]; });
@@ -296,6 +354,8 @@ uint64_t FindInsertPosition(Scheduler* scheduler, ChunkID id) {
     }
   }
 
+  const ZulKestTime running = __atomic_load_n(&scheduler->runningFinish, __ATOMIC_RELAXED);
+  if (BackWinsOutright(scheduler, id, running != 0 ? running : now + kIdleStartDelay)) return count;
   return PlaceBySimulation(scheduler, id, now);
 }
 

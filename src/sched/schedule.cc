@@ -97,7 +97,7 @@ void RemoveAt(Scheduler* scheduler, uint64_t index, ChunkID id) {
               DumpChunk(id, dump, sizeof(dump)));
   }
   if (scheduler->m_busySkip != 0 && scheduler->m_busySkip >= index) --scheduler->m_busySkip;
-  RemoveFromQueue(scheduler, index);
+  UnqueueChunk(scheduler, index);
   scheduler->removeHint = index;
   if ((LoadFlags(id) & kChunkCancelled) == 0) return;
   {
@@ -220,7 +220,7 @@ bool AddToSchedule(Scheduler* scheduler, ChunkID id, uint32_t opflags, bool fast
     } else {
       index = FindInsertPosition(scheduler, id);
     }
-    InsertIntoQueue(scheduler, index, id);
+    QueueChunk(scheduler, index, id);
   }
 
   // A chunk that ran here woke the threads already (and may be gone).  A

@@ -50,6 +50,22 @@ struct InsertScratch {
   int64_t prioritySlack[512];     // minimum slack per priority, as a segment tree
 };
 
+// What placement needs to know of an I/O queue without walking it, kept in
+// step by QueueChunk and UnqueueChunk and rebuilt by every full placement
+// search.  It lets placement prove in O(1) the common case: every queued
+// chunk and the new one meet their deadlines wherever it goes, no place
+// saves a seek, so the back wins (see insert_position.cc).
+constexpr uint32_t kStreamBuckets = 4096;
+struct QueueSummary {
+  uint64_t count;                          // entries accounted; != queue count: not in step
+  uint32_t sameStreamPairs;                // neighbours both positioned on one stream
+  uint32_t positioned;                     // positioned entries
+  uint32_t unpositioned[kChunkTypeCount];  // the other entries, per type
+  int64_t transferBytes[kChunkTypeCount];  // bytes of the positioned entries, per type
+  ZulKestTime minDeadline;                 // no queued deadline is earlier
+  uint16_t streams[kStreamBuckets];        // positioned entries per stream hash
+};
+
 struct Scheduler {
   int32_t threadCount;
   Scheduler* next;  // next in the global list
@@ -79,6 +95,7 @@ struct Scheduler {
   ZulKestTime runningFinish;    // estimated finish of that chunk, 0 idle
   ZulKestTime typeEstimate[kChunkTypeCount];  // positioned: per 64 KiB
   ZulKestTime seekEstimate[2];  // far seek; per 64 KiB of distance
+  QueueSummary summary;
   InsertScratch insertScratch;
 };
 
@@ -97,6 +114,17 @@ void InsertIntoQueue(Scheduler* scheduler, uint64_t index, ChunkID id);
 void RemoveFromQueue(Scheduler* scheduler, uint64_t index);
 // Traces the queue's occupied slots under "sched".
 void PrintQueue(const Scheduler* scheduler);
+
+// --- The queue of chunks (REQUIRES: scheduler mutex held) ------------------
+
+// InsertIntoQueue and RemoveFromQueue for I/O queues of live chunks: they
+// keep the summary in step.
+void QueueChunk(Scheduler* scheduler, uint64_t index, ChunkID id);
+void UnqueueChunk(Scheduler* scheduler, uint64_t index);
+// Recounts the summary from the queue.
+void RebuildQueueSummary(Scheduler* scheduler);
+// The summary's stream bucket of a positioned chunk.
+uint32_t StreamBucket(ChunkID id);
 
 // --- Placement (REQUIRES: scheduler mutex held) ----------------------------
 

@@ -30,6 +30,7 @@ void ResetSchedulerModel(Scheduler* scheduler) {
   scheduler->m_busySkip = 0;
   scheduler->takePosition = 0;
   scheduler->removeHint = 0;
+  RebuildQueueSummary(scheduler);
 }
 
 ChunkID QueueAt(const Scheduler* scheduler, uint64_t index) {

@@ -65,7 +65,7 @@ int32_t CallLinked(ChunkID id, int32_t event) {
 
 // Puts a busy chunk back at the place it was taken from.
 void PutBack(Scheduler* scheduler, ChunkID id) {
-  InsertIntoQueue(scheduler, scheduler->takePosition, id);
+  QueueChunk(scheduler, scheduler->takePosition, id);
 }
 
 // Exponential average with weight 1/20; never stalls short of the sample.
@@ -209,7 +209,7 @@ ChunkID NextEligible(Scheduler* scheduler) {
       scheduler->holdsBusy = true;
       continue;
     }
-    RemoveFromQueue(scheduler, i);
+    UnqueueChunk(scheduler, i);
     scheduler->takePosition = i;
     ChunkHeader* chunk = ChunkAt(c);
     StoreChunkFlags(chunk, static_cast<uint16_t>(LoadChunkFlags(chunk) | kChunkExecuting));

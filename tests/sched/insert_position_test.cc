@@ -2,13 +2,14 @@
 // order, the protection of chunks already late, and the ring itself
 // against a simple model.
 
+#include <gtest/gtest.h>
+
 #include <cstdlib>
+#include <cstring>
 #include <deque>
 #include <memory>
 #include <random>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "core/handletable.h"
 #include "kest2.h"
@@ -244,6 +245,79 @@ TEST_F(InsertPositionTest, PlacementMatchesTheRuleSimulatedAtEveryIndex) {
       DeallocateChunk(fresh);
     }
     while (s->m_queueCount != 0) RemoveFromQueue(s, 0);
+    for (ChunkID id : queued) DeallocateChunk(id);
+    queued.clear();
+  }
+}
+
+// Queues as the engine keeps them (through QueueChunk and UnqueueChunk, so
+// the summary is in step): files read whole, each on its own stream, opens
+// and closes between them, mostly far deadlines so that placement can often
+// skip the walk; now and then a tight deadline, a second piece of a file, a
+// removal from the middle or a head on the new chunk's stream, where it
+// must not.
+TEST_F(InsertPositionTest, PlacementWithoutTheWalkMatchesTheRule) {
+  Scheduler* s = scheduler_.get();
+  const unsigned seed = std::random_device{}();
+  std::mt19937 rng(seed);
+  RebuildQueueSummary(s);
+  auto pseudo = [](uint64_t stream, int64_t offset) {
+    return static_cast<int64_t>((uint64_t{1} << 63) | ((stream << 36) & 0x6FFFFFF000000000ULL)) +
+           offset;
+  };
+  uint32_t tight = 0;  // one chunk in `tight` has a near deadline; 0: none
+  auto randomChunk = [&]() {
+    ChunkID id;
+    if (rng() % 3 == 0) {
+      id = AllocateChunk(rng() % 2 == 0 ? CHUNK_FH_OPEN : CHUNK_FH_CLOSE);
+    } else {
+      const uint64_t stream = 1 + rng() % (rng() % 8 == 0 ? 4 : 100000);
+      id = Read(pseudo(stream, static_cast<int64_t>(rng() % 4) * k64K), (1 + rng() % 4) * k64K, 0);
+    }
+    ChunkAt(id)->priority = static_cast<int8_t>(rng() % 3) - 1;
+    ChunkAt(id)->deadline = tight != 0 && rng() % tight == 0
+                                ? kBase + static_cast<int64_t>(rng() % 200) * kMs
+                                : kBase + 300000 * kMs;
+    return id;
+  };
+  std::vector<ChunkID> queued;
+  for (int round = 0; round < 300; ++round) {
+    tight = round % 2 == 0 ? 0 : 12;
+    s->typeEstimate[CHUNK_FH_OPEN] = rng() % 8 == 0 ? 0 : kMs / 10;
+    s->typeEstimate[CHUNK_FH_CLOSE] = kMs / 20;
+    s->typeEstimate[CHUNK_FH_READ] = 2 * kMs;
+    s->seekEstimate[0] = 3 * kMs;
+    s->seekEstimate[1] = kMs;
+    s->lastHandle = -2;
+    s->lastEnd = rng() % 4 == 0 ? pseudo(1, 0) : 0;
+    const uint64_t length = rng() % 200;
+    for (uint64_t i = 0; i < length; ++i) {
+      queued.push_back(randomChunk());
+      QueueChunk(s, rng() % 4 == 0 ? rng() % (s->m_queueCount + 1) : s->m_queueCount,
+                 queued.back());
+    }
+    for (int trial = 0; trial < 8; ++trial) {
+      if (s->m_queueCount > 2 && rng() % 3 == 0) UnqueueChunk(s, rng() % s->m_queueCount);
+      const ChunkID fresh = randomChunk();
+      const uint64_t reference = ReferencePlace(s, fresh);
+      ASSERT_EQ(Place(fresh), reference)
+          << "seed " << seed << " round " << round << " queue " << s->m_queueCount;
+      QueueChunk(s, reference, fresh);
+      queued.push_back(fresh);
+    }
+    // The counts kept step by step equal the counts made afresh.
+    const QueueSummary kept = s->summary;
+    RebuildQueueSummary(s);
+    ASSERT_EQ(kept.count, s->summary.count) << "seed " << seed;
+    ASSERT_EQ(kept.sameStreamPairs, s->summary.sameStreamPairs) << "seed " << seed;
+    ASSERT_EQ(kept.positioned, s->summary.positioned) << "seed " << seed;
+    ASSERT_EQ(
+        0, std::memcmp(kept.transferBytes, s->summary.transferBytes, sizeof(kept.transferBytes)));
+    ASSERT_EQ(0,
+              std::memcmp(kept.unpositioned, s->summary.unpositioned, sizeof(kept.unpositioned)));
+    ASSERT_EQ(0, std::memcmp(kept.streams, s->summary.streams, sizeof(kept.streams)));
+    ASSERT_LE(kept.minDeadline, s->summary.minDeadline);
+    while (s->m_queueCount != 0) UnqueueChunk(s, 0);
     for (ChunkID id : queued) DeallocateChunk(id);
     queued.clear();
   }
