@@ -114,6 +114,13 @@ void RemoveAt(Scheduler* scheduler, uint64_t index, ChunkID id) {
 bool ScheduleTreeRecurse(ChunkID id, uint32_t opflags, bool permission) {
   KEST2_TRACE(kTraceSched, "ScheduleTreeRecurse", "called for chunk %d", id);
   bool add = false;
+  // The children that still need scheduling, read under the same hold as
+  // the chunk's own mark; a wide tree is walked again from where this
+  // list ends.
+  constexpr uint32_t kListed = 16;
+  ChunkID children[kListed];
+  uint32_t listed = 0;
+  bool more = false;
   {
     ChunkLocker lock;
     if (permission && CountChildrenNotCompleted(id, 2) >= 2) {
@@ -121,23 +128,27 @@ bool ScheduleTreeRecurse(ChunkID id, uint32_t opflags, bool permission) {
       permission = false;
     }
     if ((LoadFlags(id) & kChunkScheduled) == 0) {
-      ChangeFlags(id, kChunkScheduled, 0);
+      // Its scheduler is chosen again when it is queued (or by a child
+      // that completes first).
+      ChangeFlags(id, kChunkScheduled, kChunkSchedulerIndexMask);
       add = true;
     }
+    listed = GetChildren(id, children, kListed);
+    more = listed == kListed;
   }
   // The subtree cannot finish before this chunk is queued, so its children
   // stay allocated while they are walked without the lock.
-  for (uint32_t n = 0;; ++n) {
-    const ChunkID child = GetChild(id, n);
-    if (child == CHUNKID_INVALID) break;
-    if ((LoadFlags(child) & kChunkCompleted) != 0) continue;
+  auto visit = [&](ChunkID child) {
+    if ((LoadFlags(child) & kChunkCompleted) != 0) return;
     if (!ScheduleTreeRecurse(child, opflags, permission)) permission = false;
+  };
+  for (uint32_t n = 0; n < listed; ++n) visit(children[n]);
+  for (uint32_t n = listed; more; ++n) {
+    const ChunkID child = GetChild(id, n);
+    more = child != CHUNKID_INVALID;
+    if (more) visit(child);
   }
   if (add) {
-    {
-      ChunkLocker lock;
-      ChangeFlags(id, 0, kChunkSchedulerIndexMask);
-    }
     Scheduler* scheduler = GetScheduler(id);
     const bool held = permission;
     const bool ranNow = scheduler != nullptr && AddToSchedule(scheduler, id, opflags, permission);

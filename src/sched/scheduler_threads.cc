@@ -475,26 +475,28 @@ int32_t ExecuteChunk(Scheduler* scheduler, ChunkID id, bool fastPath) {
     return ZUL_KEST_ERROR_RETRY;
   }
 
-  const uint32_t kick = fastPath ? 0 : SchedulersToKick(scheduler, id);
-  const Measured measured = Measure(id);
+  // One hold of the chunk lock for everything the completion reads and
+  // changes in the tree (the calls below take it again, cheaply).
+  uint32_t kick = 0;
   uint32_t readyPlaces = 0;
-  const bool isRoot = CompleteChunk(id, result, &readyPlaces);
-  const ZulKestTime elapsed = zulKestTimeGetCurrent() - start;
+  Measured measured;
+  ZulKestTime elapsed;
+  {
+    ChunkLocker lock;
+    if (!fastPath) kick = SchedulersToKick(scheduler, id);
+    measured = Measure(id);
+    const bool isRoot = CompleteChunk(id, result, &readyPlaces);
+    elapsed = zulKestTimeGetCurrent() - start;
+    if (isRoot) ReleaseFinishedRoot(id);
+  }
+  if (!fastPath) KickPlaces(kick, readyPlaces);
 
   MutexLock(&scheduler->mutex);
   Learn(scheduler, measured, elapsed, before);
   scheduler->m_busySkip = 0;
   scheduler->busyCount = 0;
-  const bool queueNotEmpty = scheduler->m_queueCount != 0;
-  MutexUnlock(&scheduler->mutex);
-
-  if (!fastPath) {
-    KickPlaces(kick, readyPlaces);
-  } else if (queueNotEmpty) {
-    Kick(scheduler);
-  }
-  if (isRoot) ReleaseFinishedRoot(id);
-  MutexLock(&scheduler->mutex);
+  // A chunk run by a caller may have readied queued ones (an open, say).
+  if (fastPath) KickLocked(scheduler);
   return ZUL_KEST_OK;
 }
 
@@ -508,6 +510,11 @@ int32_t ExecuteChunkOutsideThreads(Scheduler* scheduler, ChunkID id, bool fastPa
 
 void Kick(Scheduler* scheduler) {
   MutexLock(&scheduler->mutex);
+  KickLocked(scheduler);
+  MutexUnlock(&scheduler->mutex);
+}
+
+void KickLocked(Scheduler* scheduler) {
   if (!scheduler->shuttingDown) {
     // Counted even when the queue is empty: the chunk the kick is for may be
     // executing right now, and when it comes back busy it must not be
@@ -520,7 +527,6 @@ void Kick(Scheduler* scheduler) {
       CondBroadcast(&scheduler->wakeup);
     }
   }
-  MutexUnlock(&scheduler->mutex);
 }
 
 void KickAfterCompletion(Scheduler* scheduler, bool readyParent) {
