@@ -82,8 +82,8 @@ Scheduler* ChooseScheduler(ChunkID id) {
   return AllOtherScheduler();
 }
 
-// Whether a just-queued chunk can run now: ready, and neither it nor its
-// linked callback busy.
+// Whether the just-queued only entry of an I/O queue can run now: ready,
+// and neither it nor its linked callback busy.
 bool ReadyAndNotBusy(const Scheduler* scheduler, ChunkID id) {
   return DeferChunk(id, false) && !ChunkIsBusy(scheduler, id);
 }
@@ -234,15 +234,19 @@ bool AddToSchedule(Scheduler* scheduler, ChunkID id, uint32_t opflags, bool fast
     QueueChunk(scheduler, index, id);
   }
 
-  // A chunk that ran here woke the threads already (and may be gone).  A
-  // new chunk that can run now needs one idle thread: waking every idle one
-  // would send all but one straight back to sleep.  One that waits for its
-  // children wakes nobody; the completion that readies it kicks (decided
-  // under this mutex too, so a completion racing this insert is never lost).
-  if (!ranNow &&
-      __atomic_load_n(&scheduler->activeThreads, __ATOMIC_ACQUIRE) < scheduler->threadCount &&
-      ReadyAndNotBusy(scheduler, id)) {
-    CondSignal(&scheduler->wakeup);
+  // A chunk that ran here woke the threads already (and may be gone).
+  if (!ranNow && scheduler->m_queueCount != 0) {
+    const int32_t active = __atomic_load_n(&scheduler->activeThreads, __ATOMIC_ACQUIRE);
+    if (scheduler == CallbackScheduler()) {
+      CondBroadcast(&scheduler->wakeup);
+    } else if (active == 0) {
+      if (scheduler->m_queueCount != 1 || ReadyAndNotBusy(scheduler, id))
+        CondBroadcast(&scheduler->wakeup);
+    } else if (active < scheduler->threadCount) {
+      // Some of the threads are idle: one of them can take the new chunk
+      // while the others are busy.
+      CondSignal(&scheduler->wakeup);
+    }
   }
   MutexUnlock(&scheduler->mutex);
   return ranNow;
