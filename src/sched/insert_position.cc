@@ -36,10 +36,6 @@ bool IsTransfer(const ChunkHeader* chunk) {
   return chunk->type == CHUNK_FH_READ || chunk->type == CHUNK_FH_WRITE;
 }
 
-bool IsPositioned(const ChunkHeader* chunk) {
-  return (LoadChunkFlags(chunk) & kChunkPositioned) != 0 && IsTransfer(chunk);
-}
-
 ZulKestTime SeekCost(const Scheduler* scheduler, const PositionKey& head, const PositionKey& key) {
   if (!SameStream(head, key)) return scheduler->seekEstimate[0];
   if (key.position == head.position) return 0;
@@ -149,8 +145,8 @@ bool BackWinsOutright(const Scheduler* scheduler, ChunkID id, ZulKestTime start)
   const uint64_t count = scheduler->m_queueCount;
   if (summary.count != count || summary.sameStreamPairs != 0) return false;
   const ChunkHeader* chunk = ChunkAt(id);
-  if (IsPositioned(chunk) ? summary.streams[StreamBucket(id)] != 0
-                          : scheduler->typeEstimate[chunk->type] <= 0) {
+  if (IsPositionedTransfer(chunk) ? summary.streams[StreamBucket(id)] != 0
+                                  : scheduler->typeEstimate[chunk->type] <= 0) {
     return false;
   }
   // Behind a chunk without a position no seek is ever near: the new
@@ -245,7 +241,7 @@ uint64_t PlaceBySimulation(Scheduler* scheduler, ChunkID id, ZulKestTime now) {
 
   // On an exact tie the later place wins (behind its equals), except that
   // an unpositioned chunk that costs nothing stays in front.
-  const bool takeTies = IsPositioned(chunk) || scheduler->typeEstimate[chunk->type] > 0;
+  const bool takeTies = IsPositionedTransfer(chunk) || scheduler->typeEstimate[chunk->type] > 0;
   Candidate best;
   auto consider = [&best, takeTies](uint64_t index, uint32_t misses, ZulKestTime clock) {
     const bool better = !best.found || misses < best.misses ||
@@ -267,6 +263,10 @@ uint64_t PlaceBySimulation(Scheduler* scheduler, ChunkID id, ZulKestTime now) {
 
 }  // namespace
 
+bool IsPositionedTransfer(const ChunkHeader* chunk) {
+  return (LoadChunkFlags(chunk) & kChunkPositioned) != 0 && IsTransfer(chunk);
+}
+
 bool SameStream(const PositionKey& a, const PositionKey& b) {
   if (a.handle != b.handle) return false;
   if (a.position < 0 || b.position < 0) {
@@ -274,6 +274,18 @@ bool SameStream(const PositionKey& a, const PositionKey& b) {
            (static_cast<uint64_t>(b.position) & kStreamMask);
   }
   return true;
+}
+
+uint32_t StreamBucket(ChunkID id) {
+  const PositionKey key = ChunkPositionKey(id);
+  // As SameStream: pseudo positions of one file share their stream bits;
+  // media positions and handle offsets are one stream per key handle.
+  const uint64_t stream = key.position < 0 ? static_cast<uint64_t>(key.position) & kStreamMask : 0;
+  uint64_t x = stream ^ (static_cast<uint64_t>(key.handle) * 0x9E3779B97F4A7C15ull);
+  x ^= x >> 29;
+  x *= 0xBF58476D1CE4E5B9ull;
+  x ^= x >> 32;
+  return static_cast<uint32_t>(x % kStreamBuckets);
 }
 
 void ComputeChunkPosition(ChunkID id) {
@@ -308,7 +320,7 @@ PositionKey ChunkPositionKey(ChunkID id) {
 int32_t EstimateStep(const Scheduler* scheduler, ChunkID id, int32_t referenceLateness,
                      EstimateState* state) {
   const ChunkHeader* chunk = ChunkAt(id);
-  if (!IsPositioned(chunk)) {
+  if (!IsPositionedTransfer(chunk)) {
     state->clock += scheduler->typeEstimate[chunk->type];
     state->head.handle = -1;
   } else {

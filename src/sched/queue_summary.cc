@@ -13,18 +13,11 @@
 namespace kest2 {
 namespace {
 
-constexpr uint64_t kStreamMask = 0xEFFFFFF000000000ULL;
-
-bool Positioned(const ChunkHeader* chunk) {
-  return (LoadChunkFlags(chunk) & kChunkPositioned) != 0 &&
-         (chunk->type == CHUNK_FH_READ || chunk->type == CHUNK_FH_WRITE);
-}
-
 // Both positioned and on one stream: the only neighbours whose seek is not
 // the far seek.
 bool SameStreamPair(ChunkID a, ChunkID b) {
   if (a == CHUNKID_INVALID || b == CHUNKID_INVALID) return false;
-  if (!Positioned(ChunkAt(a)) || !Positioned(ChunkAt(b))) return false;
+  if (!IsPositionedTransfer(ChunkAt(a)) || !IsPositionedTransfer(ChunkAt(b))) return false;
   return SameStream(ChunkPositionKey(a), ChunkPositionKey(b));
 }
 
@@ -35,7 +28,7 @@ ChunkID EntryOrNone(const Scheduler* scheduler, uint64_t index, uint64_t count) 
 // Adds (sign 1) or takes away (sign -1) one chunk's own counts.
 void Account(QueueSummary* summary, ChunkID id, int sign) {
   const ChunkHeader* chunk = ChunkAt(id);
-  if (Positioned(chunk)) {
+  if (IsPositionedTransfer(chunk)) {
     summary->positioned += sign;
     summary->transferBytes[chunk->type] += sign * ChunkRecord<ChunkFhIoRecord>(id)->reqCount;
     summary->streams[StreamBucket(id)] += sign;
@@ -47,18 +40,6 @@ void Account(QueueSummary* summary, ChunkID id, int sign) {
 }
 
 }  // namespace
-
-uint32_t StreamBucket(ChunkID id) {
-  const PositionKey key = ChunkPositionKey(id);
-  // Pseudo positions of one file share their high bits; media positions
-  // and handle offsets are one stream per handle value.
-  const uint64_t stream = key.position < 0 ? static_cast<uint64_t>(key.position) & kStreamMask : 0;
-  uint64_t x = stream ^ (static_cast<uint64_t>(key.handle) * 0x9E3779B97F4A7C15ull);
-  x ^= x >> 29;
-  x *= 0xBF58476D1CE4E5B9ull;
-  x ^= x >> 32;
-  return static_cast<uint32_t>(x % kStreamBuckets);
-}
 
 void QueueChunk(Scheduler* scheduler, uint64_t index, ChunkID id) {
   QueueSummary* summary = &scheduler->summary;

@@ -53,8 +53,7 @@ Scheduler* ChooseScheduler(ChunkID id) {
     return CallbackScheduler();
   int64_t offset = 0;
   int64_t length = 0;
-  if ((LoadChunkFlags(chunk) & kChunkPositioned) != 0 &&
-      (chunk->type == CHUNK_FH_READ || chunk->type == CHUNK_FH_WRITE)) {
+  if (IsPositionedTransfer(chunk)) {
     const ChunkFhIoRecord* io = reinterpret_cast<const ChunkFhIoRecord*>(chunk);
     offset = io->offset;
     length = io->reqCount;

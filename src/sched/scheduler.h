@@ -123,8 +123,6 @@ void QueueChunk(Scheduler* scheduler, uint64_t index, ChunkID id);
 void UnqueueChunk(Scheduler* scheduler, uint64_t index);
 // Recounts the summary from the queue.
 void RebuildQueueSummary(Scheduler* scheduler);
-// The summary's stream bucket of a positioned chunk.
-uint32_t StreamBucket(ChunkID id);
 
 // --- Placement (REQUIRES: scheduler mutex held) ----------------------------
 
@@ -143,12 +141,17 @@ struct EstimateState {
   uint32_t laterEqual;
 };
 
+// A read or write that takes part in seek order.
+bool IsPositionedTransfer(const ChunkHeader* chunk);
 // Two keys of one stream: the same key handle and, for pseudo positions, the
 // same file bits.
 bool SameStream(const PositionKey& a, const PositionKey& b);
 // Computes and stores a positioned chunk's media position.
 void ComputeChunkPosition(ChunkID id);
 PositionKey ChunkPositionKey(ChunkID id);
+// The summary's stream bucket of a positioned chunk: keys of one stream
+// share it.
+uint32_t StreamBucket(ChunkID id);
 // Advances the simulation by one chunk; returns its lateness (its priority
 // when it misses its deadline, kOnTime otherwise).
 int32_t EstimateStep(const Scheduler* scheduler, ChunkID id, int32_t referenceLateness,

@@ -94,8 +94,7 @@ struct Measured {
 Measured Measure(ChunkID id) {
   const ChunkHeader* chunk = ChunkAt(id);
   Measured measured{chunk->type, chunk->pieceCount, false, PositionKey{0, 0}};
-  measured.positioned = (LoadChunkFlags(chunk) & kChunkPositioned) != 0 &&
-                        (chunk->type == CHUNK_FH_READ || chunk->type == CHUNK_FH_WRITE);
+  measured.positioned = IsPositionedTransfer(chunk);
   if (measured.positioned) measured.key = ChunkPositionKey(id);
   return measured;
 }
