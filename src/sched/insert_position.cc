@@ -121,14 +121,6 @@ class LaterChunks {
   uint64_t m_added = 0;
 };
 
-// Tries every queue index for the new chunk as if the queue were simulated
-// again with the chunk there.  Behind the entry that follows the new chunk
-// the simulation differs from the queue's own only by a constant shift of
-// the clock (a positioned chunk's seek depends on its predecessor alone), so
-// one pass forward records each entry's slack and each candidate's shift,
-// one pass backward counts the entries behind each candidate that the shift
-// makes late, and a last pass picks the winner: O(n log n) instead of
-// simulating the rest of the queue for every index.
 // True when the back is where the simulation would put the chunk, proven
 // from the summary without walking the queue: when
 //  - no two neighbours in the queue are positioned on one stream, and the
@@ -180,14 +172,22 @@ bool BackWinsOutright(const Scheduler* scheduler, ChunkID id, ZulKestTime start)
   return finish <= summary.minDeadline && finish + backCost <= chunk->deadline;
 }
 
-uint64_t PlaceBySimulation(Scheduler* scheduler, ChunkID id, ZulKestTime now) {
+// Tries every queue index for the new chunk as if the queue were simulated
+// again with the chunk there.  Behind the entry that follows the new chunk
+// the simulation differs from the queue's own only by a constant shift of
+// the clock (a positioned chunk's seek depends on its predecessor alone), so
+// one pass forward records each entry's slack and each candidate's shift,
+// one pass backward counts the entries behind each candidate that the shift
+// makes late, and a last pass picks the winner: O(n log n) instead of
+// simulating the rest of the queue for every index.
+// The simulated queue starts at `start`.
+uint64_t PlaceBySimulation(Scheduler* scheduler, ChunkID id, ZulKestTime start) {
   InsertScratch* scratch = &scheduler->insertScratch;
   const uint64_t count = scheduler->m_queueCount;
   const ChunkHeader* chunk = ChunkAt(id);
 
   EstimateState prefix{};
-  const ZulKestTime running = __atomic_load_n(&scheduler->runningFinish, __ATOMIC_RELAXED);
-  prefix.clock = running != 0 ? running : now + kIdleStartDelay;
+  prefix.clock = start;
   prefix.head = PositionKey{scheduler->lastHandle, scheduler->lastEnd};
   int32_t previousLateness = 128;
   ZulKestTime minDeadline = LLONG_MAX;
@@ -366,9 +366,12 @@ uint64_t FindInsertPosition(Scheduler* scheduler, ChunkID id) {
     }
   }
 
+  // The simulation starts when the running chunk is expected to finish,
+  // or just after now when none runs.
   const ZulKestTime running = __atomic_load_n(&scheduler->runningFinish, __ATOMIC_RELAXED);
-  if (BackWinsOutright(scheduler, id, running != 0 ? running : now + kIdleStartDelay)) return count;
-  return PlaceBySimulation(scheduler, id, now);
+  const ZulKestTime start = running != 0 ? running : now + kIdleStartDelay;
+  if (BackWinsOutright(scheduler, id, start)) return count;
+  return PlaceBySimulation(scheduler, id, start);
 }
 
 }  // namespace kest2
