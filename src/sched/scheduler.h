@@ -214,8 +214,6 @@ int32_t ExecuteChunkOutsideThreads(Scheduler* scheduler, ChunkID id, bool fastPa
 // Wakes a scheduler's threads when its queue is not empty: something its
 // chunks wait for may have changed.
 void Kick(Scheduler* scheduler);
-// Kick with the scheduler mutex held.
-void KickLocked(Scheduler* scheduler);
 // The kick of a chunk's completion: counted like any kick, but it wakes the
 // threads only when the completion made a queued chunk ready (readyParent)
 // or when a chunk of the queue answered busy and may be waiting for it.

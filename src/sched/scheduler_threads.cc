@@ -155,6 +155,22 @@ uint32_t SchedulersToKick(const Scheduler* scheduler, ChunkID id) {
   return kick;
 }
 
+// A kick with the scheduler mutex held: counted always, and with wake,
+// the threads look at the whole queue again.  REQUIRES: mutex held.
+void KickHeld(Scheduler* scheduler, bool wake) {
+  if (scheduler->shuttingDown) return;
+  // Counted even when nobody is woken: the chunk the kick is for may be
+  // executing right now, and when it comes back busy it must not be
+  // skipped as if nothing had changed.
+  ++scheduler->kickCount;
+  if (wake && scheduler->m_queueCount != 0) {
+    scheduler->m_busySkip = 0;
+    scheduler->busyCount = 0;
+    scheduler->holdsBusy = false;
+    CondBroadcast(&scheduler->wakeup);
+  }
+}
+
 // readyPlaces: the schedulers whose queued chunks the completion made ready.
 void KickPlaces(uint32_t places, uint32_t readyPlaces) {
   uint32_t bit = 1;
@@ -495,7 +511,7 @@ int32_t ExecuteChunk(Scheduler* scheduler, ChunkID id, bool fastPath) {
   scheduler->m_busySkip = 0;
   scheduler->busyCount = 0;
   // A chunk run by a caller may have readied queued ones (an open, say).
-  if (fastPath) KickLocked(scheduler);
+  if (fastPath) KickHeld(scheduler, true);
   return ZUL_KEST_OK;
 }
 
@@ -509,36 +525,13 @@ int32_t ExecuteChunkOutsideThreads(Scheduler* scheduler, ChunkID id, bool fastPa
 
 void Kick(Scheduler* scheduler) {
   MutexLock(&scheduler->mutex);
-  KickLocked(scheduler);
+  KickHeld(scheduler, true);
   MutexUnlock(&scheduler->mutex);
-}
-
-void KickLocked(Scheduler* scheduler) {
-  if (!scheduler->shuttingDown) {
-    // Counted even when the queue is empty: the chunk the kick is for may be
-    // executing right now, and when it comes back busy it must not be
-    // skipped as if nothing had changed.
-    ++scheduler->kickCount;
-    if (scheduler->m_queueCount != 0) {
-      scheduler->m_busySkip = 0;
-      scheduler->busyCount = 0;
-      scheduler->holdsBusy = false;
-      CondBroadcast(&scheduler->wakeup);
-    }
-  }
 }
 
 void KickAfterCompletion(Scheduler* scheduler, bool readyParent) {
   MutexLock(&scheduler->mutex);
-  if (!scheduler->shuttingDown) {
-    ++scheduler->kickCount;
-    if (scheduler->m_queueCount != 0 && (readyParent || scheduler->holdsBusy)) {
-      scheduler->m_busySkip = 0;
-      scheduler->busyCount = 0;
-      scheduler->holdsBusy = false;
-      CondBroadcast(&scheduler->wakeup);
-    }
-  }
+  KickHeld(scheduler, readyParent || scheduler->holdsBusy);
   MutexUnlock(&scheduler->mutex);
 }
 
