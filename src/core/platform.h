@@ -146,6 +146,8 @@ int32_t CreateThread(HybPlatformThreadStart* start,
 void JoinThread(HybPlatformThreadStart* start);
 ThreadId CurrentThreadId();
 bool ThreadIdEqual(ThreadId a, ThreadId b);
+// One step of a spin-wait: lets the other threads of this core run.
+void YieldProcessor();
 
 // --- Clocks and sleeping -------------------------------------------------
 

@@ -276,6 +276,12 @@ bool ThreadIdEqual(ThreadId a, ThreadId b) {
          0;
 }
 
+void YieldProcessor() {
+  // Yielding rather than pausing: with more spinners than cores, a thread
+  // that has work must not wait for a spinner's time slice to end.
+  sched_yield();
+}
+
 // --- Clocks and sleeping ---------------------------------------------------
 
 int64_t NowMicroseconds() {

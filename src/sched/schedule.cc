@@ -81,12 +81,6 @@ Scheduler* ChooseScheduler(ChunkID id) {
   return AllOtherScheduler();
 }
 
-// Whether the just-queued only entry of an I/O queue can run now: ready,
-// and neither it nor its linked callback busy.
-bool ReadyAndNotBusy(const Scheduler* scheduler, ChunkID id) {
-  return DeferChunk(id, false) && !ChunkIsBusy(scheduler, id);
-}
-
 // Removes the entry at index i and, when the chunk was cancelled, completes
 // it at once.  REQUIRES: scheduler mutex held.
 void RemoveAt(Scheduler* scheduler, uint64_t index, ChunkID id) {
@@ -110,87 +104,10 @@ void RemoveAt(Scheduler* scheduler, uint64_t index, ChunkID id) {
   }
 }
 
-bool ScheduleTreeRecurse(ChunkID id, uint32_t opflags, bool permission) {
-  KEST2_TRACE(kTraceSched, "ScheduleTreeRecurse", "called for chunk %d", id);
-  bool add = false;
-  // The children that still need scheduling, read under the same hold as
-  // the chunk's own mark; a wide tree is walked again from where this
-  // list ends.
-  constexpr uint32_t kListed = 16;
-  ChunkID children[kListed];
-  uint32_t listed = 0;
-  bool more = false;
-  {
-    ChunkLocker lock;
-    if (permission && CountChildrenNotCompleted(id, 2) >= 2) {
-      KEST2_TRACE(kTraceSched, "ScheduleTreeRecurse", "%s", "parallel chunks caused switch to queueing");
-      permission = false;
-    }
-    if ((LoadFlags(id) & kChunkScheduled) == 0) {
-      // Its scheduler is chosen again when it is queued (or by a child
-      // that completes first).
-      ChangeFlags(id, kChunkScheduled, kChunkSchedulerIndexMask);
-      add = true;
-    }
-    listed = GetChildren(id, children, kListed);
-    more = listed == kListed;
-  }
-  // The subtree cannot finish before this chunk is queued, so its children
-  // stay allocated while they are walked without the lock.
-  auto visit = [&](ChunkID child) {
-    if ((LoadFlags(child) & kChunkCompleted) != 0) return;
-    if (!ScheduleTreeRecurse(child, opflags, permission)) permission = false;
-  };
-  for (uint32_t n = 0; n < listed; ++n) visit(children[n]);
-  for (uint32_t n = listed; more; ++n) {
-    const ChunkID child = GetChild(id, n);
-    more = child != CHUNKID_INVALID;
-    if (more) visit(child);
-  }
-  if (add) {
-    Scheduler* scheduler = GetScheduler(id);
-    const bool held = permission;
-    const bool ranNow = scheduler != nullptr && AddToSchedule(scheduler, id, opflags, permission);
-    if (held && !ranNow) {
-      KEST2_TRACE(kTraceSched, "ScheduleTreeRecurse", "chunk %d caused switch to queueing", id);
-      permission = false;
-    }
-  }
-  return permission;
-}
-
-}  // namespace
-
-Scheduler* GetScheduler(ChunkID id) {
-  if (id == CHUNKID_INVALID) return nullptr;
-  const uint16_t flags = LoadFlags(id);
-  const int cached = (flags & kChunkSchedulerIndexMask) >> kChunkSchedulerIndexShift;
-  if (cached != 0) {
-    if (Scheduler* scheduler = SchedulerAt(cached - 1)) return scheduler;
-  }
-  Scheduler* scheduler = ChooseScheduler(id);
-  const int place = SchedulerPlace(scheduler);
-  if (place >= 0) {
-    ChunkLocker lock;
-    const uint16_t index = static_cast<uint16_t>((place + 1) << kChunkSchedulerIndexShift);
-    ChangeFlags(id, index, static_cast<uint16_t>(kChunkSchedulerIndexMask & ~index));
-  }
-  return scheduler;
-}
-
-bool ChunkIsBusy(const Scheduler* scheduler, ChunkID id) {
-  const ChunkHeader* chunk = ChunkAt(id);
-  if (chunk->type == CHUNK_CALLBACK) {
-    ChunkCallbackRecord* self = ChunkRecord<ChunkCallbackRecord>(id);
-    return self->callback != nullptr && self->callback(self, 0) == ZUL_KEST_ERROR_RETRY;
-  }
-  if (chunk->linked == CHUNKID_INVALID) return false;
-  if (scheduler->busyCount != 0) return true;
-  ChunkCallbackRecord* linked = ChunkRecord<ChunkCallbackRecord>(chunk->linked);
-  return linked->callback != nullptr && linked->callback(linked, 0) == ZUL_KEST_ERROR_RETRY;
-}
-
-bool AddToSchedule(Scheduler* scheduler, ChunkID id, uint32_t opflags, bool fastPathPermission) {
+// Queues one chunk, or runs it on the fast path (true).  A woken I/O
+// thread is owed rather than woken here: its bit goes into *owedWakes.
+bool QueueOrRun(Scheduler* scheduler, ChunkID id, uint32_t opflags, bool fastPathPermission,
+                uint32_t* owedWakes) {
   SchedulerEvent event(kEventAddToSchedule, id);
   MutexLock(&scheduler->mutex);
   ChunkHeader* chunk = ChunkAt(id);
@@ -234,26 +151,153 @@ bool AddToSchedule(Scheduler* scheduler, ChunkID id, uint32_t opflags, bool fast
   }
 
   // A chunk that ran here woke the threads already (and may be gone).
-  if (!ranNow && scheduler->m_queueCount != 0) {
-    const int32_t active = __atomic_load_n(&scheduler->activeThreads, __ATOMIC_ACQUIRE);
-    if (scheduler == CallbackScheduler()) {
-      CondBroadcast(&scheduler->wakeup);
-    } else if (active == 0) {
-      if (scheduler->m_queueCount != 1 || ReadyAndNotBusy(scheduler, id))
-        CondBroadcast(&scheduler->wakeup);
-    } else if (active < scheduler->threadCount) {
-      // Some of the threads are idle: one of them can take the new chunk
-      // while the others are busy.
-      CondSignal(&scheduler->wakeup);
+  if (!ranNow) {
+    if (scheduler != CallbackScheduler()) {
+      *owedWakes |= PlaceBit(scheduler);
+    } else if (DeferChunk(id, false)) {
+      // A root or callback still waiting for its children is woken by the
+      // completion that makes it ready, which sees it scheduled.
+      WakeThreads(scheduler, true);
     }
   }
   MutexUnlock(&scheduler->mutex);
   return ranNow;
 }
 
+// Wakes the threads of an I/O scheduler for its queued work: as many as
+// there are chunks ready to run, when all are idle (a tree's chunks mostly
+// wait for one another); one, when some are busy.  Readiness is looked at
+// in the front of the queue only; past that a deep queue wakes them all.
+// A ready chunk that turns out busy still wakes a thread, which notes it
+// so that the chunk's release wakes the threads again.
+// REQUIRES: mutex held.
+void WakeForQueued(Scheduler* scheduler) {
+  constexpr uint64_t kLookedAt = 16;
+  if (scheduler->m_queueCount == 0) return;
+  const int32_t active = __atomic_load_n(&scheduler->activeThreads, __ATOMIC_ACQUIRE);
+  if (active >= scheduler->threadCount) return;
+  if (active != 0) {
+    WakeThreads(scheduler, false);
+    return;
+  }
+  int ready = 0;
+  for (uint64_t i = 0; i < scheduler->m_queueCount && i < kLookedAt && ready < 2; ++i) {
+    if (DeferChunk(QueueAt(scheduler, i), false)) ++ready;
+  }
+  if (ready >= 2 || (ready == 0 && scheduler->m_queueCount > kLookedAt)) {
+    WakeThreads(scheduler, true);
+  } else if (ready == 1) {
+    WakeThreads(scheduler, false);
+  }
+}
+
+void WakeOwed(uint32_t owedWakes) {
+  uint32_t bit = 1;
+  for (Scheduler* s = SchedulerListHead(); s != nullptr && owedWakes != 0; s = s->next, bit <<= 1) {
+    if ((owedWakes & bit) == 0) continue;
+    owedWakes &= ~bit;
+    MutexLock(&s->mutex);
+    WakeForQueued(s);
+    MutexUnlock(&s->mutex);
+  }
+}
+
+bool ScheduleTreeRecurse(ChunkID id, uint32_t opflags, bool permission, uint32_t* owedWakes) {
+  KEST2_TRACE(kTraceSched, "ScheduleTreeRecurse", "called for chunk %d", id);
+  bool add = false;
+  // The children that still need scheduling, read under the same hold as
+  // the chunk's own mark; a wide tree is walked again from where this
+  // list ends.
+  constexpr uint32_t kListed = 16;
+  ChunkID children[kListed];
+  uint32_t listed = 0;
+  bool more = false;
+  {
+    ChunkLocker lock;
+    if (permission && CountChildrenNotCompleted(id, 2) >= 2) {
+      KEST2_TRACE(kTraceSched, "ScheduleTreeRecurse", "%s", "parallel chunks caused switch to queueing");
+      permission = false;
+    }
+    if ((LoadFlags(id) & kChunkScheduled) == 0) {
+      // Its scheduler is chosen again when it is queued (or by a child
+      // that completes first).
+      ChangeFlags(id, kChunkScheduled, kChunkSchedulerIndexMask);
+      add = true;
+    }
+    listed = GetChildren(id, children, kListed);
+    more = listed == kListed;
+  }
+  // The subtree cannot finish before this chunk is queued, so its children
+  // stay allocated while they are walked without the lock.
+  auto visit = [&](ChunkID child) {
+    if ((LoadFlags(child) & kChunkCompleted) != 0) return;
+    if (!ScheduleTreeRecurse(child, opflags, permission, owedWakes)) permission = false;
+  };
+  for (uint32_t n = 0; n < listed; ++n) visit(children[n]);
+  for (uint32_t n = listed; more; ++n) {
+    const ChunkID child = GetChild(id, n);
+    more = child != CHUNKID_INVALID;
+    if (more) visit(child);
+  }
+  if (add) {
+    Scheduler* scheduler = GetScheduler(id);
+    const bool held = permission;
+    const bool ranNow =
+        scheduler != nullptr && QueueOrRun(scheduler, id, opflags, permission, owedWakes);
+    if (held && !ranNow) {
+      KEST2_TRACE(kTraceSched, "ScheduleTreeRecurse", "chunk %d caused switch to queueing", id);
+      permission = false;
+    }
+  }
+  return permission;
+}
+
+}  // namespace
+
+Scheduler* GetScheduler(ChunkID id) {
+  if (id == CHUNKID_INVALID) return nullptr;
+  const uint16_t flags = LoadFlags(id);
+  const int cached = (flags & kChunkSchedulerIndexMask) >> kChunkSchedulerIndexShift;
+  if (cached != 0) {
+    if (Scheduler* scheduler = SchedulerAt(cached - 1)) return scheduler;
+  }
+  Scheduler* scheduler = ChooseScheduler(id);
+  const int place = SchedulerPlace(scheduler);
+  if (place >= 0) {
+    ChunkLocker lock;
+    const uint16_t index = static_cast<uint16_t>((place + 1) << kChunkSchedulerIndexShift);
+    ChangeFlags(id, index, static_cast<uint16_t>(kChunkSchedulerIndexMask & ~index));
+  }
+  return scheduler;
+}
+
+bool ChunkIsBusy(const Scheduler* scheduler, ChunkID id) {
+  const ChunkHeader* chunk = ChunkAt(id);
+  if (chunk->type == CHUNK_CALLBACK) {
+    ChunkCallbackRecord* self = ChunkRecord<ChunkCallbackRecord>(id);
+    return self->callback != nullptr && self->callback(self, 0) == ZUL_KEST_ERROR_RETRY;
+  }
+  if (chunk->linked == CHUNKID_INVALID) return false;
+  if (scheduler->busyCount != 0) return true;
+  ChunkCallbackRecord* linked = ChunkRecord<ChunkCallbackRecord>(chunk->linked);
+  return linked->callback != nullptr && linked->callback(linked, 0) == ZUL_KEST_ERROR_RETRY;
+}
+
+bool AddToSchedule(Scheduler* scheduler, ChunkID id, uint32_t opflags, bool fastPathPermission) {
+  uint32_t owedWakes = 0;
+  const bool ranNow = QueueOrRun(scheduler, id, opflags, fastPathPermission, &owedWakes);
+  WakeOwed(owedWakes);
+  return ranNow;
+}
+
 void ScheduleTree(ChunkID root, uint32_t opflags, bool fastPathPermission) {
   SchedulerEvent event(kEventScheduleTree, root);
-  ScheduleTreeRecurse(root, opflags, fastPathPermission);
+  // The I/O threads are woken once the whole tree is queued: woken for its
+  // first chunk, an idle thread would run that and fall asleep again before
+  // the next one arrived, one sleep and wake-up per chunk.
+  uint32_t owedWakes = 0;
+  ScheduleTreeRecurse(root, opflags, fastPathPermission, &owedWakes);
+  WakeOwed(owedWakes);
 }
 
 void UnscheduleTree(ChunkID id, bool cancel) {

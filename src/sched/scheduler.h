@@ -86,6 +86,8 @@ struct Scheduler {
   uint64_t takePosition;
   uint64_t removeHint;
   int32_t activeThreads;        // chunks executing for this scheduler
+  uint32_t wakeSequence;        // bumped by every wake-up (atomic)
+  bool threadSpinning;          // one idle thread watches wakeSequence
   bool initialized;
   bool shuttingDown;
   MatchPathFunction matchPath;
@@ -169,6 +171,13 @@ enum SchedulerEventKind : uint8_t {
   kEventRemoveFromSchedule = 12,
   kEventExecute = 13,
 };
+
+// Bit i set: the i-th scheduler of the list; a set of schedulers is a mask
+// of these.
+uint32_t PlaceBit(const Scheduler* wanted);
+// Wakes one (all: every) idle thread of the scheduler, whether it sleeps or
+// spins.  REQUIRES: mutex held.
+void WakeThreads(Scheduler* scheduler, bool all);
 
 // The scheduler that runs the chunk (cached in the chunk's flags); null when
 // none matches.

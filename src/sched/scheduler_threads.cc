@@ -126,15 +126,6 @@ void Learn(Scheduler* scheduler, const Measured& chunk, ZulKestTime elapsed,
   LearnSeekEstimate(&scheduler->seekEstimate[1], surplus / steps);
 }
 
-// Bit i set: the i-th scheduler of the list.
-uint32_t PlaceBit(const Scheduler* wanted) {
-  uint32_t bit = 1;
-  for (Scheduler* s = SchedulerListHead(); s != nullptr; s = s->next, bit <<= 1) {
-    if (s == wanted) return bit;
-  }
-  return 0;
-}
-
 // The schedulers to kick once the chunk has completed, gathered before: a
 // completed chunk's parents may run, and be freed, at once.  The other I/O
 // schedulers may hold a close or a read waiting on the handle this chunk
@@ -167,7 +158,7 @@ void KickHeld(Scheduler* scheduler, bool wake) {
     scheduler->m_busySkip = 0;
     scheduler->busyCount = 0;
     scheduler->holdsBusy = false;
-    CondBroadcast(&scheduler->wakeup);
+    WakeThreads(scheduler, true);
   }
 }
 
@@ -239,6 +230,54 @@ ChunkID NextEligible(Scheduler* scheduler) {
   return taken;
 }
 
+// How long an idle thread watches for new work before it sleeps.  Falling
+// asleep and being woken costs tens of microseconds on a virtual machine,
+// more than a whole small request; a request stream that comes back within
+// this window never pays it.
+constexpr int64_t kSpinMicroseconds = 50;
+
+// Watches the wake-up sequence without the mutex, for a while; true when a
+// wake-up came meanwhile.  Only one thread of a scheduler spins, so the
+// others sleep and leave the cores to the threads with work.
+// REQUIRES: mutex held (released and taken again).
+bool SpinForWakeUp(Scheduler* scheduler) {
+  if (scheduler->threadSpinning) return false;
+  scheduler->threadSpinning = true;
+  const uint32_t seen = __atomic_load_n(&scheduler->wakeSequence, __ATOMIC_RELAXED);
+  MutexUnlock(&scheduler->mutex);
+  const int64_t until = NowMicroseconds() + kSpinMicroseconds;
+  bool woken = false;
+  while (!woken && NowMicroseconds() < until) {
+    YieldProcessor();
+    woken = __atomic_load_n(&scheduler->wakeSequence, __ATOMIC_ACQUIRE) != seen;
+  }
+  MutexLock(&scheduler->mutex);
+  scheduler->threadSpinning = false;
+  return __atomic_load_n(&scheduler->wakeSequence, __ATOMIC_RELAXED) != seen;
+}
+
+}  // namespace
+
+uint32_t PlaceBit(const Scheduler* wanted) {
+  uint32_t bit = 1;
+  for (Scheduler* s = SchedulerListHead(); s != nullptr; s = s->next, bit <<= 1) {
+    if (s == wanted) return bit;
+  }
+  return 0;
+}
+
+void WakeThreads(Scheduler* scheduler, bool all) {
+  __atomic_add_fetch(&scheduler->wakeSequence, 1, __ATOMIC_RELEASE);
+  if (all) {
+    CondBroadcast(&scheduler->wakeup);
+  } else if (!scheduler->threadSpinning) {
+    // A spinning thread takes the work without a sleeper woken for it.
+    CondSignal(&scheduler->wakeup);
+  }
+}
+
+namespace {
+
 void SchedulerThread(void* argument) {
   Scheduler* scheduler = static_cast<Scheduler*>(argument);
   KEST2_TRACE(kTraceSched, "Thread", "%s", "starting");
@@ -258,7 +297,7 @@ void SchedulerThread(void* argument) {
     if (scheduler->shuttingDown && scheduler->m_queueCount == 0) break;
     KEST2_TRACE(kTraceSched, "Thread", "%s", "waiting");
     if (scheduler->m_busySkip == 0) {
-      CondWait(&scheduler->wakeup);
+      if (!SpinForWakeUp(scheduler)) CondWait(&scheduler->wakeup);
     } else if (!CondTimedWait(&scheduler->wakeup, NowMicroseconds() + kBusyBackOffMicroseconds)) {
       // Chunks were skipped as busy or waiting.  Their kick normally wakes
       // this thread; should one have been missed (a chunk that came back
@@ -276,7 +315,7 @@ void SchedulerThread(void* argument) {
 void StopThreads(Scheduler* scheduler, int count) {
   MutexLock(&scheduler->mutex);
   scheduler->shuttingDown = true;
-  CondBroadcast(&scheduler->wakeup);
+  WakeThreads(scheduler, true);
   MutexUnlock(&scheduler->mutex);
   for (int i = 0; i < count; ++i) JoinThread(&scheduler->threads[i]);
 }
@@ -342,7 +381,7 @@ void MarkShuttingDown(Scheduler* scheduler) {
   if (!scheduler->initialized) return;
   MutexLock(&scheduler->mutex);
   scheduler->shuttingDown = true;
-  CondBroadcast(&scheduler->wakeup);
+  WakeThreads(scheduler, true);
   MutexUnlock(&scheduler->mutex);
 }
 
@@ -504,7 +543,9 @@ int32_t ExecuteChunk(Scheduler* scheduler, ChunkID id, bool fastPath) {
     elapsed = zulKestTimeGetCurrent() - start;
     if (isRoot) ReleaseFinishedRoot(id);
   }
-  if (!fastPath) KickPlaces(kick, readyPlaces);
+  // A caller's chunk kicks only the queues it made ready (its own is
+  // kicked below); a thread's kicks those that may wait on it.
+  KickPlaces(fastPath ? readyPlaces & ~PlaceBit(scheduler) : kick, readyPlaces);
 
   MutexLock(&scheduler->mutex);
   Learn(scheduler, measured, elapsed, before);
@@ -519,7 +560,7 @@ int32_t ExecuteChunkOutsideThreads(Scheduler* scheduler, ChunkID id, bool fastPa
   __atomic_add_fetch(&scheduler->activeThreads, 1, __ATOMIC_ACQ_REL);
   const int32_t result = ExecuteChunk(scheduler, id, fastPath);
   __atomic_sub_fetch(&scheduler->activeThreads, 1, __ATOMIC_ACQ_REL);
-  if (scheduler->m_queueCount != 0) CondBroadcast(&scheduler->wakeup);
+  if (scheduler->m_queueCount != 0) WakeThreads(scheduler, true);
   return result;
 }
 
