@@ -6,8 +6,8 @@ set -euo pipefail
 
 # gdb prints the stacks of a test that hangs (tests/test_watchdog.cc);
 # liburing-dev gives the in-flight benchmark its io_uring baseline.
-PACKAGES=(cmake ninja-build g++ clang pkg-config zlib1g-dev libgtest-dev libgmock-dev gdb
-          liburing-dev)
+PACKAGES=(cmake ninja-build g++ clang pkg-config zlib1g-dev libdeflate-dev libgtest-dev
+          libgmock-dev gdb liburing-dev)
 
 missing=()
 for p in "${PACKAGES[@]}"; do

@@ -8,10 +8,13 @@
 // under the codec's lock) or, when it has none, a wake-up of the threads in
 // wait().
 //
-// The codec allocates nothing from the heap: each worker hands zlib a fixed
-// arena in static storage (inflate's state plus its 32 KiB window).  A
+// A block is inflated by libdeflate's whole-buffer inflater when that
+// succeeds, else by zlib, whose result and produced size the job then
+// reports.  zlib allocates nothing from the heap: each worker hands it a
+// fixed arena in static storage (inflate's state plus its 32 KiB window); a
 // request that does not fit is refused, which fails that job with
-// Z_MEM_ERROR.
+// Z_MEM_ERROR.  Each worker's libdeflate inflater is allocated once, when
+// the codec starts.
 //
 // Thread-safety: submit, isDone, wait and setThreadCount may be called from
 // any thread while the codec runs.  init and terminate are called by the

@@ -9,6 +9,7 @@
 #include <pthread.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstring>
@@ -179,6 +180,22 @@ TEST_F(ZlibCodecTest, FailedStreamsKeepZlibCodesAndCopyNothing) {
   job = run(block.compressed, 0);
   EXPECT_EQ(job.result, Z_BUF_ERROR);
   EXPECT_EQ(job.outputSize, 0u);
+
+  // Room to spare, or bytes after the end of the stream: the block is whole
+  // and says how long it is, as zlib would.
+  for (const Bytes& stream : {block.compressed, [&] {
+                                Bytes trailing = block.compressed;
+                                trailing.insert(trailing.end(), {1, 2, 3, 4});
+                                return trailing;
+                              }()}) {
+    Bytes roomy(size + 100);
+    DecompressionJob whole = MakeJob(stream, roomy.data(), size + 100, nullptr, 0, size);
+    ASSERT_EQ(Zlib()->submit(&whole), &whole);
+    ASSERT_TRUE(AwaitDone(&whole));
+    EXPECT_EQ(whole.result, Z_OK);
+    EXPECT_EQ(whole.outputSize, size);
+    EXPECT_TRUE(std::equal(block.plain.begin(), block.plain.end(), roomy.begin()));
+  }
 
   // A truncated stream reports its progress as a short output.
   job = run(Bytes(block.compressed.begin(), block.compressed.begin() + block.compressed.size() / 2),
