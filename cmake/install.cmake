@@ -135,6 +135,8 @@ if(_KEST2_PC_ZLIB_FOUND)
 else()
   list(APPEND _kest2_pc_libs_private "-lz")
 endif()
+# libdeflate is found through its own .pc file (the build requires it).
+string(JOIN " " KEST2_PC_REQUIRES_PRIVATE ${KEST2_PC_REQUIRES_PRIVATE} libdeflate)
 if(CMAKE_THREAD_LIBS_INIT)
   list(APPEND _kest2_pc_libs_private "${CMAKE_THREAD_LIBS_INIT}")
 else()
