@@ -15,11 +15,6 @@
 namespace kest2 {
 namespace {
 
-// How long a waiter watches its operation before it sleeps: being woken
-// from sleep costs tens of microseconds on a virtual machine, more than a
-// whole small queued request.
-constexpr int64_t kWaitSpinMicroseconds = 50;
-
 HybPlatformMutex* WaitMutex() { return &g_locks.opWaitMutex; }
 HybPlatformCond* WaitCond() { return &g_locks.opWaitCond; }
 
@@ -44,11 +39,8 @@ int32_t WaitCommon(Operation* op, ZulKestTime deadline, const char* function) {
     }
   }
   // A request that finishes within a few tens of microseconds is cheaper
-  // to watch for than to sleep on (see kWaitSpinMicroseconds).
-  if (deadline < 0) {
-    const int64_t until = NowMicroseconds() + kWaitSpinMicroseconds;
-    while (!OpFinished(op) && NowMicroseconds() < until) YieldProcessor();
-  }
+  // to watch for than to sleep on.
+  if (deadline < 0) SpinBeforeSleep([op] { return OpFinished(op); });
   MutexLock(WaitMutex());
   // Deletion releases the handle under this mutex once no waiter is left:
   // re-check that the operation is still ours before counting ourselves in.

@@ -148,11 +148,26 @@ ThreadId CurrentThreadId();
 bool ThreadIdEqual(ThreadId a, ThreadId b);
 // One step of a spin-wait: lets the other threads of this core run.
 void YieldProcessor();
+// How long a thread about to sleep first watches for what it waits for:
+// falling asleep and being woken costs tens of microseconds on a virtual
+// machine, more than a whole small request.
+constexpr int64_t kSpinBeforeSleepMicroseconds = 50;
 
 // --- Clocks and sleeping -------------------------------------------------
 
 // Microseconds of the time-of-day clock; used for timed waits and sleeps.
 int64_t NowMicroseconds();
+// Yields the core until done() or kSpinBeforeSleepMicroseconds have
+// passed; returns done().
+template <typename Done>
+bool SpinBeforeSleep(Done done) {
+  const int64_t until = NowMicroseconds() + kSpinBeforeSleepMicroseconds;
+  while (!done()) {
+    if (NowMicroseconds() >= until) return false;
+    YieldProcessor();
+  }
+  return true;
+}
 inline int64_t MicrosecondsToNanoseconds(int64_t x) { return x * 1000; }
 // Rounds positive values up.
 inline int64_t NanosecondsToMicroseconds(int64_t x) { return (x + 999) / 1000; }

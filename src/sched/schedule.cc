@@ -148,10 +148,7 @@ bool QueueOrRun(Scheduler* scheduler, ChunkID id, uint32_t opflags, bool fastPat
       index = FindInsertPosition(scheduler, id);
     }
     QueueChunk(scheduler, index, id);
-  }
-
-  // A chunk that ran here woke the threads already (and may be gone).
-  if (!ranNow) {
+    // (A chunk that ran here woke the threads already, and may be gone.)
     if (scheduler != CallbackScheduler()) {
       *owedWakes |= PlaceBit(scheduler);
     } else if (DeferChunk(id, false)) {
@@ -192,14 +189,11 @@ void WakeForQueued(Scheduler* scheduler) {
 }
 
 void WakeOwed(uint32_t owedWakes) {
-  uint32_t bit = 1;
-  for (Scheduler* s = SchedulerListHead(); s != nullptr && owedWakes != 0; s = s->next, bit <<= 1) {
-    if ((owedWakes & bit) == 0) continue;
-    owedWakes &= ~bit;
+  ForEachPlace(owedWakes, [](Scheduler* s, uint32_t) {
     MutexLock(&s->mutex);
     WakeForQueued(s);
     MutexUnlock(&s->mutex);
-  }
+  });
 }
 
 bool ScheduleTreeRecurse(ChunkID id, uint32_t opflags, bool permission, uint32_t* owedWakes) {
@@ -253,6 +247,11 @@ bool ScheduleTreeRecurse(ChunkID id, uint32_t opflags, bool permission, uint32_t
 }
 
 }  // namespace
+
+uint32_t PlaceBit(const Scheduler* wanted) {
+  const int place = SchedulerPlace(wanted);
+  return place < 0 ? 0 : 1u << place;
+}
 
 Scheduler* GetScheduler(ChunkID id) {
   if (id == CHUNKID_INVALID) return nullptr;

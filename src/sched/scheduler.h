@@ -172,8 +172,8 @@ enum SchedulerEventKind : uint8_t {
   kEventExecute = 13,
 };
 
-// Bit i set: the i-th scheduler of the list; a set of schedulers is a mask
-// of these.
+// Bit i set: the i-th scheduler of the list (0 for one not in it); a set of
+// schedulers is a mask of these.
 uint32_t PlaceBit(const Scheduler* wanted);
 // Wakes one (all: every) idle thread of the scheduler, whether it sleeps or
 // spins.  REQUIRES: mutex held.
@@ -208,6 +208,17 @@ void ShutdownSchedulers();
 bool SchedulersIdle();
 // The global list, newest first; null before start-up.
 Scheduler* SchedulerListHead();
+// Calls visit(scheduler, its bit) for each scheduler of the set, in list
+// order.
+template <typename Visit>
+void ForEachPlace(uint32_t places, Visit visit) {
+  uint32_t bit = 1;
+  for (Scheduler* s = SchedulerListHead(); s != nullptr && places != 0; s = s->next, bit <<= 1) {
+    if ((places & bit) == 0) continue;
+    places &= ~bit;
+    visit(s, bit);
+  }
+}
 Scheduler* CallbackScheduler();
 Scheduler* AllOtherScheduler();
 // Runs a taken chunk: entered and left with the scheduler mutex held, which

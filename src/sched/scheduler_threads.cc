@@ -164,12 +164,10 @@ void KickHeld(Scheduler* scheduler, bool wake) {
 
 // readyPlaces: the schedulers whose queued chunks the completion made ready.
 void KickPlaces(uint32_t places, uint32_t readyPlaces) {
-  uint32_t bit = 1;
-  for (Scheduler* s = SchedulerListHead(); s != nullptr && places != 0; s = s->next, bit <<= 1) {
-    if ((places & bit) == 0) continue;
+  ForEachPlace(places, [readyPlaces](Scheduler* s, uint32_t bit) {
     KEST2_TRACE(kTraceSched, "ExecuteChunk", "%s", "kick");
     KickAfterCompletion(s, (readyPlaces & bit) != 0 || s != &g_callbackScheduler);
-  }
+  });
 }
 
 // The first ready, not busy chunk of the queue, taken out of it; or
@@ -230,41 +228,25 @@ ChunkID NextEligible(Scheduler* scheduler) {
   return taken;
 }
 
-// How long an idle thread watches for new work before it sleeps.  Falling
-// asleep and being woken costs tens of microseconds on a virtual machine,
-// more than a whole small request; a request stream that comes back within
-// this window never pays it.
-constexpr int64_t kSpinMicroseconds = 50;
-
 // Watches the wake-up sequence without the mutex, for a while; true when a
-// wake-up came meanwhile.  Only one thread of a scheduler spins, so the
-// others sleep and leave the cores to the threads with work.
+// wake-up came meanwhile.  A request stream that comes back within the
+// window never pays for sleeping.  Only one thread of a scheduler spins, so
+// the others sleep and leave the cores to the threads with work.
 // REQUIRES: mutex held (released and taken again).
 bool SpinForWakeUp(Scheduler* scheduler) {
   if (scheduler->threadSpinning) return false;
   scheduler->threadSpinning = true;
   const uint32_t seen = __atomic_load_n(&scheduler->wakeSequence, __ATOMIC_RELAXED);
   MutexUnlock(&scheduler->mutex);
-  const int64_t until = NowMicroseconds() + kSpinMicroseconds;
-  bool woken = false;
-  while (!woken && NowMicroseconds() < until) {
-    YieldProcessor();
-    woken = __atomic_load_n(&scheduler->wakeSequence, __ATOMIC_ACQUIRE) != seen;
-  }
+  SpinBeforeSleep([scheduler, seen] {
+    return __atomic_load_n(&scheduler->wakeSequence, __ATOMIC_ACQUIRE) != seen;
+  });
   MutexLock(&scheduler->mutex);
   scheduler->threadSpinning = false;
   return __atomic_load_n(&scheduler->wakeSequence, __ATOMIC_RELAXED) != seen;
 }
 
 }  // namespace
-
-uint32_t PlaceBit(const Scheduler* wanted) {
-  uint32_t bit = 1;
-  for (Scheduler* s = SchedulerListHead(); s != nullptr; s = s->next, bit <<= 1) {
-    if (s == wanted) return bit;
-  }
-  return 0;
-}
 
 void WakeThreads(Scheduler* scheduler, bool all) {
   __atomic_add_fetch(&scheduler->wakeSequence, 1, __ATOMIC_RELEASE);
