@@ -5,9 +5,10 @@
 set -euo pipefail
 
 # gdb prints the stacks of a test that hangs (tests/test_watchdog.cc);
-# liburing-dev gives the in-flight benchmark its io_uring baseline.
+# liburing-dev gives the in-flight benchmark its io_uring baseline,
+# libphysfs-dev and zip the archive benchmark its PhysicsFS one.
 PACKAGES=(cmake ninja-build g++ clang pkg-config zlib1g-dev libdeflate-dev libgtest-dev
-          libgmock-dev gdb liburing-dev)
+          libgmock-dev gdb liburing-dev libphysfs-dev zip)
 
 missing=()
 for p in "${PACKAGES[@]}"; do
