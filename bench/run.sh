@@ -8,7 +8,7 @@
 # print measurements and never fail on them; the script fails only when a
 # program fails (a byte mismatch).
 #
-#   bench/run.sh           sizes that run in about five minutes
+#   bench/run.sh           sizes that run in about ten minutes
 #   bench/run.sh --full    each program's default sizes (longer)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -34,7 +34,7 @@ if [[ "$FULL" == 1 ]]; then
   ARGS=("" "" "" "" "" "")
 else
   RUNS=("deadline" "overhead" "throughput" "archive" "cache" "inflight")
-  ARGS=("--rounds=1" "" "256" "96 --rounds=3" "32 32 --rounds=3" "256 --reps=3")
+  ARGS=("--rounds=1" "" "256" "--reps=3" "32 32 --rounds=3" "256 --reps=3")
 fi
 
 for i in "${!RUNS[@]}"; do

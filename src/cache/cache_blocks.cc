@@ -1,7 +1,7 @@
 // The RAM caches' list, lock, path matching and block table: see ram_cache.h.
 
+#include <cstdio>
 #include <cstring>
-#include <mutex>
 
 #include "api/globals.h"
 #include "api/operation.h"
@@ -22,7 +22,7 @@ constexpr int64_t kToTheEnd = INT64_MAX;
 // Guards the list head and the use count against installs and removals
 // racing each other (filters are added outside the filter lock); the list
 // itself is read under the cache lock.
-std::mutex g_installMutex;
+HybPlatformStaticMutex g_installMutex;
 CacheHeader* g_caches;
 int32_t g_useCount;
 HybPlatformRwlock g_cacheLock;
@@ -79,7 +79,7 @@ int32_t InstallCache(ZulKestRamCacheContext* context) {
     if (resolved != ZUL_KEST_OK) return resolved;
   }
 
-  std::lock_guard<std::mutex> guard(g_installMutex);
+  StaticMutexGuard guard(&g_installMutex);
   if (g_useCount++ == 0) RwlockInitialize(&g_cacheLock, "ZulKestRamcache");
   const uint64_t perBlock = context->blockSize + kBlockEntrySize;
   uint64_t count = context->workBufferSize > headerArea ? (context->workBufferSize - headerArea) / perBlock : 0;
@@ -108,7 +108,7 @@ int32_t InstallCache(ZulKestRamCacheContext* context) {
 
 int32_t UninstallCache(ZulKestRamCacheContext* context, bool* wasLast) {
   *wasLast = false;
-  std::lock_guard<std::mutex> guard(g_installMutex);
+  StaticMutexGuard guard(&g_installMutex);
   if (g_caches == nullptr) return ZUL_KEST_ERROR_BAD_INDEX;
   // Found by address only: a damaged context's header is not read.
   const CacheHeader* cache = static_cast<const CacheHeader*>(context->pWorkBuffer);
@@ -314,7 +314,7 @@ char* DumpCacheBlock(const CacheBlock* block, char* buffer, size_t size) {
 }
 
 void PrintCacheStatistics() {
-  std::lock_guard<std::mutex> guard(g_installMutex);
+  StaticMutexGuard guard(&g_installMutex);
   if (g_caches == nullptr) return;
   RwlockReadLock(&g_cacheLock);
   for (const CacheHeader* c = g_caches; c != nullptr; c = c->next) {

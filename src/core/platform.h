@@ -1,6 +1,7 @@
 // What the library needs from the operating system's thread library: locks,
-// condition variables, read-write locks, threads, sleeping and clocks.  Every
-// other file takes its locks, threads and clocks from here; the POSIX port is
+// condition variables, read-write locks, threads, sleeping, clocks and the
+// calendar.  Every other file takes its locks, threads and clocks from here
+// (and its file calls from core/system_calls.h); the POSIX port is
 // platform_posix.cc.
 //
 // Failure rule: a call that cannot legitimately fail (initialising, locking,
@@ -17,6 +18,8 @@
 #include <pthread.h>
 
 #include <cstdint>
+
+struct tm;
 
 namespace kest2 {
 
@@ -153,7 +156,44 @@ void YieldProcessor();
 // machine, more than a whole small request.
 constexpr int64_t kSpinBeforeSleepMicroseconds = 50;
 
-// --- Clocks and sleeping -------------------------------------------------
+// --- Locks in static storage ----------------------------------------------
+
+// A plain lock that needs no initialising call, for state that exists before
+// the library is initialised (filter installs): never recursive, no owner
+// bookkeeping.
+struct HybPlatformStaticMutex {
+  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+};
+void StaticMutexLock(HybPlatformStaticMutex* mutex);
+void StaticMutexUnlock(HybPlatformStaticMutex* mutex);
+
+class StaticMutexGuard {
+ public:
+  explicit StaticMutexGuard(HybPlatformStaticMutex* mutex) : m_mutex(mutex) {
+    StaticMutexLock(m_mutex);
+  }
+  ~StaticMutexGuard() { StaticMutexUnlock(m_mutex); }
+  StaticMutexGuard(const StaticMutexGuard&) = delete;
+  StaticMutexGuard& operator=(const StaticMutexGuard&) = delete;
+
+ private:
+  HybPlatformStaticMutex* m_mutex;
+};
+
+// --- Clocks, calendar and sleeping -----------------------------------------
+
+// Nanoseconds of the monotonic clock.
+int64_t MonotonicNanoseconds();
+// Microseconds since the Unix epoch (UTC) of the time-of-day clock.
+int64_t WallClockMicroseconds();
+// The processor's time-stamp counter (nanoseconds of the monotonic clock
+// where there is none).
+uint64_t CycleCounter();
+// UTC calendar fields of seconds since the epoch.
+void UtcFromSeconds(int64_t seconds, struct tm* fields);
+// Seconds since the epoch of UTC calendar fields (normalised as the C
+// library does); -1 when they cannot be represented.
+int64_t SecondsFromUtc(struct tm* fields);
 
 // Microseconds of the time-of-day clock; used for timed waits and sleeps.
 int64_t NowMicroseconds();
@@ -174,6 +214,13 @@ inline int64_t NanosecondsToMicroseconds(int64_t x) { return (x + 999) / 1000; }
 // Sleeps at least once (0 yields for 1 microsecond) and resumes when woken
 // early.  Negative ms is fatal.
 void SleepMilliseconds(int64_t ms);
+
+// --- Debugging ---------------------------------------------------------------
+
+// True when a tracer (a debugger) is attached to the process.
+bool DebuggerAttached();
+// Stops in the attached debugger (a breakpoint trap).
+void BreakIntoDebugger();
 
 }  // namespace kest2
 

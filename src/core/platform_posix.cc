@@ -1,10 +1,10 @@
-// POSIX port of the platform layer: pthreads, clock_gettime and
-// gettimeofday.  See platform.h for the contract and the failure rule.
-
-#include "core/platform.h"
+// POSIX port of the platform layer: pthreads, clock_gettime,
+// gettimeofday, the C library's UTC calendar and /proc for the debugger.  See platform.h for the
+// contract and the failure rule.
 
 #include <errno.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -12,7 +12,14 @@
 #include <unistd.h>
 
 #include <climits>
+#include <cstdio>
 #include <cstring>
+
+#include "core/platform.h"
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <x86intrin.h>
+#endif
 
 namespace kest2 {
 namespace {
@@ -303,5 +310,65 @@ void SleepMilliseconds(int64_t ms) {
     remaining = deadline - NowMicroseconds();
   }
 }
+
+// --- Locks in static storage ----------------------------------------------
+
+void StaticMutexLock(HybPlatformStaticMutex* mutex) { CheckOk(pthread_mutex_lock(&mutex->mutex)); }
+
+void StaticMutexUnlock(HybPlatformStaticMutex* mutex) {
+  CheckOk(pthread_mutex_unlock(&mutex->mutex));
+}
+
+// --- Clocks and calendar ---------------------------------------------------
+
+int64_t MonotonicNanoseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
+
+int64_t WallClockMicroseconds() {
+  timeval now{};
+  gettimeofday(&now, nullptr);
+  return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_usec;
+}
+
+uint64_t CycleCounter() {
+#if defined(__x86_64__) || defined(__i386__)
+  return __rdtsc();
+#else
+  return static_cast<uint64_t>(MonotonicNanoseconds());
+#endif
+}
+
+void UtcFromSeconds(int64_t seconds, struct tm* fields) {
+  const time_t t = static_cast<time_t>(seconds);
+  gmtime_r(&t, fields);
+}
+
+int64_t SecondsFromUtc(struct tm* fields) {
+  const time_t seconds = timegm(fields);
+  return seconds == static_cast<time_t>(-1) ? -1 : static_cast<int64_t>(seconds);
+}
+
+// --- Debugging ---------------------------------------------------------------
+
+bool DebuggerAttached() {
+  FILE* status = std::fopen("/proc/self/status", "r");
+  if (status == nullptr) return false;
+  char line[256];
+  bool attached = false;
+  while (std::fgets(line, sizeof(line), status) != nullptr) {
+    if (std::strncmp(line, "TracerPid:", 10) == 0) {
+      int pid = 0;
+      attached = std::sscanf(line + 10, "%d", &pid) == 1 && pid != 0;
+      break;
+    }
+  }
+  std::fclose(status);
+  return attached;
+}
+
+void BreakIntoDebugger() { raise(SIGTRAP); }
 
 }  // namespace kest2

@@ -4,12 +4,12 @@
 // limit and trace time is one.  ZulKestDate counts nanoseconds since the Unix
 // epoch in UTC; stat records carry dates.
 
-#include <sys/time.h>
-#include <time.h>
+#include "core/time_date.h"
 
 #include <cstring>
+#include <ctime>
 
-#include "core/time_date.h"
+#include "core/platform.h"
 #include "debug/format.h"
 #include "kest2.h"
 
@@ -31,11 +31,7 @@ void FormatTraceTime(int64_t nanoseconds, char* buffer, size_t size) {
 
 }  // namespace kest2
 
-extern "C" ZulKestTime zulKestTimeGetCurrent(void) {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * kNanosecondsPerSecond + now.tv_nsec;
-}
+extern "C" ZulKestTime zulKestTimeGetCurrent(void) { return kest2::MonotonicNanoseconds(); }
 
 extern "C" int64_t zulKestTimeToNanoseconds(ZulKestTime time) { return time; }
 
@@ -49,17 +45,12 @@ extern "C" int32_t zulKestTraceTimestamp(char* buffer, size_t size) {
 }
 
 extern "C" ZulKestDate zulKestDateGetCurrent(void) {
-  timeval now{};
-  gettimeofday(&now, nullptr);
-  return (static_cast<uint64_t>(now.tv_sec) * 1000000u +
-          static_cast<uint64_t>(now.tv_usec)) *
-         1000u;
+  return static_cast<uint64_t>(kest2::WallClockMicroseconds()) * 1000u;
 }
 
 extern "C" struct tm* zulKestDateToComponents(ZulKestDate date, struct tm* tm) {
   if (tm == nullptr) return tm;
-  time_t seconds = static_cast<time_t>(date / kNanosecondsPerSecond);
-  gmtime_r(&seconds, tm);
+  kest2::UtcFromSeconds(static_cast<int64_t>(date / kNanosecondsPerSecond), tm);
   return tm;
 }
 
@@ -80,8 +71,7 @@ extern "C" ZulKestDate zulKestDateFromComponents(const struct tm* tm) {
   // A direct UTC conversion: gives the same results as converting as local
   // time and correcting by the zone offset when the zone is UTC, and stays
   // right across daylight-saving changes when it is not.
-  time_t seconds = timegm(&fields);
-  if (seconds == static_cast<time_t>(-1)) return 0;
-  return static_cast<ZulKestDate>(static_cast<int64_t>(seconds)) *
-         static_cast<ZulKestDate>(kNanosecondsPerSecond);
+  const int64_t seconds = kest2::SecondsFromUtc(&fields);
+  if (seconds == -1) return 0;
+  return static_cast<ZulKestDate>(seconds) * static_cast<ZulKestDate>(kNanosecondsPerSecond);
 }

@@ -3,7 +3,7 @@
 
 #include "debug/dump.h"
 
-#include <time.h>
+#include <ctime>
 
 #include "api/records.h"
 #include "core/handletable.h"

@@ -19,6 +19,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/system_calls.h"
 #include "io/native_dir_buffer.h"
 #include "kest2.h"
 #include "sched/chunk.h"
@@ -39,10 +40,6 @@ namespace kest2 {
 //   anything else (library codes)       -> unchanged
 int32_t MapNativeError(int32_t result);
 
-// The library code for one errno, by the errno's meaning (the table behind
-// MapNativeError's kernel codes).  0 maps to 0.
-int32_t CodeFromErrno(int err);
-
 // --- Open flags -------------------------------------------------------------
 
 // Kernel open flags for a ZUL_KEST_O_* set: the access mode from the low two
@@ -56,18 +53,8 @@ uint32_t MapOpenMode(uint32_t openFlags, int32_t mode);
 
 // --- Primitives -------------------------------------------------------------
 
-// The fields of a file's status that the library uses.  Fits the 120 bytes
-// that a directory listing keeps per entry.
-struct NativeStat {
-  uint32_t mode;            // type bits 0xF000 and permission bits
-  uint32_t reserved;
-  int64_t size;             // bytes
-  int64_t accessSeconds;    // whole seconds since the epoch
-  int64_t modificationSeconds;
-  int64_t changeSeconds;
-  uint64_t device;
-  uint64_t inode;
-};
+// The fields of a file's status that the library uses.
+using NativeStat = SystemStat;
 static_assert(sizeof(NativeStat) <= 120, "a listing entry keeps 120 bytes of status");
 
 constexpr uint32_t kNativeModeTypeMask = 0xF000;

@@ -123,6 +123,27 @@ int32_t FhOpen(ChunkID id) {
   return ZUL_KEST_OK;
 }
 
+// Moves a whole read or write piece: the system may move fewer bytes than
+// asked without being at the end of the file (a signal, a device at its
+// limit), and the rest of the piece must not be reported as moved.  Stops
+// at the end of the file (a read of 0) or at a failure, left in *failure.
+int64_t TransferWhole(int32_t fd, ChunkFhIoRecord* chunk, bool isWrite, int64_t* failure) {
+  int64_t done = 0;
+  while (done < chunk->reqCount) {
+    char* at = static_cast<char*>(chunk->buffer) + done;
+    const int64_t left = chunk->reqCount - done;
+    const int64_t moved = isWrite ? NativePwrite(fd, at, left, chunk->offset + done)
+                                  : NativePread(fd, at, left, chunk->offset + done);
+    if (moved < 0) {
+      *failure = moved;
+      break;
+    }
+    if (moved == 0) break;
+    done += moved;
+  }
+  return done;
+}
+
 // CHUNK_FH_READ and CHUNK_FH_WRITE.
 int32_t FhTransfer(ChunkID id) {
   ChunkFhIoRecord* chunk = ChunkRecord<ChunkFhIoRecord>(id);
@@ -139,26 +160,30 @@ int32_t FhTransfer(ChunkID id) {
               static_cast<unsigned long long>(chunk->offset));
 
   int64_t count = 0;
+  int64_t failure = 0;
   if (chunk->reqCount != 0) {
     if (isWrite) {
       NativeEvent event(kEventWrite, id, path, chunk->offset, chunk->position, chunk->reqCount);
-      count = NativePwrite(fd, chunk->buffer, chunk->reqCount, chunk->offset);
+      count = TransferWhole(fd, chunk, true, &failure);
       event.Finish();
     } else if (fd == -1) {
       return ZUL_KEST_ERROR_BAD_FH;
     } else if (chunk->offset < __atomic_load_n(&fh->size, __ATOMIC_RELAXED)) {
       NativeEvent event(kEventRead, id, path, chunk->offset, chunk->position, chunk->reqCount);
-      count = NativePread(fd, chunk->buffer, chunk->reqCount, chunk->offset);
+      count = TransferWhole(fd, chunk, false, &failure);
       event.Finish();
     }
-    if (count < 0) return Fail(name, count);
-    if (count == 0) {
-      KEST2_TRACE(kTraceIo, name, "EOF");
-      return ZUL_KEST_ERROR_EOF;
-    }
   }
+  // Bytes moved before a failure are real: the caller's count and the
+  // handle's size say so, and the failure is reported all the same.
   if (isWrite) RaiseRecordedSize(fh, chunk->offset + count);
-  if (chunk->actCount != nullptr) __atomic_add_fetch(chunk->actCount, count, __ATOMIC_ACQ_REL);
+  if (chunk->actCount != nullptr && count != 0)
+    __atomic_add_fetch(chunk->actCount, count, __ATOMIC_ACQ_REL);
+  if (failure < 0) return Fail(name, failure);
+  if (count == 0 && chunk->reqCount != 0) {
+    KEST2_TRACE(kTraceIo, name, "EOF");
+    return ZUL_KEST_ERROR_EOF;
+  }
   return ZUL_KEST_OK;
 }
 

@@ -17,11 +17,12 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/system_calls.h"
 #include "kest2.h"
 
 namespace kest2 {
 
-struct NativeStat;
+using NativeStat = SystemStat;
 
 constexpr int32_t kOverlayTableSize = 64;
 constexpr uint64_t kOverlayPathSize = ZUL_KEST_OVERLAY_PATH_SIZE;

@@ -1,0 +1,51 @@
+// Makes the system fail the library: swaps entries of the system call table
+// (core/system_calls.h) for wrappers that fail on cue and otherwise call
+// the system, and puts the table back at destruction.  One instance at a
+// time; arm it before the requests that should meet the fault.
+#ifndef KEST2_TESTS_CORE_SYSTEM_FAULTS_H_
+#define KEST2_TESTS_CORE_SYSTEM_FAULTS_H_
+
+#include <cstdint>
+
+namespace kest2_test {
+
+class SystemFaults {
+ public:
+  enum Call {
+    kOpen,
+    kOpenDirectory,
+    kClose,
+    kPread,
+    kPwrite,
+    kFsync,
+    kStat,
+    kFstat,
+    kGetdents,
+    kCallCount
+  };
+
+  SystemFaults();
+  ~SystemFaults();
+  SystemFaults(const SystemFaults&) = delete;
+  SystemFaults& operator=(const SystemFaults&) = delete;
+
+  // Counting from now, the nth call (1-based) of `call` and the times - 1
+  // after it fail with err instead of reaching the system (times -1: every
+  // call from the nth on).  A failed close still closes the descriptor, as
+  // Linux does.
+  void Fail(Call call, uint64_t nth, int err, int64_t times = 1);
+  // The nth pread transfers at most `bytes` bytes: a short read.
+  void ShortRead(uint64_t nth, uint64_t bytes);
+  // Every call of every wrapped entry is interrupted (EINTR) once before it
+  // reaches the system.
+  void InterruptEveryCallOnce();
+  // Calls of `call` that reached a wrapper since construction, interrupted
+  // ones included.
+  uint64_t Calls(Call call) const;
+  // Calls of `call` that failed on cue.
+  uint64_t Injected(Call call) const;
+};
+
+}  // namespace kest2_test
+
+#endif  // KEST2_TESTS_CORE_SYSTEM_FAULTS_H_
