@@ -184,8 +184,6 @@ class StaticMutexGuard {
 
 // Nanoseconds of the monotonic clock.
 int64_t MonotonicNanoseconds();
-// Microseconds since the Unix epoch (UTC) of the time-of-day clock.
-int64_t WallClockMicroseconds();
 // The processor's time-stamp counter (nanoseconds of the monotonic clock
 // where there is none).
 uint64_t CycleCounter();
@@ -195,7 +193,8 @@ void UtcFromSeconds(int64_t seconds, struct tm* fields);
 // library does); -1 when they cannot be represented.
 int64_t SecondsFromUtc(struct tm* fields);
 
-// Microseconds of the time-of-day clock; used for timed waits and sleeps.
+// Microseconds since the Unix epoch (UTC) of the time-of-day clock; used
+// for dates, timed waits and sleeps.
 int64_t NowMicroseconds();
 // Yields the core until done() or kSpinBeforeSleepMicroseconds have
 // passed; returns done().

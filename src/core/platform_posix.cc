@@ -327,12 +327,6 @@ int64_t MonotonicNanoseconds() {
   return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
 }
 
-int64_t WallClockMicroseconds() {
-  timeval now{};
-  gettimeofday(&now, nullptr);
-  return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_usec;
-}
-
 uint64_t CycleCounter() {
 #if defined(__x86_64__) || defined(__i386__)
   return __rdtsc();

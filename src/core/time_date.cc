@@ -45,7 +45,7 @@ extern "C" int32_t zulKestTraceTimestamp(char* buffer, size_t size) {
 }
 
 extern "C" ZulKestDate zulKestDateGetCurrent(void) {
-  return static_cast<uint64_t>(kest2::WallClockMicroseconds()) * 1000u;
+  return static_cast<uint64_t>(kest2::NowMicroseconds()) * 1000u;
 }
 
 extern "C" struct tm* zulKestDateToComponents(ZulKestDate date, struct tm* tm) {
