@@ -67,8 +67,6 @@ int32_t MapNativeError(int32_t result) {
 
 // --- Open flags -------------------------------------------------------------
 
-int MapOpenFlags(uint32_t openFlags) { return SystemOpenFlags(openFlags); }
-
 uint32_t MapOpenMode(uint32_t openFlags, int32_t mode) {
   if ((openFlags & ZUL_KEST_O_CREAT) == 0) return 0;
   if (mode == -1) return 0777;
@@ -78,7 +76,7 @@ uint32_t MapOpenMode(uint32_t openFlags, int32_t mode) {
 // --- Primitives -------------------------------------------------------------
 
 int32_t NativeOpen(const char* path, uint32_t openFlags, int32_t mode, int32_t* fd) {
-  const int flags = MapOpenFlags(openFlags);
+  const int flags = SystemOpenFlags(openFlags);
   const uint32_t creationMode = MapOpenMode(openFlags, mode);
   const int32_t rc = Restarting([&] { return System().open(path, flags, creationMode); });
   if (fd != nullptr) *fd = rc < 0 ? -1 : rc;

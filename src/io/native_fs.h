@@ -42,11 +42,8 @@ int32_t MapNativeError(int32_t result);
 
 // --- Open flags -------------------------------------------------------------
 
-// Kernel open flags for a ZUL_KEST_O_* set: the access mode from the low two
-// bits (WRITE alone: write-only; READ|WRITE: read-write; otherwise
-// read-only), APPEND, CREAT, TRUNC and DIRECT; every other bit is dropped.
-// The descriptor is always close-on-exec.
-int MapOpenFlags(uint32_t openFlags);
+// The system's open flags for a ZUL_KEST_O_* set are SystemOpenFlags
+// (core/system_calls.h).
 // The creation mode handed to the kernel: 0 without ZUL_KEST_O_CREAT;
 // otherwise mode, or 0777 when mode is -1, truncated to 16 bits.
 uint32_t MapOpenMode(uint32_t openFlags, int32_t mode);

@@ -175,10 +175,12 @@ int32_t FhTransfer(ChunkID id) {
     }
   }
   // Bytes moved before a failure are real: the caller's count and the
-  // handle's size say so, and the failure is reported all the same.
-  if (isWrite) RaiseRecordedSize(fh, chunk->offset + count);
-  if (chunk->actCount != nullptr && count != 0)
-    __atomic_add_fetch(chunk->actCount, count, __ATOMIC_ACQ_REL);
+  // handle's size say so, and the failure is reported all the same.  A
+  // failure that moved nothing changes neither.
+  if (failure == 0 || count != 0) {
+    if (isWrite) RaiseRecordedSize(fh, chunk->offset + count);
+    if (chunk->actCount != nullptr) __atomic_add_fetch(chunk->actCount, count, __ATOMIC_ACQ_REL);
+  }
   if (failure < 0) return Fail(name, failure);
   if (count == 0 && chunk->reqCount != 0) {
     KEST2_TRACE(kTraceIo, name, "EOF");

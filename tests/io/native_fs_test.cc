@@ -69,14 +69,14 @@ TEST(MapNativeErrorTest, KernelCodesMapByMeaningAndNeverStayRaw) {
     EXPECT_EQ(MapNativeError(code), code);
 }
 
-TEST(MapOpenFlagsTest, AccessOptionsAndCreationMode) {
-  EXPECT_EQ(MapOpenFlags(0), O_RDONLY | O_CLOEXEC);
-  EXPECT_EQ(MapOpenFlags(ZUL_KEST_O_READ), O_RDONLY | O_CLOEXEC);
-  EXPECT_EQ(MapOpenFlags(ZUL_KEST_O_WRITE), O_WRONLY | O_CLOEXEC);
-  EXPECT_EQ(MapOpenFlags(ZUL_KEST_O_READ | ZUL_KEST_O_WRITE | ZUL_KEST_O_USER_MASK |
+TEST(SystemOpenFlagsTest, AccessOptionsAndCreationMode) {
+  EXPECT_EQ(SystemOpenFlags(0), O_RDONLY | O_CLOEXEC);
+  EXPECT_EQ(SystemOpenFlags(ZUL_KEST_O_READ), O_RDONLY | O_CLOEXEC);
+  EXPECT_EQ(SystemOpenFlags(ZUL_KEST_O_WRITE), O_WRONLY | O_CLOEXEC);
+  EXPECT_EQ(SystemOpenFlags(ZUL_KEST_O_READ | ZUL_KEST_O_WRITE | ZUL_KEST_O_USER_MASK |
                          ZUL_KEST_O_RESERVED_MASK),
             O_RDWR | O_CLOEXEC);
-  EXPECT_EQ(MapOpenFlags(ZUL_KEST_O_WRITE | ZUL_KEST_O_APPEND | ZUL_KEST_O_CREAT |
+  EXPECT_EQ(SystemOpenFlags(ZUL_KEST_O_WRITE | ZUL_KEST_O_APPEND | ZUL_KEST_O_CREAT |
                          ZUL_KEST_O_TRUNC | ZUL_KEST_O_DIRECT),
             O_WRONLY | O_APPEND | O_CREAT | O_TRUNC | O_DIRECT | O_CLOEXEC);
   EXPECT_EQ(MapOpenMode(ZUL_KEST_O_WRITE, 0644), 0u);

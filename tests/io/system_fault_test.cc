@@ -61,6 +61,16 @@ class SystemFaultTest : public ::testing::Test {
 
   std::string Path(const std::string& name) const { return dir_.path() + "/" + name; }
 
+  // A handle opened through the engine; 0, with the failure recorded, when
+  // the open did not succeed.
+  ZulKestFH OpenHandle(const std::string& path, uint16_t openFlags = ZUL_KEST_O_READ) {
+    ZulKestOpenParams open{};
+    open.openFlags = openFlags;
+    ZulKestFH fh = 0;
+    EXPECT_EQ(zulKestFHOpenSync(nullptr, &fh, path.c_str(), &open), ZUL_KEST_OK);
+    return fh;
+  }
+
   // Nothing the faults touched stays taken: operations, handles, chunks,
   // queues and descriptors are back at their counts from SetUp.
   void ExpectNothingLeaked() {
@@ -89,8 +99,8 @@ TEST_F(SystemFaultTest, EioOnOnePieceFailsTheWholeSplitReadAndLeaksNothing) {
   for (uint64_t nth : {1u, 3u, 16u}) {
     SCOPED_TRACE(nth);
     SystemFaults faults;
-    ZulKestFH fh = 0;
-    ASSERT_EQ(zulKestFHOpenSync(nullptr, &fh, path.c_str(), nullptr), ZUL_KEST_OK);
+    const ZulKestFH fh = OpenHandle(path);
+    ASSERT_NE(fh, 0u);
     std::vector<char> buffer(16 * kPiece);
     faults.Fail(SystemFaults::kPread, nth, EIO);
     const ZulKestOp op = zulKestFHPread(nullptr, fh, buffer.data(), buffer.size(), 0);
@@ -113,8 +123,8 @@ TEST_F(SystemFaultTest, ShortReadInsideTheFileIsCompletedNotCountedAsData) {
   const std::vector<char> source = Pattern(4 * kPiece, 2);
   WriteBytes(path, source);
   SystemFaults faults;
-  ZulKestFH fh = 0;
-  ASSERT_EQ(zulKestFHOpenSync(nullptr, &fh, path.c_str(), nullptr), ZUL_KEST_OK);
+  const ZulKestFH fh = OpenHandle(path);
+  ASSERT_NE(fh, 0u);
   // The second piece comes back with 100 bytes, far from the end of file.
   faults.ShortRead(2, 100);
   std::vector<char> buffer(source.size(), 0);
@@ -142,8 +152,8 @@ TEST_F(SystemFaultTest, EveryCallInterruptedOnceGivesTheSameResults) {
   ZulKestStat st;
   EXPECT_EQ(zulKestStatSync(nullptr, path.c_str(), &st), ZUL_KEST_OK);
   EXPECT_EQ(st.fileSize, static_cast<int64_t>(source.size()));
-  ZulKestFH fh = 0;
-  ASSERT_EQ(zulKestFHOpenSync(nullptr, &fh, path.c_str(), nullptr), ZUL_KEST_OK);
+  const ZulKestFH fh = OpenHandle(path);
+  ASSERT_NE(fh, 0u);
   EXPECT_EQ(zulKestFHSyncSync(nullptr, fh), ZUL_KEST_OK);
   EXPECT_EQ(zulKestFHCloseSync(nullptr, fh), ZUL_KEST_OK);
   EXPECT_GT(faults.Calls(SystemFaults::kPread), 0u);
@@ -159,10 +169,8 @@ TEST_F(SystemFaultTest, DiskFullOnOnePieceFailsTheWriteAndKeepsTheBytesBefore) {
     const std::string path = Path("out" + std::to_string(err));
     const std::vector<char> source = Pattern(8 * kPiece, 4);
     SystemFaults faults;
-    ZulKestFH fh = 0;
-    ZulKestOpenParams open{};
-    open.openFlags = ZUL_KEST_O_WRITE | ZUL_KEST_O_CREAT;
-    ASSERT_EQ(zulKestFHOpenSync(nullptr, &fh, path.c_str(), &open), ZUL_KEST_OK);
+    const ZulKestFH fh = OpenHandle(path, ZUL_KEST_O_WRITE | ZUL_KEST_O_CREAT);
+    ASSERT_NE(fh, 0u);
     faults.Fail(SystemFaults::kPwrite, 4, err);
     const ZulKestOp op = zulKestFHPwrite(nullptr, fh, source.data(), source.size(), 0);
     ASSERT_NE(op, 0u);
@@ -248,10 +256,8 @@ TEST_F(SystemFaultTest, FailingSyncAndCloseReportTheirCodesAndReleaseTheHandle) 
   const std::string path = Path("synced");
   WriteBytes(path, Pattern(1000, 5));
   SystemFaults faults;
-  ZulKestFH fh = 0;
-  ZulKestOpenParams open{};
-  open.openFlags = ZUL_KEST_O_READ | ZUL_KEST_O_WRITE;
-  ASSERT_EQ(zulKestFHOpenSync(nullptr, &fh, path.c_str(), &open), ZUL_KEST_OK);
+  const ZulKestFH fh = OpenHandle(path, ZUL_KEST_O_READ | ZUL_KEST_O_WRITE);
+  ASSERT_NE(fh, 0u);
   faults.Fail(SystemFaults::kFsync, 1, EIO);
   EXPECT_EQ(zulKestFHSyncSync(nullptr, fh), ZUL_KEST_ERROR_MEDIA_GONE);
   EXPECT_EQ(zulKestFHSyncSync(nullptr, fh), ZUL_KEST_OK);
