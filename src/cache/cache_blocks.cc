@@ -79,7 +79,7 @@ int32_t InstallCache(ZulKestRamCacheContext* context) {
     if (resolved != ZUL_KEST_OK) return resolved;
   }
 
-  StaticMutexGuard guard(&g_installMutex);
+  MutexLocker guard(&g_installMutex);
   if (g_useCount++ == 0) RwlockInitialize(&g_cacheLock, "ZulKestRamcache");
   const uint64_t perBlock = context->blockSize + kBlockEntrySize;
   uint64_t count = context->workBufferSize > headerArea ? (context->workBufferSize - headerArea) / perBlock : 0;
@@ -108,7 +108,7 @@ int32_t InstallCache(ZulKestRamCacheContext* context) {
 
 int32_t UninstallCache(ZulKestRamCacheContext* context, bool* wasLast) {
   *wasLast = false;
-  StaticMutexGuard guard(&g_installMutex);
+  MutexLocker guard(&g_installMutex);
   if (g_caches == nullptr) return ZUL_KEST_ERROR_BAD_INDEX;
   // Found by address only: a damaged context's header is not read.
   const CacheHeader* cache = static_cast<const CacheHeader*>(context->pWorkBuffer);
@@ -314,7 +314,7 @@ char* DumpCacheBlock(const CacheBlock* block, char* buffer, size_t size) {
 }
 
 void PrintCacheStatistics() {
-  StaticMutexGuard guard(&g_installMutex);
+  MutexLocker guard(&g_installMutex);
   if (g_caches == nullptr) return;
   RwlockReadLock(&g_cacheLock);
   for (const CacheHeader* c = g_caches; c != nullptr; c = c->next) {

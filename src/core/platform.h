@@ -58,18 +58,18 @@ void MutexDestroy(HybPlatformMutex* mutex);
 // The holder's thread id, 0 when unowned.
 ThreadId MutexOwner(const HybPlatformMutex* mutex);
 
-// Scoped lock for C++ callers.
+// Scoped lock for C++ callers, over any mutex with MutexLock and
+// MutexUnlock (the kind is deduced: MutexLocker lock(&mutex)).
+template <typename Mutex>
 class MutexLocker {
  public:
-  explicit MutexLocker(HybPlatformMutex* mutex) : m_mutex(mutex) {
-    MutexLock(m_mutex);
-  }
+  explicit MutexLocker(Mutex* mutex) : m_mutex(mutex) { MutexLock(m_mutex); }
   ~MutexLocker() { MutexUnlock(m_mutex); }
   MutexLocker(const MutexLocker&) = delete;
   MutexLocker& operator=(const MutexLocker&) = delete;
 
  private:
-  HybPlatformMutex* m_mutex;
+  Mutex* m_mutex;
 };
 
 // --- Condition variables -------------------------------------------------
@@ -164,21 +164,8 @@ constexpr int64_t kSpinBeforeSleepMicroseconds = 50;
 struct HybPlatformStaticMutex {
   pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
 };
-void StaticMutexLock(HybPlatformStaticMutex* mutex);
-void StaticMutexUnlock(HybPlatformStaticMutex* mutex);
-
-class StaticMutexGuard {
- public:
-  explicit StaticMutexGuard(HybPlatformStaticMutex* mutex) : m_mutex(mutex) {
-    StaticMutexLock(m_mutex);
-  }
-  ~StaticMutexGuard() { StaticMutexUnlock(m_mutex); }
-  StaticMutexGuard(const StaticMutexGuard&) = delete;
-  StaticMutexGuard& operator=(const StaticMutexGuard&) = delete;
-
- private:
-  HybPlatformStaticMutex* m_mutex;
-};
+void MutexLock(HybPlatformStaticMutex* mutex);
+void MutexUnlock(HybPlatformStaticMutex* mutex);
 
 // --- Clocks, calendar and sleeping -----------------------------------------
 

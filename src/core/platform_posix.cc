@@ -313,9 +313,9 @@ void SleepMilliseconds(int64_t ms) {
 
 // --- Locks in static storage ----------------------------------------------
 
-void StaticMutexLock(HybPlatformStaticMutex* mutex) { CheckOk(pthread_mutex_lock(&mutex->mutex)); }
+void MutexLock(HybPlatformStaticMutex* mutex) { CheckOk(pthread_mutex_lock(&mutex->mutex)); }
 
-void StaticMutexUnlock(HybPlatformStaticMutex* mutex) {
+void MutexUnlock(HybPlatformStaticMutex* mutex) {
   CheckOk(pthread_mutex_unlock(&mutex->mutex));
 }
 
