@@ -48,6 +48,7 @@ struct LaneState {
   uint32_t expectedOutput;
   uint32_t wanted;
   ReadState* state;
+  int64_t moved;  // bytes the current block's read moved
 };
 static_assert(sizeof(LaneState) <= sizeof(ChunkCallbackRecord::filterData), "");
 
@@ -225,12 +226,16 @@ int32_t CreateBlockRead(ReadState* state, uint64_t b, ChunkID laneId, ChunkID re
   lane->flags = 0;
   lane->bufferCallback = CHUNKID_INVALID;
   lane->read = read;
+  lane->moved = 0;
+  // The read counts into the lane, which checks the block arrived whole
+  // before the bytes count for the operation.
+  io->actCount = &lane->moved;
   if (!block.compressed) {
     io->offset = static_cast<int64_t>(block.offset + (r0 - blockStart));
     io->reqCount = static_cast<int64_t>(r1 - r0);
     io->buffer = destination;
-    io->actCount = state->actCount;
     std::memset(job, 0, sizeof(*job));
+    lane->wanted = static_cast<uint32_t>(r1 - r0);
     return 1;
   }
   ChunkHeader* readHeader = ChunkAt(read);
@@ -261,7 +266,6 @@ int32_t CreateBlockRead(ReadState* state, uint64_t b, ChunkID laneId, ChunkID re
   io->offset = static_cast<int64_t>(block.offset);
   io->reqCount = block.storedSize;
   io->buffer = nullptr;  // lent by the buffer manager before the read runs
-  io->actCount = nullptr;
   lane->bufferCallback = callback;
   lane->expectedOutput = job->outputSize;
   lane->wanted = job->wantedLength;
@@ -326,13 +330,38 @@ int32_t Rearm(ChunkCallbackRecord* record, LaneState* lane) {
   return ZUL_KEST_ERROR_RETRY;
 }
 
+// An archive cut short since it was mounted holds less than its table of
+// contents says: a block read finds the end of the archive file, or moves
+// fewer bytes than the block's row.  That is a damaged archive, not the end
+// of the file being read: reported as the end of file, the operation's
+// count would take in the lanes that finished beyond the hole.  The code
+// replaces an end of file the read already passed up.
+int32_t FailIfCutShort(ChunkCallbackRecord* record, LaneState* lane, int64_t rowBytes) {
+  if ((LoadChunkFlags(&record->header) & kChunkCancelled) != 0) return ZUL_KEST_OK;
+  if (record->error == ZUL_KEST_OK && lane->moved == rowBytes) return ZUL_KEST_OK;
+  if (record->error != ZUL_KEST_OK && record->error != ZUL_KEST_ERROR_EOF) return ZUL_KEST_OK;
+  ReleaseLaneBuffers(lane);
+  PropagateChunkError(ChunkIdOf(record), ZUL_KEST_ERROR_BAD_ARCHIVE, true);
+  return ZUL_KEST_ERROR_BAD_ARCHIVE;
+}
+
 int32_t DecompressCallback(ChunkCallbackRecord* record, int32_t event) {
   LaneState* lane = StateOf<LaneState>(record);
   DecompressionJob* job = lane->job;
   const Codec* codec = lane->state->codec;
-  if (job->compressedSize == 0) return event == 0 ? ZUL_KEST_OK : Rearm(record, lane);
+  if (job->compressedSize == 0) {
+    // A stored block, read straight into the caller's buffer.
+    if (event == 0) return ZUL_KEST_OK;
+    if (const int32_t cut = FailIfCutShort(record, lane, lane->wanted); cut != ZUL_KEST_OK)
+      return cut;
+    if (record->error == ZUL_KEST_OK && (LoadChunkFlags(&record->header) & kChunkCancelled) == 0)
+      __atomic_add_fetch(lane->state->actCount, lane->moved, __ATOMIC_ACQ_REL);
+    return Rearm(record, lane);
+  }
   if ((lane->flags & kLaneHandedOver) == 0) {
     if (event == 0) return ZUL_KEST_OK;
+    if (const int32_t cut = FailIfCutShort(record, lane, job->compressedSize); cut != ZUL_KEST_OK)
+      return cut;
     const bool cancelled = (LoadChunkFlags(&record->header) & kChunkCancelled) != 0;
     if (record->error != ZUL_KEST_OK || cancelled) {
       ReleaseLaneBuffers(lane);

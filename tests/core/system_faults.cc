@@ -1,10 +1,16 @@
 #include "core/system_faults.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <thread>
 
 #include "core/system_calls.h"
+#include "kest2.h"
+#include "test_support.h"
 
 namespace kest2_test {
 namespace {
@@ -135,5 +141,43 @@ void SystemFaults::InterruptEveryCallOnce() { g_interruptOnce = true; }
 uint64_t SystemFaults::Calls(Call call) const { return g_rules[call].calls.load(); }
 
 uint64_t SystemFaults::Injected(Call call) const { return g_rules[call].injected.load(); }
+
+ResourceCounts ResourceCounts::Now() {
+  ZulKestStatistics statistics;
+  zulKestStatisticsGet(&statistics);
+  ResourceCounts counts;
+  counts.operations = statistics.opStorage.current;
+  counts.fileHandles = statistics.fhStorage.current;
+  counts.directoryHandles = statistics.dhStorage.current;
+  counts.chunks = statistics.chunkStorage.current;
+  counts.callbackQueue = statistics.callbackQueue.current;
+  counts.descriptors = OpenDescriptors();
+  return counts;
+}
+
+ResourceCounts ResourceCounts::Settled() {
+  ResourceCounts last = Now();
+  for (int same = 0, wait = 0; same < 3 && wait < 200; ++wait) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    const ResourceCounts now = Now();
+    same = now == last ? same + 1 : 0;
+    last = now;
+  }
+  return last;
+}
+
+void ExpectResourcesBack(const ResourceCounts& before) {
+  ResourceCounts now = ResourceCounts::Now();
+  for (int wait = 0; wait < 2000 && !(now == before); ++wait) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    now = ResourceCounts::Now();
+  }
+  EXPECT_EQ(now.operations, before.operations) << "operations";
+  EXPECT_EQ(now.fileHandles, before.fileHandles) << "file handles";
+  EXPECT_EQ(now.directoryHandles, before.directoryHandles) << "directory handles";
+  EXPECT_EQ(now.chunks, before.chunks) << "chunks";
+  EXPECT_EQ(now.callbackQueue, before.callbackQueue) << "queued callbacks";
+  EXPECT_EQ(now.descriptors, before.descriptors) << "open descriptors";
+}
 
 }  // namespace kest2_test

@@ -5,9 +5,35 @@
 #ifndef KEST2_TESTS_CORE_SYSTEM_FAULTS_H_
 #define KEST2_TESTS_CORE_SYSTEM_FAULTS_H_
 
+#include <cstddef>
 #include <cstdint>
 
 namespace kest2_test {
+
+// What a fault could leave taken: the library's operations, handles, chunks
+// and queued callbacks, and the process's open descriptors.
+struct ResourceCounts {
+  uint64_t operations = 0;
+  uint64_t fileHandles = 0;
+  uint64_t directoryHandles = 0;
+  uint64_t chunks = 0;
+  uint64_t callbackQueue = 0;
+  size_t descriptors = 0;
+
+  static ResourceCounts Now();
+  // The counts once they have stopped changing: a synchronous call returns
+  // when its operation is done, and the thread that completed it may still
+  // be releasing the operation's chunk tree.
+  static ResourceCounts Settled();
+  bool operator==(const ResourceCounts& other) const {
+    return operations == other.operations && fileHandles == other.fileHandles &&
+           directoryHandles == other.directoryHandles && chunks == other.chunks &&
+           callbackQueue == other.callbackQueue && descriptors == other.descriptors;
+  }
+};
+// Adds a test failure for every count that differs from `before` once the
+// library's threads have had up to two seconds to get back to it.
+void ExpectResourcesBack(const ResourceCounts& before);
 
 class SystemFaults {
  public:

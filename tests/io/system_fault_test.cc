@@ -52,8 +52,7 @@ class SystemFaultTest : public ::testing::Test {
     params.pVprintf = kest2_test::OutputCapture::Hook();
     params.maxChunk = kPiece;  // reads and writes split into 64 KiB pieces
     ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
-    descriptors_ = kest2_test::OpenDescriptors();
-    zulKestStatisticsGet(&before_);
+    before_ = kest2_test::ResourceCounts::Settled();
   }
   void TearDown() override {
     if (zulKestIsInitialized(nullptr)) zulKestTerminate();
@@ -71,24 +70,14 @@ class SystemFaultTest : public ::testing::Test {
     return fh;
   }
 
-  // Nothing the faults touched stays taken: operations, handles, chunks,
-  // queues and descriptors are back at their counts from SetUp.
-  void ExpectNothingLeaked() {
-    ZulKestStatistics now;
-    zulKestStatisticsGet(&now);
-    EXPECT_EQ(now.opStorage.current, before_.opStorage.current);
-    EXPECT_EQ(now.fhStorage.current, before_.fhStorage.current);
-    EXPECT_EQ(now.dhStorage.current, before_.dhStorage.current);
-    EXPECT_EQ(now.chunkStorage.current, before_.chunkStorage.current);
-    EXPECT_EQ(now.callbackQueue.current, 0u);
-    EXPECT_EQ(kest2_test::OpenDescriptors(), descriptors_);
-  }
+  // Nothing the faults touched stays taken: everything is back at its
+  // count from SetUp.
+  void ExpectNothingLeaked() { kest2_test::ExpectResourcesBack(before_); }
 
   kest2_test::OutputCapture output_;
   kest2_test::TempDir dir_;
   kest2_test::TestStorage storage_;
-  ZulKestStatistics before_{};
-  size_t descriptors_ = 0;
+  kest2_test::ResourceCounts before_;
 };
 
 // --- pread ----------------------------------------------------------------------
