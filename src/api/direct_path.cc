@@ -19,14 +19,15 @@ int64_t MappedCount(int64_t result) {
   return result >= 0 ? result : MapNativeError(static_cast<int32_t>(result));
 }
 
-// One transfer where `at` says.  A positional offset goes to the system as
-// the caller gave it, whatever its value: a negative one is refused there.
+// One whole transfer where `at` says (a transfer the system cut short is
+// carried on, as the engine's pieces are); the bytes moved, or the failure
+// when none moved.  A positional offset goes to the system as the caller
+// gave it, whatever its value: a negative one is refused there.
 int64_t Transfer(int32_t fd, void* buffer, int64_t length, DirectAt at, bool write) {
-  if (!at.positional) {
-    return write ? NativeWrite(fd, buffer, length) : NativeRead(fd, buffer, length);
-  }
-  return write ? NativePwrite(fd, buffer, length, at.offset)
-               : NativePread(fd, buffer, length, at.offset);
+  int64_t failure = 0;
+  const int64_t moved =
+      NativeTransferWhole(fd, buffer, length, at.positional, at.offset, write, &failure);
+  return moved != 0 || failure == 0 ? moved : failure;
 }
 
 }  // namespace

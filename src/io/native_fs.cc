@@ -109,6 +109,31 @@ int64_t NativeWrite(int32_t fd, const void* buffer, int64_t count) {
   return rc < 0 ? FailureCode(rc) : rc;
 }
 
+int64_t NativeTransferWhole(int32_t fd, void* buffer, int64_t count, bool positional,
+                            int64_t offset, bool write, int64_t* failure) {
+  *failure = 0;
+  int64_t done = 0;
+  // At least one call, so that the system judges a bad count or offset.
+  do {
+    char* at = static_cast<char*>(buffer) + done;
+    const int64_t left = count - done;
+    int64_t moved;
+    if (positional) {
+      moved = write ? NativePwrite(fd, at, left, offset + done)
+                    : NativePread(fd, at, left, offset + done);
+    } else {
+      moved = write ? NativeWrite(fd, at, left) : NativeRead(fd, at, left);
+    }
+    if (moved < 0) {
+      *failure = moved;
+      break;
+    }
+    if (moved == 0) break;
+    done += moved;
+  } while (done < count);
+  return done;
+}
+
 int64_t NativeSeek(int32_t fd, int64_t offset, int whence) {
   const int64_t rc = System().seek(fd, offset, whence);
   return rc < 0 ? FailureCode(rc) : rc;

@@ -89,6 +89,14 @@ int64_t NativePwrite(int32_t fd, const void* buffer, int64_t count, int64_t offs
 // Transfers at the descriptor's own file position, which they advance.
 int64_t NativeRead(int32_t fd, void* buffer, int64_t count);
 int64_t NativeWrite(int32_t fd, const void* buffer, int64_t count);
+// The system may move fewer bytes than asked without being at the end of
+// the file (a signal, a device at its limit): carries a transfer on until
+// `count` bytes moved, a read of 0 (the end of the file) or a failure.
+// Returns the bytes moved; *failure gets the failure's code (0: none), so
+// that bytes moved before it are not lost.  Positional transfers go to
+// `offset`; the others to the descriptor's position, which they advance.
+int64_t NativeTransferWhole(int32_t fd, void* buffer, int64_t count, bool positional,
+                            int64_t offset, bool write, int64_t* failure);
 // Moves the descriptor's file position (whence: 0 start, 1 current, 2
 // end); the new position or a negative kernel code.
 int64_t NativeSeek(int32_t fd, int64_t offset, int whence);

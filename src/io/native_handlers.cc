@@ -123,25 +123,11 @@ int32_t FhOpen(ChunkID id) {
   return ZUL_KEST_OK;
 }
 
-// Moves a whole read or write piece: the system may move fewer bytes than
-// asked without being at the end of the file (a signal, a device at its
-// limit), and the rest of the piece must not be reported as moved.  Stops
-// at the end of the file (a read of 0) or at a failure, left in *failure.
+// A whole read or write piece: the rest of a piece the system cut short
+// must not be reported as moved.
 int64_t TransferWhole(int32_t fd, ChunkFhIoRecord* chunk, bool isWrite, int64_t* failure) {
-  int64_t done = 0;
-  while (done < chunk->reqCount) {
-    char* at = static_cast<char*>(chunk->buffer) + done;
-    const int64_t left = chunk->reqCount - done;
-    const int64_t moved = isWrite ? NativePwrite(fd, at, left, chunk->offset + done)
-                                  : NativePread(fd, at, left, chunk->offset + done);
-    if (moved < 0) {
-      *failure = moved;
-      break;
-    }
-    if (moved == 0) break;
-    done += moved;
-  }
-  return done;
+  return NativeTransferWhole(fd, chunk->buffer, chunk->reqCount, true, chunk->offset, isWrite,
+                             failure);
 }
 
 // CHUNK_FH_READ and CHUNK_FH_WRITE.

@@ -125,6 +125,33 @@ TEST_F(SystemFaultTest, ShortReadInsideTheFileIsCompletedNotCountedAsData) {
   ExpectNothingLeaked();
 }
 
+// The synchronous twins go straight to the system while the library is not
+// initialised; a short read there is completed as the engine's pieces are.
+TEST_F(SystemFaultTest, ShortReadOnTheDirectPathIsCompletedToo) {
+  const std::string path = Path("direct");
+  const std::vector<char> source = Pattern(3 * kPiece, 9);
+  WriteBytes(path, source);
+  zulKestTerminate();
+  std::vector<char> buffer(source.size(), 0);
+  {
+    SystemFaults faults;
+    faults.ShortRead(1, 100);
+    EXPECT_EQ(zulKestFileReadSync(nullptr, path.c_str(), buffer.data(), buffer.size(), 0),
+              static_cast<int64_t>(source.size()));
+    EXPECT_EQ(buffer, source);
+    EXPECT_EQ(faults.Calls(SystemFaults::kPread), 2u);
+  }
+  // A failure after some bytes moved reports the bytes; one before any, the
+  // failure's code.
+  SystemFaults faults;
+  faults.ShortRead(1, 100);
+  faults.Fail(SystemFaults::kPread, 2, EIO);
+  EXPECT_EQ(zulKestFileReadSync(nullptr, path.c_str(), buffer.data(), buffer.size(), 0), 100);
+  faults.Fail(SystemFaults::kPread, 1, EIO);
+  EXPECT_EQ(zulKestFileReadSync(nullptr, path.c_str(), buffer.data(), buffer.size(), 0),
+            ZUL_KEST_ERROR_MEDIA_GONE);
+}
+
 // --- EINTR ------------------------------------------------------------------------
 
 TEST_F(SystemFaultTest, EveryCallInterruptedOnceGivesTheSameResults) {
