@@ -221,7 +221,9 @@ int32_t ZlibInit(uint8_t maximumThreads) {
   CondInitialize(&g_zlib.waiter, &g_zlib.mutex, "ZulKestZlibWaiter");
   for (int i = 0; i < count; ++i) {
     ZlibWorker* worker = &g_zlib.workers[i];
-    std::snprintf(worker->name, sizeof(worker->name), "ZulKestZlib%d", i);
+    // One digit: the name fills the system's 15 characters otherwise.
+    static_assert(kMaxWorkers <= 10, "worker names take one digit");
+    std::snprintf(worker->name, sizeof(worker->name), "ZulKestZlib%c", static_cast<char>('0' + i));
     CondInitialize(&worker->wakeup, &g_zlib.mutex, worker->name);
     // Busy until the worker has looked at the queue once.
     worker->busy = true;
