@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <random>
 
 #include "kest2.h"
 #include "kest2/archive_session.h"
@@ -157,39 +158,126 @@ int Stat(const Arguments& paths) {
   return status;
 }
 
+// The copy is written to a temporary name beside the target and renamed
+// over it only once every byte is written and the handle closed, so that a
+// failed copy (a full disk, a read error) leaves the target as it was.
+class TemporaryCopy {
+ public:
+  explicit TemporaryCopy(const std::string& target) : m_target(target) {}
+  ~TemporaryCopy() {
+    if (m_fh != 0) zulKestFHCloseSync(nullptr, m_fh);
+    if (!m_path.empty()) zulKestFileDeleteSync(nullptr, m_path.c_str());
+  }
+  TemporaryCopy(const TemporaryCopy&) = delete;
+  TemporaryCopy& operator=(const TemporaryCopy&) = delete;
+
+  // Creates TARGET.XXXXXX with the given permission bits (the process's
+  // umask applies, as for any new file).  The library has no exclusive
+  // create, so a name already taken is skipped and six random characters
+  // make a collision with a file created in between unlikely.
+  int32_t Create(int32_t mode) {
+    static const char kLetters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+    std::random_device device;
+    std::string candidate;
+    for (int attempt = 0; attempt < 100; ++attempt) {
+      candidate = m_target + ".";
+      for (int i = 0; i < 6; ++i) candidate += kLetters[device() % (sizeof(kLetters) - 1)];
+      if (!zulKestExistsSync(nullptr, candidate.c_str())) break;
+    }
+    ZulKestOpenParams writing{};
+    writing.openFlags = ZUL_KEST_O_WRITE | ZUL_KEST_O_CREAT | ZUL_KEST_O_TRUNC;
+    const int32_t result =
+        zulKestFHOpenWithModeSync(nullptr, &m_fh, candidate.c_str(), &writing, mode);
+    if (result != ZUL_KEST_OK) {
+      m_fh = 0;
+      return result;
+    }
+    m_path = candidate;
+    return ZUL_KEST_OK;
+  }
+
+  ZulKestFH fh() const { return m_fh; }
+
+  // Closes the handle and renames the file over the target.  On failure
+  // the destructor removes the temporary file.
+  int32_t Commit() {
+    const int32_t closed = zulKestFHCloseSync(nullptr, m_fh);
+    m_fh = 0;
+    if (closed != ZUL_KEST_OK) return closed;
+    const int32_t renamed = zulKestRenameSync(nullptr, m_path.c_str(), m_target.c_str());
+    if (renamed == ZUL_KEST_OK) m_path.clear();
+    return renamed;
+  }
+
+ private:
+  const std::string& m_target;
+  std::string m_path;
+  ZulKestFH m_fh = 0;
+};
+
+// The library reports a write the file system has no room for (ENOSPC,
+// EDQUOT, EFBIG) as ZUL_KEST_ERROR_BAD_SIZE; the line says so in words.  A
+// write that moves fewer bytes than asked without an error is reported as
+// the same shortage.
+int FailWrite(const std::string& target, int64_t code, int64_t written, int64_t total) {
+  if (code >= 0) {
+    std::fprintf(stderr, "kest2 cp: %s: %s: out of space after %lld of %lld bytes\n",
+                 target.c_str(), ErrorName(ZUL_KEST_ERROR_BAD_SIZE).c_str(),
+                 static_cast<long long>(written), static_cast<long long>(total));
+    return 1;
+  }
+  if (code == ZUL_KEST_ERROR_BAD_SIZE) {
+    std::fprintf(stderr,
+                 "kest2 cp: %s: %s: out of space (file system full, over quota or past the "
+                 "file size limit)\n",
+                 target.c_str(), ErrorName(code).c_str());
+    return 1;
+  }
+  return Fail("cp", target, code);
+}
+
 int Cp(const Arguments& arguments) {
   const std::string& source = arguments[0];
   const std::string& target = arguments[1];
   ZulKestFH in = 0;
   int32_t result = zulKestFHOpenSync(nullptr, &in, source.c_str(), nullptr);
   if (result != ZUL_KEST_OK) return Fail("cp", source, result);
-  ZulKestOpenParams writing{};
-  writing.openFlags = ZUL_KEST_O_WRITE | ZUL_KEST_O_CREAT | ZUL_KEST_O_TRUNC;
-  ZulKestFH out = 0;
-  result = zulKestFHOpenSync(nullptr, &out, target.c_str(), &writing);
+  // The copy takes the source's permission bits (not its set-id bits).
+  ZulKestStat st;
+  result = zulKestFHStatSync(nullptr, in, &st);
   if (result != ZUL_KEST_OK) {
     zulKestFHCloseSync(nullptr, in);
-    return Fail("cp", target, result);
+    return Fail("cp", source, result);
   }
-  std::vector<char> buffer(kTransferSize);
   int status = 0;
-  for (int64_t offset = 0;;) {
-    const int64_t got = zulKestFHPreadSync(nullptr, in, buffer.data(), kTransferSize, offset);
-    if (got < 0) {
-      status = Fail("cp", source, got);
-      break;
+  {
+    TemporaryCopy out(target);
+    result = out.Create(static_cast<int32_t>(st.mode & 0777));
+    if (result != ZUL_KEST_OK) {
+      status = Fail("cp", target, result);
+    } else {
+      std::vector<char> buffer(kTransferSize);
+      for (int64_t offset = 0;;) {
+        const int64_t got = zulKestFHPreadSync(nullptr, in, buffer.data(), kTransferSize, offset);
+        if (got < 0) {
+          status = Fail("cp", source, got);
+          break;
+        }
+        if (got == 0) break;
+        const int64_t put = zulKestFHPwriteSync(nullptr, out.fh(), buffer.data(), got, offset);
+        if (put != got) {
+          status = FailWrite(target, put, offset + std::max<int64_t>(put, 0), st.fileSize);
+          break;
+        }
+        offset += got;
+      }
+      if (status == 0) {
+        result = out.Commit();
+        if (result != ZUL_KEST_OK) status = FailWrite(target, result, 0, st.fileSize);
+      }
     }
-    if (got == 0) break;
-    const int64_t put = zulKestFHPwriteSync(nullptr, out, buffer.data(), got, offset);
-    if (put != got) {
-      status = Fail("cp", target, put < 0 ? put : ZUL_KEST_ERROR_EOF);
-      break;
-    }
-    offset += got;
   }
   zulKestFHCloseSync(nullptr, in);
-  result = zulKestFHCloseSync(nullptr, out);
-  if (status == 0 && result != ZUL_KEST_OK) status = Fail("cp", target, result);
   return status;
 }
 
@@ -209,13 +297,15 @@ const Command kCommands[] = {
      "access dates of each path.\n",
      1, SIZE_MAX, Stat},
     {"cp", "SRC DST", "copy a file",
-     "Copies SRC to DST through the library in 1 MiB pieces; DST is created or\n"
-     "truncated.\n",
+     "Copies SRC to DST through the library in 1 MiB pieces.  The copy is written\n"
+     "to a temporary file beside DST and renamed over DST only when complete, so\n"
+     "a failed copy leaves DST as it was.  The copy gets SRC's permission bits\n"
+     "(less the umask).\n",
      2, 2, Cp},
     {"pack", "[OPTIONS] DIR ARCHIVE", "pack a directory into an archive", kPackHelp, 2, SIZE_MAX,
      Pack, false},
-    {"demo", "[--files N] [--dir DIR]", "stream a generated, packed and overlaid data set", kDemoHelp, 0,
-     4, Demo},
+    {"demo", "[--files N] [--dir DIR]", "stream a generated, packed and overlaid data set",
+     kDemoHelp, 0, 4, Demo},
     {nullptr, nullptr, nullptr, nullptr, 0, 0, nullptr},
 };
 
