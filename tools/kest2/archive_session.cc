@@ -6,37 +6,57 @@
 #include <cstring>
 
 #include "archive/zorba_format.h"
+#include "kest2/archive_writer.h"
 
 namespace kest2_cli {
 namespace {
 
 constexpr uintptr_t kWorkAlignment = 64;
+// Beyond three times the archive's size: the mount's fixed record and the
+// mount point's path.
+constexpr uint64_t kMountBufferSlack = 64 * 1024;
 
-bool ReadHeader(const std::string& path, kest2::ZorbaHeader* header) {
+// Reads the header and the file's size and checks the one against the
+// other: a valid header, the zlib codec, and the TOC region inside the file.
+bool ReadHeader(const std::string& path, kest2::ZorbaHeader* header, uint64_t* fileSize) {
   uint8_t raw[kest2::kZorbaHeaderReadSize] = {};
   FILE* file = std::fopen(path.c_str(), "rb");
   if (file == nullptr) return false;
   const size_t got = std::fread(raw, 1, sizeof(raw), file);
+  const long size = std::fseek(file, 0, SEEK_END) == 0 ? std::ftell(file) : -1;
   std::fclose(file);
-  if (got < kest2::kZorbaHeaderV1Size) return false;
+  if (got < kest2::kZorbaHeaderV1Size || size < 0) return false;
   kest2::ParseHeader(raw, header);
-  return kest2::IsHeaderValid(*header);
+  *fileSize = static_cast<uint64_t>(size);
+  return kest2::CheckArchiveLayout(*header, *fileSize) == ZUL_KEST_OK;
 }
 
 }  // namespace
 
+// The magic alone decides, so that a damaged archive is reported as one
+// rather than read as a plain file.
 bool LooksLikeArchive(const std::string& path) {
-  kest2::ZorbaHeader header;
-  return ReadHeader(path, &header);
+  uint8_t magic[4] = {};
+  FILE* file = std::fopen(path.c_str(), "rb");
+  if (file == nullptr) return false;
+  const size_t got = std::fread(magic, 1, sizeof(magic), file);
+  std::fclose(file);
+  const uint32_t value =
+      uint32_t{magic[0]} << 24 | uint32_t{magic[1]} << 16 | uint32_t{magic[2]} << 8 | magic[3];
+  return got == sizeof(magic) && value == kest2::kZorbaMagic;
 }
 
 int32_t ArchiveSession::Mount(const std::string& archive, const std::string& mountPoint) {
   kest2::ZorbaHeader header;
-  if (!ReadHeader(archive, &header)) return ZUL_KEST_ERROR_BAD_ARCHIVE;
-  // Three work buffers, each holding one block.
+  uint64_t fileSize = 0;
+  if (!ReadHeader(archive, &header, &fileSize)) return ZUL_KEST_ERROR_BAD_ARCHIVE;
+  // Three work buffers, each holding one block.  The block size comes from
+  // the file: beyond what pack writes it is taken for damage rather than
+  // met with gigabytes of buffers.
+  if (header.blockSize > kMaxPackBlockSize) return ZUL_KEST_ERROR_BAD_ARCHIVE;
   const uint64_t size = 3 * static_cast<uint64_t>(header.blockSize);
-  m_work.assign(size + kWorkAlignment, 0);
-  const uintptr_t base = reinterpret_cast<uintptr_t>(m_work.data());
+  m_work.reset(new uint8_t[size + kWorkAlignment]);
+  const uintptr_t base = reinterpret_cast<uintptr_t>(m_work.get());
   m_context.sizeOfContext = sizeof(m_context);
   m_context.workBufferSize = size;
   m_context.pWorkBuffer = reinterpret_cast<void*>((base + kWorkAlignment - 1) & ~(kWorkAlignment - 1));
@@ -45,6 +65,13 @@ int32_t ArchiveSession::Mount(const std::string& archive, const std::string& mou
   m_installed = true;
   const int64_t need = zulKestArchiveGetMountBufferSizeSync(nullptr, archive.c_str(), nullptr);
   if (need < 0) return static_cast<int32_t>(need);
+  // The mount buffer holds the TOC region, the manifest text and indexes
+  // over them, all parts of the file, plus a fixed record and the mount
+  // point.  Asking for more than a few times the file's size means a
+  // damaged size field that the size query took at its word.
+  if (static_cast<uint64_t>(need) > 3 * fileSize + kMountBufferSlack) {
+    return ZUL_KEST_ERROR_BAD_ARCHIVE;
+  }
   m_mountBuffer.assign(static_cast<size_t>(need + 7) / 8, 0);
   const std::string& at = mountPoint.empty() ? archive : mountPoint;
   return zulKestArchiveMountSync(nullptr, &m_archive, archive.c_str(), at.c_str(),

@@ -5,6 +5,7 @@
 #define KEST2_TOOLS_KEST2_ARCHIVE_SESSION_H_
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -12,7 +13,7 @@
 
 namespace kest2_cli {
 
-// Whether the file at path begins like an archive.
+// Whether the file at path begins with the archive magic.
 bool LooksLikeArchive(const std::string& path);
 
 class ArchiveSession {
@@ -24,12 +25,14 @@ class ArchiveSession {
   ArchiveSession& operator=(const ArchiveSession&) = delete;
 
   // Installs the dearchiver and mounts the archive at mountPoint (its own
-  // path when empty).  0, or the library's error.
+  // path when empty).  0, or the library's error; ZUL_KEST_ERROR_BAD_ARCHIVE
+  // also for a header that does not fit the file or asks for more memory
+  // than an intact archive can need.
   int32_t Mount(const std::string& archive, const std::string& mountPoint = "");
 
  private:
   ZulKestZorbaDearchiverContext m_context{};
-  std::vector<uint8_t> m_work;
+  std::unique_ptr<uint8_t[]> m_work;  // scratch: left uninitialised
   std::vector<uint64_t> m_mountBuffer;
   ZulKestFH m_archive = 0;
   bool m_installed = false;
