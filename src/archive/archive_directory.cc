@@ -61,8 +61,53 @@ void SetDirData(DirHandle* dir, const ArchiveDirData& data) {
   std::memcpy(dir->filterData, &data, sizeof(data));
 }
 
+// A listing's place: the archive it is in and its position in that
+// archive's manifest.  The handle names the archive by its ID, which
+// identical archives mounted at several places share, so the position's
+// high bits count the trackers with that ID before the one being listed
+// (a manifest holds fewer than 2^32 paths).  -1 is the start of the first.
+constexpr int kOrdinalShift = 40;
+constexpr int64_t kIndexField = (int64_t{1} << kOrdinalShift) - 1;
+
+int64_t PackPlace(uint32_t ordinal, int64_t index) {
+  return (static_cast<int64_t>(ordinal) << kOrdinalShift) | (index & kIndexField);
+}
+
+void UnpackPlace(int64_t place, uint32_t* ordinal, int64_t* index) {
+  if (place < 0) {
+    *ordinal = 0;
+    *index = -1;
+    return;
+  }
+  *ordinal = static_cast<uint32_t>(place >> kOrdinalShift);
+  *index = (place & kIndexField) == kIndexField ? -1 : place & kIndexField;
+}
+
+ArchiveTracker* TrackerAt(ZulKestZorbaDearchiverContext* context, int32_t id, uint32_t ordinal) {
+  for (ArchiveTracker* t = ArchiveList(context); t != nullptr; t = t->next) {
+    if (t->id == id && ordinal-- == 0) return t;
+  }
+  return nullptr;
+}
+
+uint32_t OrdinalOf(ZulKestZorbaDearchiverContext* context, const ArchiveTracker* tracker) {
+  uint32_t ordinal = 0;
+  for (const ArchiveTracker* t = ArchiveList(context); t != nullptr && t != tracker; t = t->next) {
+    if (t->id == tracker->id) ++ordinal;
+  }
+  return ordinal;
+}
+
 const char* ErrorText(int32_t code, char* buffer, size_t size) {
   return zulKestDebugDumpError(code, buffer, size);
+}
+
+// Whether a mounted archive of the callback's dearchiver holds path as a
+// directory.
+bool ArchivesHold(ChunkCallbackRecord* record, const char* path) {
+  auto* context = static_cast<ZulKestZorbaDearchiverContext*>(record->context);
+  DearchiverLocker lock;
+  return LookupPath(context, path, nullptr, nullptr) == FINDRESULT_DIR;
 }
 
 int32_t OpenDirCallback(ChunkCallbackRecord* record, int32_t event) {
@@ -83,7 +128,16 @@ int32_t OpenDirCallback(ChunkCallbackRecord* record, int32_t event) {
       data.nativeDH = 0;
       SetDirData(dir, data);
     }
-    if (result != ZUL_KEST_ERROR_BAD_SIZE) result = ZUL_KEST_OK;
+    // A directory the archives hold opens all the same; one below a mount
+    // point that only the disk could have had fails with the disk's code.
+    if (result != ZUL_KEST_ERROR_BAD_SIZE && dir != nullptr &&
+        ArchivesHold(record, GetPath(&dir->path))) {
+      result = ZUL_KEST_OK;
+      // The native open's code has already gone up to the operation; take
+      // it back, unless the operation was cancelled meanwhile.
+      if ((LoadChunkFlags(&record->header) & kChunkCancelled) == 0)
+        PropagateChunkError(ChunkIdOf(record), ZUL_KEST_OK, true);
+    }
   }
   char name[64];
   KEST2_TRACE(kTraceZorba, "OpenDirCallback", "returning err = %s\n", ErrorText(result, name, sizeof(name)));
@@ -225,15 +279,18 @@ int32_t ReadArchiveDirectory(ZulKestZorbaDearchiverContext* context, ChunkID rea
   if (bulk || data.exhausted != 0) return ZUL_KEST_ERROR_EOF;
   const char* directory = GetPath(&dir->path);
   auto* out = static_cast<ZulKestDirEntry*>(record->entry);
-  ArchiveTracker* tracker = FindArchiveById(context, data.id);
+  uint32_t ordinal = 0;
+  int64_t start = -1;
+  UnpackPlace(data.position, &ordinal, &start);
+  ArchiveTracker* tracker = TrackerAt(context, data.id, ordinal);
   int32_t result = ZUL_KEST_ERROR_EOF;
   while (tracker != nullptr) {
     const char* relative = nullptr;
     if (MountPointCovers(tracker, directory, &relative)) {
       char name[256];
-      for (int64_t position = DirSearch(tracker, relative, data.position, name, sizeof(name));
+      for (int64_t position = DirSearch(tracker, relative, start, name, sizeof(name));
            position >= 0; position = DirSearch(tracker, relative, position, name, sizeof(name))) {
-        data.position = position;
+        data.position = PackPlace(ordinal, position);
         // A newer archive mounted over the same place hides this child.
         char full[ZUL_KEST_DIR_ENTRY_PATH_MAX + 2];
         std::snprintf(full, sizeof(full), "%s/%s", directory, name);
@@ -253,7 +310,9 @@ int32_t ReadArchiveDirectory(ZulKestZorbaDearchiverContext* context, ChunkID rea
     while (tracker != nullptr && !MountPointCovers(tracker, directory, &relative)) tracker = tracker->next;
     if (tracker == nullptr) break;  // the handle keeps its last archive
     data.id = tracker->id;
-    data.position = -1;
+    ordinal = OrdinalOf(context, tracker);
+    start = -1;
+    data.position = PackPlace(ordinal, start);
   }
   data.exhausted = kListingArchivesDone;
   std::memcpy(dir->filterData, &data, sizeof(data));
