@@ -132,6 +132,26 @@ int32_t HeaderStage(ChunkCallbackRecord* record, int32_t event) {
 
 // --- TOC stage -----------------------------------------------------------
 
+// The archive file's size: the mount stats it; a query does not, and takes
+// the size its open recorded in the handle.
+uint64_t ArchiveSize(const MountState* state) {
+  if (!state->query) return static_cast<uint64_t>(state->stat.fileSize);
+  const FileHandle* fh = Lookup<FileHandle>(kFhTable, state->archiveHandle);
+  const int64_t size = fh != nullptr ? __atomic_load_n(&fh->size, __ATOMIC_RELAXED) : 0;
+  return size > 0 ? static_cast<uint64_t>(size) : 0;
+}
+
+// The buffer size a mount reports comes from the archive's own fields, and
+// a caller allocates it: a damaged field must not ask for terabytes.  The
+// TOC must lie in the file, and the manifest cannot be larger than the
+// blocks the TOC has rows for (compressed) or than the file (stored).
+bool MountSizeFieldsFit(const ZorbaHeader& header, uint64_t archiveSize, uint64_t manifestSize) {
+  if (header.tocOffset > archiveSize || header.tocLength > archiveSize - header.tocOffset)
+    return false;
+  const uint64_t inBlocks = BlockRowCount(header) * header.blockSize;
+  return manifestSize <= std::max(inBlocks, archiveSize);
+}
+
 int32_t TocStage(ChunkCallbackRecord* record, int32_t event) {
   if (event != 1) return ZUL_KEST_OK;
   if (record->error != ZUL_KEST_OK) return record->error;
@@ -174,7 +194,10 @@ int32_t TocStage(ChunkCallbackRecord* record, int32_t event) {
     manifest = state->tocTarget;
   }
   const uint64_t manifestSize = GetEntrySize(manifest);
-  if (manifestSize == 0 || manifestSize >= kManifestSizeLimit) return ZUL_KEST_ERROR_BAD_ARCHIVE;
+  if (manifestSize == 0 || manifestSize >= kManifestSizeLimit ||
+      !MountSizeFieldsFit(state->header, ArchiveSize(state), manifestSize)) {
+    return ZUL_KEST_ERROR_BAD_ARCHIVE;
+  }
   const MountLayout layout = ComputeMountLayout(state->header, state->mountPointArea, manifestSize);
   if (state->actCount != nullptr) __atomic_store_n(state->actCount, static_cast<int64_t>(layout.total), __ATOMIC_RELEASE);
   if (state->query) return ZUL_KEST_OK;

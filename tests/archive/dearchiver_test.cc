@@ -370,6 +370,43 @@ TEST_F(DearchiverTest, MountBufferSizesAndLooseFiles) {
   EXPECT_EQ(zulKestArchiveUnmountSync(nullptr, fh), ZUL_KEST_OK);
 }
 
+// The size a query reports is what a caller allocates: a damaged size field
+// (the TOC's length, the manifest's size) must be refused, not turned into
+// a request for gigabytes.  Every byte of a small archive is flipped in
+// turn; the query either fails or asks for a buffer in proportion to the
+// archive, and so does a mount with too small a buffer.
+TEST_F(DearchiverTest, DamagedSizeFieldsNeverAskForAHugeMountBuffer) {
+  Install();
+  const std::string archive = Pack(MakeTree("flip", {{"a.txt", Bytes(6, 1, true)}}), "flip.zorba");
+  const std::vector<uint8_t> bytes = ReadFile(archive);
+  // A manifest size may still grow to the blocks the TOC has rows for.
+  const int64_t bound = 3 * static_cast<int64_t>(bytes.size()) + 4 * 65536;
+  const std::string damaged = dir_.path() + "/damaged.zorba";
+  for (size_t i = 0; i < bytes.size(); ++i) {
+    for (uint8_t flip : {uint8_t{0xFF}, uint8_t{0x80}}) {
+      std::vector<uint8_t> copy = bytes;
+      copy[i] ^= flip;
+      WriteFile(damaged, copy);
+      const int64_t need = zulKestArchiveGetMountBufferSizeSync(nullptr, damaged.c_str(), nullptr);
+      EXPECT_LE(need, bound) << "byte " << i << " ^ " << static_cast<int>(flip);
+      ZulKestFH fh = 0;
+      std::vector<uint64_t> small(16);
+      const ZulKestOp op =
+          zulKestArchiveMount(nullptr, &fh, damaged.c_str(), "/flip", small.data(), 128, nullptr);
+      const int32_t rc = zulKestOpWait(op);
+      if (rc == ZUL_KEST_ERROR_BAD_SIZE) {
+        EXPECT_LE(zulKestOpGetActualCount(op), bound)
+            << "byte " << i << " ^ " << static_cast<int>(flip);
+      }
+      zulKestOpDelete(op);
+      if (rc == ZUL_KEST_OK) {
+        EXPECT_EQ(zulKestArchiveUnmountSync(nullptr, fh), ZUL_KEST_OK);
+      }
+    }
+  }
+  EXPECT_EQ(zulKestGetAllFHs(nullptr, 0), 0);
+}
+
 TEST_F(DearchiverTest, LooseFilesJoinTheArchiveListings) {
   Install(ZUL_KEST_ZORBA_DEARCHIVER_LOOSE_FILES);
   const std::string archive =
