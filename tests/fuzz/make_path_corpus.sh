@@ -83,6 +83,9 @@ seed mount-trailing '\x0a\x00@/m/\0\x07@/m/a/b.txt\0\x09@/m\0\x0b\x00\x07@/m/a/b
 seed mount-over '\x0a\x01@/arc/a\0\x07@/arc/a/a/b.txt\0\x09@/arc/a\0\x0a\x02@/arc\0\x07@/arc/mixed\0'
 seed mount-relative '\x0a\x03rel\0\x07rel/bin/raw.bin\0\x0c\x03rel/bin\0\x0a\x04/\0\x07/x.txt\0\x0c\x04/both\0'
 seed mount-bad "\\x0a\\x00\\0\\x0a\\x00/$(long 1030 m)\\0\\x0a\\x02@/IC2\\0\\x07@/ic2/upper\\0"
+# Mount points so long that the children's paths no longer fit an entry
+# (how long depends on where the sandbox lies).
+seed mount-long "\\x0a\\x00@/$(long 940 m)\\0\\x09@/$(long 940 m)/a\\0\\x0a\\x01@/$(long 970 n)\\0\\x09@/$(long 970 n)\\0"
 seed lookup-archives '\x0c\x00a/b.txt\0\x0c\x02MIXED/CASE.TXT\0\x0c\x03/bin/raw.bin\0\x0c\x03bin/raw.bin\0\x0c\x01@/arc/b\0'
 seed lookup-mounts '\x0c\x00@/arc/a\0\x0c\x00@/arc\\a\0\x0c\x00@/arc/\0\x0c\x03@/abs/bin\0\x0c\x02@/ic/Mixed\0\x0c\x04@/loose/both\0'
 
