@@ -2,8 +2,9 @@
 # Installs what is missing, then builds and runs every test twice: a normal
 # build and an AddressSanitizer + UndefinedBehaviorSanitizer build.
 #   KEST2_TSAN=1 adds a ThreadSanitizer build and run.
-#   KEST2_FUZZ_SECONDS=N adds the archive fuzz target, built with clang in
-#   build-fuzz and run for N seconds (scripts/fuzz.sh).
+#   KEST2_FUZZ_SECONDS=N adds the fuzz targets (archives, the path layer),
+#   built with clang in build-fuzz and run for N seconds each
+#   (scripts/fuzz.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

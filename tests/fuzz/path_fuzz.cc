@@ -251,7 +251,7 @@ struct TreeFile {
   uint32_t size;
 };
 
-struct ArchiveSpec {
+struct ArchiveRecipe {
   const char* label;
   uint32_t blockSize;
   uint32_t version;
@@ -266,11 +266,11 @@ struct ArchiveSpec {
 // archive that are directories in another, case-only differences, names
 // that begin like a directory ("ab" beside "a"), and characters that are not
 // separators (':', ' ', '-').
-enum SpecFlag : unsigned { kPlain = 0, kIgnoreCase = 1, kAbsolute = 2, kUnsorted = 4, kStore = 8 };
+enum RecipeFlag : unsigned { kPlain = 0, kIgnoreCase = 1, kAbsolute = 2, kUnsorted = 4, kStore = 8 };
 
-ArchiveSpec Spec(const char* label, uint32_t blockSize, uint32_t version, unsigned flags,
+ArchiveRecipe Recipe(const char* label, uint32_t blockSize, uint32_t version, unsigned flags,
                  std::vector<TreeFile> files) {
-  return ArchiveSpec{label,
+  return ArchiveRecipe{label,
                      blockSize,
                      version,
                      (flags & kIgnoreCase) != 0,
@@ -280,10 +280,10 @@ ArchiveSpec Spec(const char* label, uint32_t blockSize, uint32_t version, unsign
                      std::move(files)};
 }
 
-const std::vector<ArchiveSpec>& Specs() {
-  static const std::vector<ArchiveSpec> specs = [] {
-    std::vector<ArchiveSpec> list;
-    list.push_back(Spec("A", 512, 3, kPlain,
+const std::vector<ArchiveRecipe>& Recipes() {
+  static const std::vector<ArchiveRecipe> recipes = [] {
+    std::vector<ArchiveRecipe> list;
+    list.push_back(Recipe("A", 512, 3, kPlain,
                         {{"a/b.txt", 1500},
                          {"a/c/d.txt", 0},
                          {"ab/x", 10},
@@ -293,14 +293,14 @@ const std::vector<ArchiveSpec>& Specs() {
                          {"colon:name", 7},
                          {"dot.dir/..x", 4},
                          {"-dash", 2}}));
-    list.push_back(Spec("B", 256, 3, kPlain,
+    list.push_back(Recipe("B", 256, 3, kPlain,
                         {{"a/b.txt", 33}, {"b/only-in-b", 300}, {"z/inner", 4}, {"ab/y", 1}}));
     list.push_back(
-        Spec("C", 256, 1, kIgnoreCase | kUnsorted,
+        Recipe("C", 256, 1, kIgnoreCase | kUnsorted,
              {{"Mixed/Case.TXT", 3000}, {"UPPER", 20}, {"lower/x", 10}, {"Mixed/other.txt", 700}}));
-    list.push_back(Spec("D", 512, 3, kAbsolute | kStore,
+    list.push_back(Recipe("D", 512, 3, kAbsolute | kStore,
                         {{"bin/raw.bin", 1500}, {"notes.txt", 300}, {"bin/empty.bin", 0}}));
-    list.push_back(Spec("E", 1024, 3, kPlain, {{"x.txt", 100}, {"both/a", 50}, {"only/arc", 5}}));
+    list.push_back(Recipe("E", 1024, 3, kPlain, {{"x.txt", 100}, {"both/a", 50}, {"only/arc", 5}}));
     // Siblings that sort between a directory and its children ("d.txt" and
     // "d b" come before "d/" byte-wise): the manifest search finds the first
     // name that begins with "d", which is not below "d/", and reports the
@@ -308,11 +308,11 @@ const std::vector<ArchiveSpec>& Specs() {
     // default run; KEST2_FUZZ_SIBLING_NAMES=1 mounts them (archive F at /sib).
     if (std::getenv("KEST2_FUZZ_SIBLING_NAMES") != nullptr) {
       list.push_back(
-          Spec("F", 256, 3, kPlain, {{"d.txt", 700}, {"d/b.txt", 40}, {"d b/c", 6}, {"d/c/e", 9}}));
+          Recipe("F", 256, 3, kPlain, {{"d.txt", 700}, {"d/b.txt", 40}, {"d b/c", 6}, {"d/c/e", 9}}));
     }
     return list;
   }();
-  return specs;
+  return recipes;
 }
 
 // Files beside the archive E mounted with loose files: one hidden by the
@@ -338,7 +338,7 @@ std::string Content(const std::string& seed, uint32_t size) {
 }
 
 struct ArchiveModel {
-  const ArchiveSpec* spec;
+  const ArchiveRecipe* recipe;
   std::string path;
   std::map<std::string, std::string> files;  // name as the manifest keeps it -> content
   kest2::ZorbaHeader header{};
@@ -410,32 +410,32 @@ std::string Upper(std::string s) {
 
 // Names as the archive compares them.
 std::string Keyed(const ArchiveModel& archive, const std::string& name) {
-  return archive.spec->ignoreCase ? Upper(name) : name;
+  return archive.recipe->ignoreCase ? Upper(name) : name;
 }
 
-void BuildArchive(Sandbox* box, const ArchiveSpec& spec) {
+void BuildArchive(Sandbox* box, const ArchiveRecipe& recipe) {
   ArchiveModel model;
-  model.spec = &spec;
-  const std::string tree = box->root + "/src/" + spec.label;
-  for (const TreeFile& file : spec.files) {
-    const std::string content = Content(std::string(spec.label) + file.name, file.size);
+  model.recipe = &recipe;
+  const std::string tree = box->root + "/src/" + recipe.label;
+  for (const TreeFile& file : recipe.files) {
+    const std::string content = Content(std::string(recipe.label) + file.name, file.size);
     WriteFile(tree + "/" + file.name, content);
-    model.files[(spec.absolute ? "/" : "") + std::string(file.name)] = content;
+    model.files[(recipe.absolute ? "/" : "") + std::string(file.name)] = content;
   }
-  model.path = box->root + "/archives/" + spec.label + ".zorba";
+  model.path = box->root + "/archives/" + recipe.label + ".zorba";
   std::filesystem::create_directories(box->root + "/archives");
   kest2_cli::PackOptions options;
-  options.blockSize = spec.blockSize;
-  options.version = spec.version;
-  options.ignoreCase = spec.ignoreCase;
-  options.absolutePaths = spec.absolute;
-  options.unsorted = spec.unsorted;
-  options.storeIncompressible = spec.store;
+  options.blockSize = recipe.blockSize;
+  options.version = recipe.version;
+  options.ignoreCase = recipe.ignoreCase;
+  options.absolutePaths = recipe.absolute;
+  options.unsorted = recipe.unsorted;
+  options.storeIncompressible = recipe.store;
   options.jobs = 1;
   kest2_cli::PackSummary summary;
   std::string error;
   if (!kest2_cli::PackDirectory(tree, model.path, options, &summary, &error)) {
-    std::fprintf(stderr, "path_fuzz: packing %s: %s\n", spec.label, error.c_str());
+    std::fprintf(stderr, "path_fuzz: packing %s: %s\n", recipe.label, error.c_str());
     Fail("the packer failed");
   }
 
@@ -471,7 +471,7 @@ int32_t MountArchive(Sandbox* box, int index, const std::string& archivePath,
   record->fh = 0;
   const int32_t rc = zulKestArchiveMountSync(nullptr, &record->fh, archivePath.c_str(),
                                              point.c_str(), record->buffer->data, size, nullptr);
-  Trace("mount %s at \"%s\" -> %d\n", archive.spec->label, Printable(point).c_str(),
+  Trace("mount %s at \"%s\" -> %d\n", archive.recipe->label, Printable(point).c_str(),
         static_cast<int>(rc));
   if (rc != ZUL_KEST_OK) return rc;
   box->mounts[context].insert(box->mounts[context].begin(), record.get());
@@ -503,7 +503,7 @@ Sandbox* SetUp() {
   g_box = box;
   std::atexit(RemoveSandbox);
 
-  for (const ArchiveSpec& spec : Specs()) BuildArchive(box, spec);
+  for (const ArchiveRecipe& recipe : Recipes()) BuildArchive(box, recipe);
   for (const TreeFile& file : LooseFiles()) {
     WriteFile(box->root + "/loose/" + file.name,
               Content(std::string("loose") + file.name, file.size));
@@ -601,12 +601,12 @@ bool Covers(const MountRecord& mount, const ArchiveModel& archive, const std::st
   const size_t length = point.size();
   if (path.size() < length) return false;
   const std::string head = path.substr(0, length);
-  if (archive.spec->ignoreCase ? Upper(head) != Upper(point) : head != point) return false;
+  if (archive.recipe->ignoreCase ? Upper(head) != Upper(point) : head != point) return false;
   // Lower and upper case fold alike here: "Upper" on both sides.
   if (!(length == 0 || IsSep(point[length - 1]) || path.size() == length || IsSep(path[length])))
     return false;
   *rest = length > 0 && IsSep(point[length - 1]) ? path.substr(length - 1) : path.substr(length);
-  if (!archive.spec->absolute) {
+  if (!archive.recipe->absolute) {
     size_t skip = 0;
     while (skip < rest->size() && (*rest)[skip] == '/') ++skip;
     *rest = rest->substr(skip);
@@ -616,7 +616,7 @@ bool Covers(const MountRecord& mount, const ArchiveModel& archive, const std::st
 
 // The key a directory is searched with in the manifest.
 std::string DirectoryKey(const ArchiveModel& archive, const std::string& rest) {
-  std::string key = archive.spec->absolute && (rest.empty() || rest[0] != '/') ? "/" : "";
+  std::string key = archive.recipe->absolute && (rest.empty() || rest[0] != '/') ? "/" : "";
   for (char c : rest) {
     if (key.size() >= 1024) break;
     key += c == '\\' ? '/' : c;
@@ -758,7 +758,7 @@ std::string ExpectText(const Expect& e) {
   std::string text = kKinds[static_cast<int>(e.kind)];
   if (e.mount != nullptr) {
     text += " in archive " +
-            std::string(g_box->archives[static_cast<size_t>(e.mount->archive)].spec->label) +
+            std::string(g_box->archives[static_cast<size_t>(e.mount->archive)].recipe->label) +
             " at \"" + Printable(e.mount->point) + "\"";
   }
   if (!e.name.empty()) text += " name \"" + Printable(e.name) + "\"";
@@ -1462,7 +1462,7 @@ int ExtraMounts() {
 void DoMount(Program& in) {
   const int index = in.Byte() % static_cast<int>(g_box->archives.size());
   const std::string point = in.String();
-  SetStep("mount", std::string(g_box->archives[static_cast<size_t>(index)].spec->label) + " at \"" +
+  SetStep("mount", std::string(g_box->archives[static_cast<size_t>(index)].recipe->label) + " at \"" +
                        Printable(point) + "\"");
   if (ExtraMounts() >= kMaxExtraMounts) return;
   // The archive's path and the mount point pass through the overlays; the
@@ -1532,7 +1532,7 @@ void DoLookup(Program& in) {
   const int index = in.Byte() % static_cast<int>(g_box->archives.size());
   const std::string path = in.String();
   const ArchiveModel& archive = g_box->archives[static_cast<size_t>(index)];
-  SetStep("lookup", std::string(archive.spec->label) + " \"" + Printable(path) + "\"");
+  SetStep("lookup", std::string(archive.recipe->label) + " \"" + Printable(path) + "\"");
 
   // The archive's own search by name, on the sorted TOC and in file order.
   std::string match;
