@@ -75,6 +75,16 @@ ZulKestParams MakeParams(TestStorage* storage, uint32_t opUnits,
   return params;
 }
 
+DearchiverWork::DearchiverWork() {
+  constexpr uint64_t kBytes = 3 * 70000;
+  constexpr uintptr_t kAlignment = 64;
+  m_buffer.assign((kBytes + kAlignment) / 8 + 8, 0);
+  m_context.sizeOfContext = sizeof(m_context);
+  m_context.workBufferSize = kBytes;
+  m_context.pWorkBuffer = reinterpret_cast<void*>(
+      (reinterpret_cast<uintptr_t>(m_buffer.data()) + kAlignment - 1) & ~(kAlignment - 1));
+}
+
 TempDir::TempDir() {
   std::string pattern =
       (std::filesystem::temp_directory_path() / "kest2_test_XXXXXX").string();

@@ -44,6 +44,20 @@ ZulKestParams MakeParams(TestStorage* storage, uint32_t opUnits = 64,
                          uint32_t fhUnits = 32, uint32_t dhUnits = 16,
                          uint32_t pathMax = 1024, uint32_t chunkUnits = 1024);
 
+// A dearchiver context over its work buffer: three parts of 70,000 bytes
+// (a 64 KiB block and its row each), 64-byte aligned as the filter wants.
+class DearchiverWork {
+ public:
+  DearchiverWork();
+  DearchiverWork(const DearchiverWork&) = delete;
+  DearchiverWork& operator=(const DearchiverWork&) = delete;
+  ZulKestZorbaDearchiverContext* context() { return &m_context; }
+
+ private:
+  std::vector<uint64_t> m_buffer;
+  ZulKestZorbaDearchiverContext m_context{};
+};
+
 // The process's open descriptors, counted in /proc/self/fd (the count
 // includes the one the listing itself holds, the same in every call).
 size_t OpenDescriptors();

@@ -57,12 +57,8 @@ class ArchiveFaultTest : public ::testing::Test {
     params.pVprintf = kest2_test::OutputCapture::Hook();
     params.ioThreadCount = 2;
     ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
-    work_.assign((3 * 70000 + 64) / 8 + 8, 0);
-    context_.sizeOfContext = sizeof(context_);
-    context_.workBufferSize = 3 * 70000;
-    context_.pWorkBuffer =
-        reinterpret_cast<void*>((reinterpret_cast<uintptr_t>(work_.data()) + 63) & ~uintptr_t{63});
-    ASSERT_EQ(zulKestIOFilterAdd(0, zulKestIOFilterZorbaDearchiver, &context_), ZUL_KEST_OK);
+    ASSERT_EQ(zulKestIOFilterAdd(0, zulKestIOFilterZorbaDearchiver, dearchiver_.context()),
+              ZUL_KEST_OK);
 
     // Two files of 16 and 3 blocks, packed in name order: "a.txt" lies in
     // the first part of the archive, "b.txt" after it.
@@ -120,8 +116,7 @@ class ArchiveFaultTest : public ::testing::Test {
   kest2_test::OutputCapture output_;
   kest2_test::TempDir dir_;
   kest2_test::TestStorage storage_;
-  std::vector<uint64_t> work_;
-  ZulKestZorbaDearchiverContext context_{};
+  kest2_test::DearchiverWork dearchiver_;
   std::vector<uint64_t> mountBuffer_;
   std::map<std::string, std::vector<uint8_t>> files_;
   std::string archive_;
@@ -203,16 +198,16 @@ TEST_F(ArchiveFaultTest, EveryCallInterruptedOnceChangesNothing) {
 // lanes finished beyond the cut), whether the lost block is compressed or
 // stored.
 TEST_F(ArchiveFaultTest, TruncatedWhileMountedFailsTheReadsThatNeedTheLostBlocks) {
+  const auto expectEveryWholeReadDamaged = [this] {
+    for (const auto& entry : files_) {
+      std::vector<uint8_t> bytes;
+      EXPECT_EQ(ReadAll(entry.first, &bytes), ZUL_KEST_ERROR_BAD_ARCHIVE) << entry.first;
+    }
+  };
   const int64_t size = static_cast<int64_t>(std::filesystem::file_size(archive_));
   // Inside a.txt's data: its first blocks stay, the rest and b.txt go.
   ASSERT_EQ(::truncate(archive_.c_str(), size / 2), 0);
-  for (const auto& [name, file] : files_) {
-    std::vector<uint8_t> bytes(file.size());
-    EXPECT_EQ(zulKestFileReadSync(nullptr, ("/arc/" + name).c_str(), bytes.data(),
-                                  static_cast<int64_t>(bytes.size()), 0),
-              ZUL_KEST_ERROR_BAD_ARCHIVE)
-        << name;
-  }
+  expectEveryWholeReadDamaged();
   // What is left still reads, a compressed block and a stored one.
   for (int64_t offset : {int64_t{0}, int64_t{kBlock}}) {
     std::vector<uint8_t> head(kBlock);
@@ -221,13 +216,7 @@ TEST_F(ArchiveFaultTest, TruncatedWhileMountedFailsTheReadsThatNeedTheLostBlocks
   }
   // Inside the table of contents: no block is left.
   ASSERT_EQ(::truncate(archive_.c_str(), 200), 0);
-  for (const auto& [name, file] : files_) {
-    std::vector<uint8_t> bytes(file.size());
-    EXPECT_EQ(zulKestFileReadSync(nullptr, ("/arc/" + name).c_str(), bytes.data(),
-                                  static_cast<int64_t>(bytes.size()), 0),
-              ZUL_KEST_ERROR_BAD_ARCHIVE)
-        << name;
-  }
+  expectEveryWholeReadDamaged();
   kest2_test::ExpectResourcesBack(before_);
 }
 

@@ -51,18 +51,10 @@ class DearchiverTest : public ::testing::Test {
     params.pVprintf = kest2_test::OutputCapture::Hook();
     params.ioThreadCount = 2;
     ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
-    work_.assign((3 * 70000 + 64) / 8 + 8, 0);
-    context_.sizeOfContext = sizeof(context_);
-    context_.workBufferSize = 3 * 70000;
-    context_.pWorkBuffer = Aligned64(work_.data());
   }
   void TearDown() override {
     if (installed_) zulKestIOFilterRemove(0);
     zulKestTerminate();
-  }
-
-  static void* Aligned64(void* p) {
-    return reinterpret_cast<void*>((reinterpret_cast<uintptr_t>(p) + 63) & ~uintptr_t{63});
   }
 
   void Install(uint64_t flags = 0) {
@@ -113,8 +105,9 @@ class DearchiverTest : public ::testing::Test {
   kest2_test::OutputCapture output_;
   kest2_test::TempDir dir_;
   kest2_test::TestStorage storage_;
-  std::vector<uint64_t> work_;
-  ZulKestZorbaDearchiverContext context_{};
+  kest2_test::DearchiverWork work_;
+  // Tests change fields of the context (and copy it) in place.
+  ZulKestZorbaDearchiverContext& context_ = *work_.context();
   bool installed_ = false;
   std::vector<std::vector<uint64_t>> mountBuffers_;
 };

@@ -2,21 +2,23 @@
 // how a second read shares a running fill, what flushes and cancels do to a
 // block being filled, victim choice, and which cache owns which path.
 // Reads are issued while the library is suspended, so the tree rewrite
-// (done on the issuing thread) is observable before any I/O runs.
+// (done on the issuing thread) is observable before any I/O runs.  Last,
+// fills that meet system faults.
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <deque>
 #include <fstream>
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "cache/ram_cache.h"
+#include "core/system_faults.h"
 #include "kest2.h"
 #include "test_support.h"
 
@@ -25,6 +27,7 @@ namespace {
 using kest2::CacheBlock;
 using kest2::CacheHeader;
 using kest2::HeaderOf;
+using kest2_test::SystemFaults;
 
 constexpr uint64_t kBlock = 64 * 1024;
 
@@ -306,6 +309,153 @@ TEST_F(CachedReadSmallChunkTest, AFillLargerThanMaxChunkIsReadInPieces) {
   ExpectRead(fh, kBlock, kBlock);
   EXPECT_EQ(zulKestCacheContainsFileRangeSync(path_.c_str(), kBlock, kBlock), 0);
   EXPECT_EQ(zulKestFHCloseSync(nullptr, fh), ZUL_KEST_OK);
+}
+
+// --- fills under system faults ---------------------------------------------
+
+// A fill whose read fails (or comes back short) must leave no block claiming
+// bytes it does not hold, fail the readers that waited on it with the fill's
+// code, and let the next read fill the block again with the file's bytes.
+// Fills here are read in four pieces.
+class CachedReadFaultTest : public CachedReadSmallChunkTest {
+ protected:
+  static constexpr int64_t kBlockSize = static_cast<int64_t>(kBlock);
+  // A read that ends inside its block (one ending on a boundary fills
+  // nothing): its miss fills the whole block and copies the read from it.
+  static constexpr int64_t kLength = kBlockSize - 1;
+
+  void SetUp() override {
+    CachedReadSmallChunkTest::SetUp();
+    if (HasFatalFailure()) return;
+    context_ = Install(0, 4);
+    fh_ = Open();
+    before_ = kest2_test::ResourceCounts::Settled();
+  }
+  void TearDown() override {
+    EXPECT_EQ(zulKestFHCloseSync(nullptr, fh_), ZUL_KEST_OK);
+    CachedReadSmallChunkTest::TearDown();
+  }
+
+  // Issues a read of [offset, offset + kLength) into buffer.
+  ZulKestOp StartRead(int64_t offset, std::vector<uint8_t>* buffer) const {
+    buffer->assign(kLength, 0xEE);
+    return zulKestFHPread(nullptr, fh_, buffer->data(), kLength, offset);
+  }
+
+  bool MatchesFile(const std::vector<uint8_t>& buffer, int64_t offset) const {
+    return std::memcmp(buffer.data(), bytes_.data() + offset, buffer.size()) == 0;
+  }
+
+  // Every block is either empty or valid with no reader left, and a valid
+  // block holds the file's bytes.
+  void ExpectNoBlockClaimsWhatItDoesNotHold() const {
+    const CacheHeader* cache = HeaderOf(context_);
+    for (uint32_t i = 0; i < cache->blockCount; ++i) {
+      const CacheBlock& block = cache->table[i];
+      SCOPED_TRACE(i);
+      EXPECT_TRUE(block.state == kest2::kCACHE_EMPTY || block.state == kest2::kCACHE_VALID)
+          << block.state;
+      EXPECT_EQ(block.refcount, 0);
+      if (block.state != kest2::kCACHE_VALID) continue;
+      EXPECT_EQ(std::memcmp(cache->data + uint64_t{i} * cache->blockSize,
+                            bytes_.data() + block.offset, block.length),
+                0)
+          << "block of offset " << block.offset;
+    }
+  }
+
+  int32_t Contains(int64_t offset) const {
+    return zulKestCacheContainsFileRangeSync(path_.c_str(), offset, kLength);
+  }
+
+  ZulKestRamCacheContext* context_ = nullptr;
+  ZulKestFH fh_ = 0;
+  kest2_test::ResourceCounts before_;
+};
+
+TEST_F(CachedReadFaultTest, AFillWhoseReadFailsLeavesTheBlockEmptyAndTheNextReadFillsIt) {
+  // The first piece of the fill, a middle one and the last one.
+  const uint64_t pieces[] = {1, 2, 4};
+  for (int i = 0; i < 3; ++i) {
+    const int64_t offset = i * kBlockSize;
+    SCOPED_TRACE(pieces[i]);
+    std::vector<uint8_t> buffer;
+    {
+      SystemFaults faults;
+      faults.Fail(SystemFaults::kPread, pieces[i], EIO);
+      const ZulKestOp op = StartRead(offset, &buffer);
+      ASSERT_NE(op, 0u);
+      EXPECT_EQ(zulKestOpWait(op), ZUL_KEST_ERROR_MEDIA_GONE);
+      zulKestOpDelete(op);
+      EXPECT_EQ(faults.Injected(SystemFaults::kPread), 1u);
+    }
+    EXPECT_EQ(Contains(offset), ZUL_KEST_ERROR_BAD_INDEX);
+    ExpectNoBlockClaimsWhatItDoesNotHold();
+
+    const ZulKestOp op = StartRead(offset, &buffer);
+    EXPECT_EQ(zulKestOpWait(op), ZUL_KEST_OK);
+    EXPECT_EQ(zulKestOpGetActualCount(op), kLength);
+    zulKestOpDelete(op);
+    EXPECT_TRUE(MatchesFile(buffer, offset));
+    EXPECT_EQ(Contains(offset), ZUL_KEST_OK);
+    ExpectNoBlockClaimsWhatItDoesNotHold();
+    kest2_test::ExpectResourcesBack(before_);
+  }
+}
+
+TEST_F(CachedReadFaultTest, ReadersWaitingOnAFailingFillGetItsCode) {
+  // Held back until all are queued, so that the later reads of the block
+  // find the first one's fill running and wait on it.
+  constexpr int kReaders = 4;
+  SystemFaults faults;
+  faults.Fail(SystemFaults::kPread, 2, EIO);
+  zulKestSuspend();
+  std::vector<std::vector<uint8_t>> buffers(kReaders);
+  std::vector<ZulKestOp> ops;
+  for (auto& buffer : buffers) {
+    ops.push_back(StartRead(kBlockSize, &buffer));
+    ASSERT_NE(ops.back(), 0u);
+  }
+  zulKestResume();
+  int failed = 0;
+  for (int i = 0; i < kReaders; ++i) {
+    const int32_t rc = zulKestOpWait(ops[i]);
+    if (rc == ZUL_KEST_ERROR_MEDIA_GONE) {
+      ++failed;
+    } else {
+      // A reader that came after the failure filled the block again.
+      EXPECT_EQ(rc, ZUL_KEST_OK) << i;
+      EXPECT_TRUE(MatchesFile(buffers[i], kBlockSize)) << i;
+    }
+    zulKestOpDelete(ops[i]);
+  }
+  EXPECT_GE(failed, 1);
+  ExpectNoBlockClaimsWhatItDoesNotHold();
+  std::vector<uint8_t> buffer;
+  const ZulKestOp op = StartRead(kBlockSize, &buffer);
+  EXPECT_EQ(zulKestOpWait(op), ZUL_KEST_OK);
+  zulKestOpDelete(op);
+  EXPECT_TRUE(MatchesFile(buffer, kBlockSize));
+  kest2_test::ExpectResourcesBack(before_);
+}
+
+TEST_F(CachedReadFaultTest, AShortPieceInAFillIsCompletedBeforeTheBlockIsValid) {
+  SystemFaults faults;
+  faults.ShortRead(3, 100);
+  std::vector<uint8_t> buffer;
+  const ZulKestOp op = StartRead(2 * kBlockSize, &buffer);
+  EXPECT_EQ(zulKestOpWait(op), ZUL_KEST_OK);
+  EXPECT_EQ(zulKestOpGetActualCount(op), kLength);
+  zulKestOpDelete(op);
+  EXPECT_TRUE(MatchesFile(buffer, 2 * kBlockSize));
+  EXPECT_EQ(Contains(2 * kBlockSize), ZUL_KEST_OK);
+  ExpectNoBlockClaimsWhatItDoesNotHold();
+  // A hit now serves the block whole.
+  const ZulKestOp hit = StartRead(2 * kBlockSize, &buffer);
+  EXPECT_EQ(zulKestOpWait(hit), ZUL_KEST_OK);
+  zulKestOpDelete(hit);
+  EXPECT_TRUE(MatchesFile(buffer, 2 * kBlockSize));
+  kest2_test::ExpectResourcesBack(before_);
 }
 
 }  // namespace

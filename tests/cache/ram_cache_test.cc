@@ -199,12 +199,9 @@ class RamCacheTest : public ::testing::Test {
                            const std::map<std::string, std::vector<uint8_t>>& files, int64_t blockSize = kBlock,
                            uint64_t blocks = 8) {
     EXPECT_EQ(Install(cacheIndex, NewCache(blockSize, blocks, cachePath)), ZUL_KEST_OK);
-    dearchiverWork_.assign((3 * 70000 + 64) / 8 + 8, 0);
-    dearchiver_.sizeOfContext = sizeof(dearchiver_);
-    dearchiver_.workBufferSize = 3 * 70000;
-    dearchiver_.pWorkBuffer = reinterpret_cast<void*>(
-        (reinterpret_cast<uintptr_t>(dearchiverWork_.data()) + 63) & ~uintptr_t{63});
-    EXPECT_EQ(zulKestIOFilterAdd(dearchiverIndex, zulKestIOFilterZorbaDearchiver, &dearchiver_), ZUL_KEST_OK);
+    EXPECT_EQ(
+        zulKestIOFilterAdd(dearchiverIndex, zulKestIOFilterZorbaDearchiver, dearchiver_.context()),
+        ZUL_KEST_OK);
     for (const auto& [name, bytes] : files) WriteFile(dir_.path() + "/tree/" + name, bytes, kEpoch);
     archivePath_ = dir_.path() + "/packed.zorba";
     std::string error;
@@ -261,8 +258,7 @@ class RamCacheTest : public ::testing::Test {
   kest2_test::TempDir dir_;
   kest2_test::TestStorage storage_;
   std::vector<std::unique_ptr<Cache>> caches_;
-  std::vector<uint64_t> dearchiverWork_;
-  ZulKestZorbaDearchiverContext dearchiver_{};
+  kest2_test::DearchiverWork dearchiver_;
   std::vector<uint64_t> mountBuffer_;
   std::string archivePath_;
 };
