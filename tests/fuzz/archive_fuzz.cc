@@ -28,6 +28,7 @@
 
 #include "archive/zorba_format.h"
 #include "kest2.h"
+#include "test_support.h"
 
 namespace {
 
@@ -256,7 +257,7 @@ void RunParser(const uint8_t* data, size_t size, uint64_t seed) {
 // --- Part two: mounting through the library -------------------------------
 
 struct Library {
-  std::vector<uint64_t> opStorage, fhStorage, dhStorage, chunkStorage;
+  kest2_test::TestStorage storage;
   void* workBuffer = nullptr;
   uint64_t workPart = 0;
   ZulKestZorbaDearchiverContext context{};
@@ -315,27 +316,14 @@ Library* SetUpLibrary() {
 
   constexpr uint32_t kPathMax = 1024;
   constexpr uint32_t kOps = 256, kFhs = 64, kDhs = 16, kChunks = 30000;
-  library->opStorage.assign(ZUL_KEST_STORAGE_SIZE(kOps, ZUL_KEST_OP_UNIT_SIZE(kPathMax)) / 8, 0);
-  library->fhStorage.assign(ZUL_KEST_STORAGE_SIZE(kFhs, ZUL_KEST_FH_UNIT_SIZE(kPathMax)) / 8, 0);
-  library->dhStorage.assign(ZUL_KEST_STORAGE_SIZE(kDhs, ZUL_KEST_DH_UNIT_SIZE(kPathMax)) / 8, 0);
-  library->chunkStorage.assign(ZUL_KEST_STORAGE_SIZE(kChunks, ZUL_KEST_CHUNK_UNIT_SIZE) / 8, 0);
-  ZulKestParams params{};
-  params.header = ZUL_KEST_PARAMS_HEADER(kPathMax);
-  params.opStorage = library->opStorage.data();
-  params.opStorageSize = library->opStorage.size() * 8;
-  params.fhStorage = library->fhStorage.data();
-  params.fhStorageSize = library->fhStorage.size() * 8;
-  params.dhStorage = library->dhStorage.data();
-  params.dhStorageSize = library->dhStorage.size() * 8;
-  params.chunkStorage = library->chunkStorage.data();
-  params.chunkStorageSize = library->chunkStorage.size() * 8;
+  ZulKestParams params =
+      kest2_test::MakeParams(&library->storage, kOps, kFhs, kDhs, kPathMax, kChunks);
   params.ioThreadCount = 2;
   params.pVprintf = QuietPrintf;
   // Library trace modules (ZUL_KEST_DEBUG_*) when replaying an artifact.
   if (const char* flags = std::getenv("KEST2_FUZZ_DEBUG_FLAGS")) {
     params.debugFlags = static_cast<uint32_t>(std::strtoul(flags, nullptr, 0));
   }
-  for (int i = 0; i < 3; ++i) params.threadPriority[i] = -1;
   if (zulKestInitialize(&params) != ZUL_KEST_OK) Fail("zulKestInitialize");
 
   library->listingBuffer.assign(0x10000 / 8, 0);

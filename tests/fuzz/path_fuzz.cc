@@ -58,6 +58,7 @@
 #include "core/stored_path.h"
 #include "kest2.h"
 #include "kest2/archive_writer.h"
+#include "test_support.h"
 
 namespace {
 
@@ -373,7 +374,7 @@ struct Sandbox {
   // Per context, newest first, as the dearchiver searches them.
   std::vector<MountRecord*> mounts[2];
   std::vector<std::unique_ptr<MountRecord>> owned;
-  std::vector<uint64_t> opStorage, fhStorage, dhStorage, chunkStorage;
+  kest2_test::TestStorage storage;
   std::vector<uint64_t> listingBuffer;
   int fixedMounts = 0;
   // Per input.
@@ -510,26 +511,12 @@ Sandbox* SetUp() {
   }
 
   constexpr uint32_t kOps = 256, kFhs = 64, kDhs = 16, kChunks = 30000;
-  box->opStorage.assign(ZUL_KEST_STORAGE_SIZE(kOps, ZUL_KEST_OP_UNIT_SIZE(kPathMax)) / 8, 0);
-  box->fhStorage.assign(ZUL_KEST_STORAGE_SIZE(kFhs, ZUL_KEST_FH_UNIT_SIZE(kPathMax)) / 8, 0);
-  box->dhStorage.assign(ZUL_KEST_STORAGE_SIZE(kDhs, ZUL_KEST_DH_UNIT_SIZE(kPathMax)) / 8, 0);
-  box->chunkStorage.assign(ZUL_KEST_STORAGE_SIZE(kChunks, ZUL_KEST_CHUNK_UNIT_SIZE) / 8, 0);
-  ZulKestParams params{};
-  params.header = ZUL_KEST_PARAMS_HEADER(kPathMax);
-  params.opStorage = box->opStorage.data();
-  params.opStorageSize = box->opStorage.size() * 8;
-  params.fhStorage = box->fhStorage.data();
-  params.fhStorageSize = box->fhStorage.size() * 8;
-  params.dhStorage = box->dhStorage.data();
-  params.dhStorageSize = box->dhStorage.size() * 8;
-  params.chunkStorage = box->chunkStorage.data();
-  params.chunkStorageSize = box->chunkStorage.size() * 8;
+  ZulKestParams params = kest2_test::MakeParams(&box->storage, kOps, kFhs, kDhs, kPathMax, kChunks);
   params.ioThreadCount = 2;
   params.pVprintf = QuietPrintf;
   if (const char* flags = std::getenv("KEST2_FUZZ_DEBUG_FLAGS")) {
     params.debugFlags = static_cast<uint32_t>(std::strtoul(flags, nullptr, 0));
   }
-  for (int i = 0; i < 3; ++i) params.threadPriority[i] = -1;
   if (zulKestInitialize(&params) != ZUL_KEST_OK) Fail("zulKestInitialize");
   box->listingBuffer.assign(0x20000 / 8, 0);
 
