@@ -24,8 +24,9 @@
 // Locking.  Every public function that reads or writes links, flags,
 // priority or deadline takes the recursive chunk lock for the whole of its
 // work (so a tree is never seen half-rewritten) and calls the others
-// freely.  Pool allocation needs no lock: a fresh chunk is known to nobody
-// until it is linked.  The lock covers only record work; trace output is
+// freely; a thread building a tree nobody else can reach skips it
+// (PrivateTreeScope).  Pool allocation needs no lock: a fresh chunk is
+// known to nobody until it is linked.  The lock covers only record work; trace output is
 // the slowest thing done under it, and only when chunk tracing is on.
 
 #include "sched/chunk_tree.h"
@@ -617,12 +618,24 @@ void AppendTypeFields(char* buffer, size_t size, ChunkID id) {
 
 }  // namespace
 
-ChunkLocker::ChunkLocker() {
-  if (LocksCreated()) MutexLock(&g_locks.chunk);
+namespace {
+thread_local int t_privateTreeDepth;
+}  // namespace
+
+ChunkLocker::ChunkLocker() : m_held(t_privateTreeDepth == 0 && LocksCreated()) {
+  if (m_held) MutexLock(&g_locks.chunk);
 }
 
 ChunkLocker::~ChunkLocker() {
-  if (LocksCreated()) MutexUnlock(&g_locks.chunk);
+  if (m_held) MutexUnlock(&g_locks.chunk);
+}
+
+PrivateTreeScope::PrivateTreeScope(bool active) : m_active(active) {
+  if (m_active) ++t_privateTreeDepth;
+}
+
+PrivateTreeScope::~PrivateTreeScope() {
+  if (m_active) --t_privateTreeDepth;
 }
 
 int32_t InitializeChunkStorage(void* storage, uint64_t size) {

@@ -148,6 +148,25 @@ class ChunkLocker {
   ~ChunkLocker();
   ChunkLocker(const ChunkLocker&) = delete;
   ChunkLocker& operator=(const ChunkLocker&) = delete;
+
+ private:
+  bool m_held;
+};
+
+// While one exists, the calling thread works only on a tree that no other
+// thread can reach yet (built and not yet linked under the global root), so
+// the chunk functions it calls skip the chunk lock.  Linking the tree under
+// the global root, with the lock, publishes it.
+// Nothing runs in the scope that could reach other trees or call out.
+class PrivateTreeScope {
+ public:
+  explicit PrivateTreeScope(bool active);
+  ~PrivateTreeScope();
+  PrivateTreeScope(const PrivateTreeScope&) = delete;
+  PrivateTreeScope& operator=(const PrivateTreeScope&) = delete;
+
+ private:
+  bool m_active;
 };
 
 }  // namespace kest2

@@ -455,9 +455,15 @@ int32_t ChunkTree(ChunkID id) {
 
 ChunkID CreateChunkTree(Operation* op, bool* finishedNow) {
   *finishedNow = false;
-  ChunkID root = CreateInitialChunks(op);
+  ChunkID root;
+  {
+    const PrivateTreeScope privateTree(true);
+    root = CreateInitialChunks(op);
+  }
   if (root == CHUNKID_INVALID) return root;
-  if (FilterCount() > 0) {
+  // Filters may join the new tree to chunks of trees already running.
+  const bool filtered = FilterCount() > 0;
+  if (filtered) {
     root = FilterChunkTree(root);
     if (root == CHUNKID_INVALID) {
       // A filter answered the whole tree.  If it also finished the
@@ -473,7 +479,12 @@ ChunkID CreateChunkTree(Operation* op, bool* finishedNow) {
     *finishedNow = true;
     return CHUNKID_INVALID;
   }
-  if (ChunkTree(root) != ZUL_KEST_OK) {
+  int32_t split;
+  {
+    const PrivateTreeScope privateTree(!filtered);
+    split = ChunkTree(root);
+  }
+  if (split != ZUL_KEST_OK) {
     DeallocateTree(root);
     op->err = ZUL_KEST_ERROR_CANT_ALLOCATE_CHUNK;
     return CHUNKID_INVALID;

@@ -104,20 +104,48 @@ void RemoveAt(Scheduler* scheduler, uint64_t index, ChunkID id) {
   }
 }
 
-// Queues one chunk, or runs it on the fast path (true).  A woken I/O
-// thread is owed rather than woken here: its bit goes into *owedWakes.
-bool QueueOrRun(Scheduler* scheduler, ChunkID id, uint32_t opflags, bool fastPathPermission,
-                uint32_t* owedWakes) {
-  SchedulerEvent event(kEventAddToSchedule, id);
-  MutexLock(&scheduler->mutex);
+// Puts a chunk into its queue.  An I/O scheduler's wake-up is owed rather
+// than done here: its bit goes into *owedWakes.  REQUIRES: mutex held.
+void InsertHeld(Scheduler* scheduler, ChunkID id, uint32_t* owedWakes) {
+  KEST2_TRACE(kTraceSched, "AddToSchedule", "inserting chunk %d", id);
   ChunkHeader* chunk = ChunkAt(id);
-  if ((LoadChunkFlags(chunk) & kChunkPositioned) != 0) ComputeChunkPosition(id);
+  uint64_t index;
+  if (scheduler == CallbackScheduler()) {
+    // Chunks below may already run and read it (under the chunk lock).
+    ChunkLocker lock;
+    if (chunk->deadline == 0) chunk->deadline = zulKestTimeGetCurrent() + kDefaultDeadlineDelay;
+    index = scheduler->m_queueCount;
+  } else {
+    index = FindInsertPosition(scheduler, id);
+  }
+  QueueChunk(scheduler, index, id);
+  if (scheduler != CallbackScheduler()) {
+    *owedWakes |= PlaceBit(scheduler);
+  } else if (DeferChunk(id, false)) {
+    // A root or callback still waiting for its children is woken by the
+    // completion that makes it ready, which sees it scheduled.
+    WakeThreads(scheduler, true);
+  }
+}
+
+// What every queued chunk goes through first: its media position, and the
+// wait for room in a full queue.  REQUIRES: mutex held.
+void PrepareToQueue(Scheduler* scheduler, ChunkID id) {
+  if ((LoadChunkFlags(ChunkAt(id)) & kChunkPositioned) != 0) ComputeChunkPosition(id);
   while (scheduler->m_queueCount > kQueueFullCount) {
     zulKestPrintf("KEST2 scheduler queue is full, waiting...\n");
     CondWait(&scheduler->queueFull);
     zulKestPrintf("KEST2 scheduler queue is available again\n");
   }
+}
 
+// Queues one chunk, or runs it on the fast path (true).
+bool QueueOrRun(Scheduler* scheduler, ChunkID id, uint32_t opflags, bool fastPathPermission,
+                uint32_t* owedWakes) {
+  SchedulerEvent event(kEventAddToSchedule, id);
+  MutexLock(&scheduler->mutex);
+  PrepareToQueue(scheduler, id);
+  ChunkHeader* chunk = ChunkAt(id);
   bool ranNow = false;
   if (fastPathPermission && SuspendCount() <= 0) {
     const bool quickStep = (chunk->type == CHUNK_FH_OPEN || chunk->type == CHUNK_FH_CLOSE ||
@@ -135,28 +163,8 @@ bool QueueOrRun(Scheduler* scheduler, ChunkID id, uint32_t opflags, bool fastPat
       ranNow = ExecuteChunkOutsideThreads(scheduler, id, true) == ZUL_KEST_OK;
     }
   }
-
-  if (!ranNow) {
-    KEST2_TRACE(kTraceSched, "AddToSchedule", "inserting chunk %d", id);
-    uint64_t index;
-    if (scheduler == CallbackScheduler()) {
-      // Chunks below may already run and read it (under the chunk lock).
-      ChunkLocker lock;
-      if (chunk->deadline == 0) chunk->deadline = zulKestTimeGetCurrent() + kDefaultDeadlineDelay;
-      index = scheduler->m_queueCount;
-    } else {
-      index = FindInsertPosition(scheduler, id);
-    }
-    QueueChunk(scheduler, index, id);
-    // (A chunk that ran here woke the threads already, and may be gone.)
-    if (scheduler != CallbackScheduler()) {
-      *owedWakes |= PlaceBit(scheduler);
-    } else if (DeferChunk(id, false)) {
-      // A root or callback still waiting for its children is woken by the
-      // completion that makes it ready, which sees it scheduled.
-      WakeThreads(scheduler, true);
-    }
-  }
+  // (A chunk that ran here woke the threads already, and may be gone.)
+  if (!ranNow) InsertHeld(scheduler, id, owedWakes);
   MutexUnlock(&scheduler->mutex);
   return ranNow;
 }
@@ -196,7 +204,68 @@ void WakeOwed(uint32_t owedWakes) {
   });
 }
 
-bool ScheduleTreeRecurse(ChunkID id, uint32_t opflags, bool permission, uint32_t* owedWakes) {
+// The chunks of a tree to be queued, gathered children first (the order
+// they would be queued in one by one) so that each run of chunks bound for
+// one scheduler is queued under one hold of its mutex: the submitting
+// thread competes for the I/O threads' mutex once per tree instead of once
+// per chunk and once more for the wake-up.  The I/O threads are woken once
+// the whole tree is queued.
+class TreeBatch {
+ public:
+  ~TreeBatch() { Flush(true); }
+
+  // Wake-ups owed by chunks queued one by one on the fast path's way.
+  uint32_t* owedWakes() { return &m_owedWakes; }
+
+  void Add(Scheduler* scheduler, ChunkID id) {
+    if (m_count == kCapacity) Flush(false);
+    m_entries[m_count++] = Entry{scheduler, id};
+  }
+
+ private:
+  struct Entry {
+    Scheduler* scheduler;
+    ChunkID id;
+  };
+  static constexpr uint32_t kCapacity = 64;
+
+  bool LaterRunFor(const Scheduler* scheduler, uint32_t from) const {
+    for (uint32_t i = from; i < m_count; ++i) {
+      if (m_entries[i].scheduler == scheduler) return true;
+    }
+    return false;
+  }
+
+  // last: nothing more of the tree follows, so a scheduler that this run
+  // is the last one for is woken while its mutex is still held.
+  void Flush(bool last) {
+    for (uint32_t begin = 0; begin < m_count;) {
+      Scheduler* scheduler = m_entries[begin].scheduler;
+      uint32_t end = begin;
+      MutexLock(&scheduler->mutex);
+      for (; end < m_count && m_entries[end].scheduler == scheduler; ++end) {
+        SchedulerEvent event(kEventAddToSchedule, m_entries[end].id);
+        PrepareToQueue(scheduler, m_entries[end].id);
+        InsertHeld(scheduler, m_entries[end].id, &m_owedWakes);
+      }
+      const uint32_t bit = PlaceBit(scheduler);
+      if (last && (m_owedWakes & bit) != 0 && !LaterRunFor(scheduler, end)) {
+        m_owedWakes &= ~bit;
+        WakeForQueued(scheduler);
+      }
+      MutexUnlock(&scheduler->mutex);
+      begin = end;
+    }
+    m_count = 0;
+    if (last) WakeOwed(m_owedWakes);
+  }
+
+  Entry m_entries[kCapacity];
+  uint32_t m_count = 0;
+  uint32_t m_owedWakes = 0;
+};
+
+bool ScheduleTreeRecurse(ChunkID id, uint32_t opflags, bool permission, TreeBatch* batch) {
   KEST2_TRACE(kTraceSched, "ScheduleTreeRecurse", "called for chunk %d", id);
   bool add = false;
   // The children that still need scheduling, read under the same hold as
@@ -225,7 +294,7 @@ bool ScheduleTreeRecurse(ChunkID id, uint32_t opflags, bool permission, uint32_t
   // stay allocated while they are walked without the lock.
   auto visit = [&](ChunkID child) {
     if ((LoadFlags(child) & kChunkCompleted) != 0) return;
-    if (!ScheduleTreeRecurse(child, opflags, permission, owedWakes)) permission = false;
+    if (!ScheduleTreeRecurse(child, opflags, permission, batch)) permission = false;
   };
   for (uint32_t n = 0; n < listed; ++n) visit(children[n]);
   for (uint32_t n = listed; more; ++n) {
@@ -235,10 +304,10 @@ bool ScheduleTreeRecurse(ChunkID id, uint32_t opflags, bool permission, uint32_t
   }
   if (add) {
     Scheduler* scheduler = GetScheduler(id);
-    const bool held = permission;
-    const bool ranNow =
-        scheduler != nullptr && QueueOrRun(scheduler, id, opflags, permission, owedWakes);
-    if (held && !ranNow) {
+    if (!permission) {
+      if (scheduler != nullptr) batch->Add(scheduler, id);
+    } else if (scheduler == nullptr ||
+               !QueueOrRun(scheduler, id, opflags, true, batch->owedWakes())) {
       KEST2_TRACE(kTraceSched, "ScheduleTreeRecurse", "chunk %d caused switch to queueing", id);
       permission = false;
     }
@@ -291,12 +360,8 @@ bool AddToSchedule(Scheduler* scheduler, ChunkID id, uint32_t opflags, bool fast
 
 void ScheduleTree(ChunkID root, uint32_t opflags, bool fastPathPermission) {
   SchedulerEvent event(kEventScheduleTree, root);
-  // The I/O threads are woken once the whole tree is queued: woken for its
-  // first chunk, an idle thread would run that and fall asleep again before
-  // the next one arrived, one sleep and wake-up per chunk.
-  uint32_t owedWakes = 0;
-  ScheduleTreeRecurse(root, opflags, fastPathPermission, &owedWakes);
-  WakeOwed(owedWakes);
+  TreeBatch batch;
+  ScheduleTreeRecurse(root, opflags, fastPathPermission, &batch);
 }
 
 void UnscheduleTree(ChunkID id, bool cancel) {

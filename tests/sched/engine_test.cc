@@ -451,4 +451,38 @@ TEST_F(EngineTest, ProfilingHookSeesTheSchedulerSteps) {
   EXPECT_EQ(g_schedulerEvents[1], 1);   // one native read
 }
 
+// A tree is queued in runs gathered per scheduler; one far wider than a run
+// (a read split into 256 pieces) must still be queued whole, every chunk
+// once, whether it starts on the caller's fast path or not.
+TEST_F(EngineTest, AWideTreeIsQueuedWholeWithOrWithoutTheFastPath) {
+  constexpr size_t kSize = 256 * 4096;
+  for (uint32_t opflags : {0u, ZUL_KEST_OPFLAG_FAST_PATH}) {
+    SCOPED_TRACE(opflags);
+    for (auto& count : g_schedulerEvents) count = 0;
+    Start(2, 4096);
+    ZulKestParams params;
+    ASSERT_TRUE(zulKestIsInitialized(&params));
+    params.pEventCallback = CountEvent;
+    zulKestUpdateParameters(&params);
+    const std::string path = MakeFile("wide", kSize, 21);
+    std::vector<uint8_t> buffer(kSize);
+    ZulKestOpAttr attr;
+    zulKestGetDefaultOpAttr(&attr);
+    attr.opflags = opflags;
+    EXPECT_EQ(zulKestOpSyncWaitForIO(zulKestFileRead(&attr, path.c_str(), buffer.data(), kSize, 0)),
+              static_cast<int64_t>(kSize));
+    EXPECT_EQ(buffer, Pattern(kSize, 21));
+    for (int i = 0; i < 1000 && g_schedulerEvents[13] < 259; ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    // Open, 256 pieces, close and root: each queued (or run at once on the
+    // fast path) exactly once, and each executed.
+    EXPECT_EQ(g_schedulerEvents[11], 259);
+    EXPECT_EQ(g_schedulerEvents[13], 259);
+    EXPECT_EQ(g_schedulerEvents[1], 256);
+    EXPECT_TRUE(zulKestIsIdle());
+    zulKestTerminate();
+    EXPECT_EQ(output_.text().find("still allocated"), std::string::npos) << output_.text();
+  }
+}
+
 }  // namespace
