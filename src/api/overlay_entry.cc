@@ -27,8 +27,7 @@ int32_t FindVisible(int32_t id, OverlayEntry* entry) {
 
 extern "C" int32_t zulKestOverlayAdd(const ZulKestOverlay* overlay, int32_t* pId) {
   KEST2_TRACE_API("zulKestOverlayAdd");
-  if (pId == nullptr) return ZUL_KEST_ERROR_BAD_PTR;
-  *pId = 0;
+  // The record is converted first; the table's add judges the id pointer.
   OverlayEntry entry;
   const int32_t converted = OverlayFromPublic(overlay, &entry);
   if (converted != ZUL_KEST_OK) return converted;

@@ -133,6 +133,21 @@ TEST_F(OverlayTest, TableKeepsOrderIdsAndItsLimit) {
   std::memset(bad.dst, 'x', sizeof(bad.dst));
   EXPECT_EQ(zulKestOverlayAdd(&bad, &id), ZUL_KEST_ERROR_PATH_TOO_LONG);
   EXPECT_EQ(zulKestOverlayAdd(nullptr, &id), ZUL_KEST_ERROR_BAD_PTR);
+  // The record is judged before the id pointer: without one, each fault
+  // of the record still answers with its own code.
+  bad = MakeOverlay(255, 0, "/a", "/b");
+  EXPECT_EQ(zulKestOverlayAdd(&bad, nullptr), ZUL_KEST_ERROR_BAD_OVERLAY);
+  bad = MakeOverlay(0, -1, "/a", "/b");
+  EXPECT_EQ(zulKestOverlayAdd(&bad, nullptr), ZUL_KEST_ERROR_BAD_OVERLAY);
+  bad = MakeOverlay(0, 0, "/a", "/b");
+  std::memset(bad.dst, 'x', sizeof(bad.dst));
+  EXPECT_EQ(zulKestOverlayAdd(&bad, nullptr), ZUL_KEST_ERROR_PATH_TOO_LONG);
+  bad = MakeOverlay(0, 0, "/a", "/b");
+  std::memset(bad.src, 'x', sizeof(bad.src));
+  EXPECT_EQ(zulKestOverlayAdd(&bad, nullptr), ZUL_KEST_ERROR_PATH_TOO_LONG);
+  EXPECT_EQ(zulKestOverlayAdd(nullptr, nullptr), ZUL_KEST_ERROR_BAD_PTR);
+  const ZulKestOverlay good = MakeOverlay(0, 0, "/a", "/b");
+  EXPECT_EQ(zulKestOverlayAdd(&good, nullptr), ZUL_KEST_ERROR_BAD_PTR);
   // The limit.
   for (int i = 3; i < 64; ++i) Add(0, 9, "/d" + std::to_string(i), "/x");
   ZulKestOverlay extra = MakeOverlay(0, 9, "/e", "/x");
