@@ -2,6 +2,8 @@
 // the library, and read back byte for byte; lookups, listings, remounts,
 // corrupt archives, the context checks and concurrent readers.
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
@@ -11,11 +13,10 @@
 #include <map>
 #include <memory>
 #include <random>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "archive/zorba_format.h"
 #include "kest2.h"
@@ -92,6 +93,25 @@ class DearchiverTest : public ::testing::Test {
     mountBuffers_.emplace_back(static_cast<size_t>(need + extra + 7) / 8 + 1, 0);
     return zulKestArchiveMountSync(nullptr, fh, archive.c_str(), mountPoint,
                                    mountBuffers_.back().data(), need + extra, nullptr);
+  }
+
+  // Names (a directory's with its trailing slash, if the listing gives
+  // one) and sizes of a whole listing, which must end with EOF.
+  std::map<std::string, int64_t> List(const std::string& path) {
+    std::map<std::string, int64_t> seen;
+    std::vector<uint64_t> buffer(0x20000 / 8);
+    ZulKestDH dh = 0;
+    const int32_t opened = zulKestDHOpenSync(nullptr, &dh, path.c_str(), buffer.data(), 0x20000);
+    EXPECT_EQ(opened, ZUL_KEST_OK) << path;
+    if (opened != ZUL_KEST_OK) return seen;
+    ZulKestDirEntry entry;
+    while (zulKestDHReadSync(nullptr, dh, &entry) == ZUL_KEST_OK) {
+      EXPECT_TRUE(seen.emplace(entry.fullPath + entry.offsetToName, entry.fileSize).second)
+          << entry.fullPath << " listed twice";
+    }
+    EXPECT_EQ(zulKestDHReadSync(nullptr, dh, &entry), ZUL_KEST_ERROR_EOF);
+    EXPECT_EQ(zulKestDHCloseSync(nullptr, dh), ZUL_KEST_OK);
+    return seen;
   }
 
   std::vector<uint8_t> ReadArchived(const std::string& path, int64_t size, int64_t offset = 0) {
@@ -409,25 +429,51 @@ TEST_F(DearchiverTest, LooseFilesJoinTheArchiveListings) {
   MakeTree("merged", {{"x.txt", Bytes(3, 3, true)}, {"loose.txt", Bytes(4, 4, true)}});
   ZulKestFH fh = 0;
   ASSERT_EQ(Mount(archive, mount.c_str(), &fh), ZUL_KEST_OK);
-  auto list = [&](const std::string& path) {
-    std::map<std::string, int64_t> seen;
-    std::vector<uint64_t> buffer(0x20000 / 8);
-    ZulKestDH dh = 0;
-    EXPECT_EQ(zulKestDHOpenSync(nullptr, &dh, path.c_str(), buffer.data(), 0x20000), ZUL_KEST_OK);
-    ZulKestDirEntry entry;
-    while (zulKestDHReadSync(nullptr, dh, &entry) == ZUL_KEST_OK) {
-      EXPECT_TRUE(seen.emplace(entry.fullPath + entry.offsetToName, entry.fileSize).second)
-          << entry.fullPath << " listed twice";
-    }
-    EXPECT_EQ(zulKestDHReadSync(nullptr, dh, &entry), ZUL_KEST_ERROR_EOF);
-    EXPECT_EQ(zulKestDHCloseSync(nullptr, dh), ZUL_KEST_OK);
-    return seen;
-  };
   // The archive's x.txt hides the loose one; the loose file joins.
-  EXPECT_EQ(list(mount), (std::map<std::string, int64_t>{{"loose.txt", 4}, {"x.txt", 100}, {"y.txt", 200}}));
+  EXPECT_EQ(List(mount),
+            (std::map<std::string, int64_t>{{"loose.txt", 4}, {"x.txt", 100}, {"y.txt", 200}}));
   EXPECT_EQ(zulKestGetAllDHs(nullptr, 0), 0);  // both listings' handles are gone
   EXPECT_EQ(zulKestArchiveUnmountSync(nullptr, fh), ZUL_KEST_OK);
-  EXPECT_EQ(list(mount), (std::map<std::string, int64_t>{{"loose.txt", 4}, {"x.txt", 3}}));
+  EXPECT_EQ(List(mount), (std::map<std::string, int64_t>{{"loose.txt", 4}, {"x.txt", 3}}));
+}
+
+// An archive mounted at a place that does not exist on disk (a virtual
+// location), or whose subdirectory has no twin on disk, still lists: the
+// failed native half of the listing is dropped and nothing of it is left.
+TEST_F(DearchiverTest, LooseFilesListingsWhereNothingIsOnDisk) {
+  Install(ZUL_KEST_ZORBA_DEARCHIVER_LOOSE_FILES);
+  const std::string archive = Pack(
+      MakeTree("virtual", {{"x/w.txt", Bytes(10, 1, true)}, {"x/y/z.txt", Bytes(20, 2, true)}}),
+      "virtual.zorba");
+  const std::string nowhere = dir_.path() + "/nowhere";
+  ZulKestFH fh = 0;
+  ASSERT_EQ(Mount(archive, nowhere.c_str(), &fh), ZUL_KEST_OK);
+  const auto names = [](const std::map<std::string, int64_t>& listed) {
+    std::set<std::string> out;
+    for (const auto& entry : listed)
+      out.insert(entry.first.back() == '/' ? entry.first.substr(0, entry.first.size() - 1)
+                                           : entry.first);
+    return out;
+  };
+  EXPECT_EQ(names(List(nowhere)), (std::set<std::string>{"x"}));
+  EXPECT_EQ(names(List(nowhere + "/x")), (std::set<std::string>{"w.txt", "y"}));
+  EXPECT_EQ(ReadArchived(nowhere + "/x/y/z.txt", 20), Bytes(20, 2, true));
+  // A path the archive lacks still goes down, and fails there.
+  std::vector<uint64_t> buffer(0x20000 / 8);
+  ZulKestDH dh = 0;
+  EXPECT_EQ(zulKestDHOpenSync(nullptr, &dh, (nowhere + "/missing").c_str(), buffer.data(), 0x20000),
+            ZUL_KEST_ERROR_BAD_PATH);
+  EXPECT_EQ(zulKestGetAllDHs(nullptr, 0), 0);
+  EXPECT_EQ(zulKestArchiveUnmountSync(nullptr, fh), ZUL_KEST_OK);
+
+  // The mount point exists on disk, its subdirectory x does not.
+  const std::string half = MakeTree("half", {{"loose.txt", Bytes(4, 4, true)}});
+  ASSERT_EQ(Mount(archive, half.c_str(), &fh), ZUL_KEST_OK);
+  EXPECT_EQ(names(List(half)), (std::set<std::string>{"loose.txt", "x"}));
+  EXPECT_EQ(names(List(half + "/x")), (std::set<std::string>{"w.txt", "y"}));
+  EXPECT_EQ(names(List(half + "/x/y")), (std::set<std::string>{"z.txt"}));
+  EXPECT_EQ(zulKestGetAllDHs(nullptr, 0), 0);
+  EXPECT_EQ(zulKestArchiveUnmountSync(nullptr, fh), ZUL_KEST_OK);
 }
 
 TEST_F(DearchiverTest, CorruptArchivesFailWithTheirCodes) {
