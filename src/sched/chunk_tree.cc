@@ -26,8 +26,9 @@
 // work (so a tree is never seen half-rewritten) and calls the others
 // freely; a thread building a tree nobody else can reach skips it
 // (PrivateTreeScope).  Pool allocation needs no lock: a fresh chunk is
-// known to nobody until it is linked.  The lock covers only record work; trace output is
-// the slowest thing done under it, and only when chunk tracing is on.
+// known to nobody until it is linked.  The lock covers only record work;
+// trace output is the slowest thing done under it, and only when chunk
+// tracing is on.
 
 #include "sched/chunk_tree.h"
 

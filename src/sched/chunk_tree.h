@@ -153,11 +153,11 @@ class ChunkLocker {
   bool m_held;
 };
 
-// While one exists, the calling thread works only on a tree that no other
-// thread can reach yet (built and not yet linked under the global root), so
-// the chunk functions it calls skip the chunk lock.  Linking the tree under
-// the global root, with the lock, publishes it.
-// Nothing runs in the scope that could reach other trees or call out.
+// While an active one exists, the calling thread works only on a tree that
+// no other thread can reach yet (built and not yet linked under the global
+// root), so the chunk functions it calls skip the chunk lock; nothing in
+// the scope may reach other trees or call out.  Linking the tree under the
+// global root, with the lock, publishes it.
 class PrivateTreeScope {
  public:
   explicit PrivateTreeScope(bool active);
