@@ -32,6 +32,11 @@ class OutputCapture {
   ZulKestVprintfHook m_previous;
 };
 
+// A whole file's bytes (empty when it cannot be read).
+std::vector<uint8_t> ReadFile(const std::string& path);
+// Writes a file whole, making its directories first.
+void WriteFile(const std::string& path, const std::vector<uint8_t>& bytes);
+
 // Switches trace modules while the library's threads may be reading them.
 void SetDebugFlags(uint32_t flags);
 

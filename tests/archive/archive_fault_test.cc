@@ -26,6 +26,7 @@
 namespace {
 
 using kest2_test::SystemFaults;
+using kest2_test::WriteFile;
 
 constexpr uint32_t kBlock = 64 * 1024;
 
@@ -41,13 +42,6 @@ std::vector<uint8_t> Text(size_t size, uint32_t seed, bool mixed = false) {
                    : static_cast<uint8_t>("archived fault text "[(i + seed) % 20] ^ (random() % 4));
   }
   return bytes;
-}
-
-void WriteFile(const std::string& path, const std::vector<uint8_t>& bytes) {
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-  std::ofstream(path, std::ios::binary)
-      .write(reinterpret_cast<const char*>(bytes.data()),
-             static_cast<std::streamsize>(bytes.size()));
 }
 
 class ArchiveFaultTest : public ::testing::Test {
@@ -262,10 +256,6 @@ TEST_F(ArchiveFaultTest, OverwrittenInPlaceWhileMountedIsADecompressionErrorNotD
   // Same length, every compressed byte changed: the table of contents the
   // mount read stays valid, the blocks it points at are garbage.
   std::vector<uint8_t> bytes(std::filesystem::file_size(archive_));
-  {
-    std::ifstream in(archive_, std::ios::binary);
-    in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-  }
   std::mt19937 random(5);
   for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(random());
   {

@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <random>
@@ -25,6 +24,9 @@
 
 namespace {
 
+using kest2_test::ReadFile;
+using kest2_test::WriteFile;
+
 std::vector<uint8_t> Bytes(size_t size, uint32_t seed, bool compressible) {
   std::vector<uint8_t> bytes(size);
   std::mt19937 random(seed);
@@ -33,16 +35,6 @@ std::vector<uint8_t> Bytes(size_t size, uint32_t seed, bool compressible) {
                             : static_cast<uint8_t>(random());
   }
   return bytes;
-}
-
-void WriteFile(const std::string& path, const std::vector<uint8_t>& bytes) {
-  std::ofstream(path, std::ios::binary)
-      .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-}
-
-std::vector<uint8_t> ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
 }
 
 class DearchiverTest : public ::testing::Test {

@@ -13,7 +13,6 @@
 #include <cerrno>
 #include <cstring>
 #include <deque>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -28,6 +27,7 @@ using kest2::CacheBlock;
 using kest2::CacheHeader;
 using kest2::HeaderOf;
 using kest2_test::SystemFaults;
+using kest2_test::WriteFile;
 
 constexpr uint64_t kBlock = 64 * 1024;
 
@@ -35,11 +35,6 @@ std::vector<uint8_t> Pattern(size_t size, uint32_t seed) {
   std::vector<uint8_t> bytes(size);
   for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<uint8_t>((i * 131 + seed) ^ (i >> 9));
   return bytes;
-}
-
-void WriteFile(const std::string& path, const std::vector<uint8_t>& bytes) {
-  std::ofstream(path, std::ios::binary)
-      .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
 class CachedReadTest : public ::testing::Test {

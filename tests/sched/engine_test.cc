@@ -24,6 +24,9 @@
 
 namespace {
 
+using kest2_test::ReadFile;
+using kest2_test::WriteFile;
+
 using namespace kest2;
 
 std::vector<uint8_t> Pattern(size_t size, uint32_t seed) {
@@ -36,16 +39,6 @@ std::vector<uint8_t> Pattern(size_t size, uint32_t seed) {
     b = static_cast<uint8_t>(x);
   }
   return bytes;
-}
-
-void WriteFile(const std::string& path, const std::vector<uint8_t>& bytes) {
-  std::ofstream out(path, std::ios::binary);
-  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-}
-
-std::vector<uint8_t> ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
 }
 
 std::string ThreadName() {
