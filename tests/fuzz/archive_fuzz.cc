@@ -16,7 +16,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -27,10 +26,17 @@
 #include <vector>
 
 #include "archive/zorba_format.h"
+#include "fuzz_output.h"
 #include "kest2.h"
 #include "test_support.h"
 
+const char kest2_fuzz::kTargetName[] = "archive_fuzz";
+
 namespace {
+
+using kest2_fuzz::Fail;
+using kest2_fuzz::QuietPrintf;
+using kest2_fuzz::Trace;
 
 using kest2::ZorbaBlock;
 using kest2::ZorbaHeader;
@@ -53,12 +59,6 @@ constexpr int kMaxManifestPaths = 256;
 constexpr uint64_t kMinWorkPart = kest2::kZorbaMinBlockSize;
 constexpr uint64_t kMaxWorkPart = 64u << 10;
 constexpr uint64_t kDefaultWorkPart = 4096;
-
-[[noreturn]] void Fail(const char* what) {
-  std::fprintf(stderr, "archive_fuzz: invariant broken: %s\n", what);
-  std::fflush(stderr);
-  __builtin_trap();
-}
 
 void Require(bool condition, const char* what) {
   if (!condition) Fail(what);
@@ -268,31 +268,6 @@ struct Library {
 };
 
 Library* g_library = nullptr;
-bool g_verbose = false;
-
-// Library text is formatted (so that its arguments are used) but dropped,
-// unless KEST2_FUZZ_VERBOSE is set.
-int QuietPrintf(const char* format, va_list args) {
-  char line[1024];
-  va_list copy;
-  va_copy(copy, args);
-  const int n = std::vsnprintf(line, sizeof(line), format, copy);
-  va_end(copy);
-  if (g_verbose) std::fputs(line, stderr);
-  return n;
-}
-
-// The harness's own steps, for replaying an artifact with KEST2_FUZZ_VERBOSE.
-void Trace(const char* format, ...) __attribute__((format(printf, 1, 2)));
-void Trace(const char* format, ...) {
-  if (!g_verbose) return;
-  va_list args;
-  va_start(args, format);
-  std::fputs("archive_fuzz: ", stderr);
-  std::vfprintf(stderr, format, args);
-  va_end(args);
-}
-
 void RemoveDirectory() {
   if (g_library == nullptr) return;
   unlink(g_library->archivePath.c_str());
@@ -303,7 +278,6 @@ void RemoveDirectory() {
 // cost thread start-up on every input).
 Library* SetUpLibrary() {
   auto* library = new Library;
-  g_verbose = std::getenv("KEST2_FUZZ_VERBOSE") != nullptr;
   const char* tmp = std::getenv("TMPDIR");
   std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/kest2_fuzz_XXXXXX";
   if (mkdtemp(pattern.data()) == nullptr) Fail("mkdtemp");

@@ -38,7 +38,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -56,11 +55,17 @@
 #include "archive/zorba_format.h"
 #include "core/md5.h"
 #include "core/stored_path.h"
+#include "fuzz_output.h"
 #include "kest2.h"
 #include "kest2/archive_writer.h"
 #include "test_support.h"
 
+const char kest2_fuzz::kTargetName[] = "path_fuzz";
+
 namespace {
+
+using kest2_fuzz::QuietPrintf;
+using kest2_fuzz::Trace;
 
 constexpr uint32_t kPathMax = 1024;
 constexpr size_t kMaxString = 2048;
@@ -72,39 +77,12 @@ constexpr size_t kOverlayField = ZUL_KEST_OVERLAY_PATH_SIZE;
 constexpr uint64_t kResolveMax = 1024;
 constexpr uint64_t kWorkPart = 64 << 10;
 
-bool g_verbose = false;
 std::string g_step;  // the operation being checked, for failure reports
 
-[[noreturn]] void Fail(const char* what) {
-  std::fprintf(stderr, "path_fuzz: invariant broken: %s\n  during: %s\n", what, g_step.c_str());
-  std::fflush(stderr);
-  __builtin_trap();
-}
+[[noreturn]] void Fail(const char* what) { kest2_fuzz::Fail(what, g_step.c_str()); }
 
 void Require(bool condition, const char* what) {
   if (!condition) Fail(what);
-}
-
-void Trace(const char* format, ...) __attribute__((format(printf, 1, 2)));
-void Trace(const char* format, ...) {
-  if (!g_verbose) return;
-  va_list args;
-  va_start(args, format);
-  std::fputs("path_fuzz: ", stderr);
-  std::vfprintf(stderr, format, args);
-  va_end(args);
-}
-
-// Library text is formatted (so that its arguments are used) but dropped,
-// unless KEST2_FUZZ_VERBOSE is set.
-int QuietPrintf(const char* format, va_list args) {
-  char line[2048];
-  va_list copy;
-  va_copy(copy, args);
-  const int n = std::vsnprintf(line, sizeof(line), format, copy);
-  va_end(copy);
-  if (g_verbose) std::fputs(line, stderr);
-  return n;
 }
 
 // A heap block of exactly `size` bytes (size 0 included), so that
@@ -494,7 +472,6 @@ void InstallDearchiver(Sandbox* box, int context, uint64_t flags) {
 
 Sandbox* SetUp() {
   auto* box = new Sandbox;
-  g_verbose = std::getenv("KEST2_FUZZ_VERBOSE") != nullptr;
   const char* tmp = std::getenv("TMPDIR");
   std::string pattern =
       std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/kest2_path_XXXXXX";
