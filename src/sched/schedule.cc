@@ -209,7 +209,8 @@ void WakeOwed(uint32_t owedWakes) {
 // one scheduler is queued under one hold of its mutex: the submitting
 // thread competes for the I/O threads' mutex once per tree instead of once
 // per chunk and once more for the wake-up.  The I/O threads are woken once
-// the whole tree is queued.
+// the whole tree is queued: woken for its first chunk, an idle thread would
+// run that and fall asleep again before the next one arrived.
 class TreeBatch {
  public:
   ~TreeBatch() { Flush(true); }
