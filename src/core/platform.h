@@ -47,8 +47,8 @@ struct HybPlatformMutex {
   const char* name;        // kept for diagnostics
 };
 
-// Recursive for kind 1, adaptive otherwise; priority inheritance where the
-// system supports it.
+// Recursive for kind 1; adaptive (a short spin before sleeping) where the
+// system has that kind.
 void MutexInitialize(HybPlatformMutex* mutex, int kind, const char* name);
 void MutexLock(HybPlatformMutex* mutex);
 // REQUIRES: the calling thread holds the mutex (fatal otherwise).

@@ -88,13 +88,15 @@ void MutexInitialize(HybPlatformMutex* mutex, int kind, const char* name) {
   mutex->name = name;
   pthread_mutexattr_t attr;
   CheckOk(pthread_mutexattr_init(&attr));
-#if defined(PTHREAD_MUTEX_ADAPTIVE_NP)
+#if defined(PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP)  // the kind itself is an enum
   const int plainType = PTHREAD_MUTEX_ADAPTIVE_NP;
 #else
   const int plainType = PTHREAD_MUTEX_NORMAL;
 #endif
-  CheckOk(pthread_mutexattr_settype(
-      &attr, kind == kMutexRecursive ? PTHREAD_MUTEX_RECURSIVE : plainType));
+  // Recursion is counted here, over the adaptive kind: a contended
+  // recursive pthread mutex sleeps at once, while the chunk lock is held for
+  // short stretches by threads that mostly run on the other core.
+  CheckOk(pthread_mutexattr_settype(&attr, plainType));
   // No priority inheritance: the library's threads run under the
   // time-sharing scheduler (priorities become nice values), where boosting
   // a holder does nothing, while every contended PI mutex goes through the
@@ -105,19 +107,23 @@ void MutexInitialize(HybPlatformMutex* mutex, int kind, const char* name) {
 }
 
 void MutexLock(HybPlatformMutex* mutex) {
+  ThreadId self = CurrentThreadId();
+  // Only this thread can have stored itself as the owner, so the relaxed
+  // load answers "do I already hold it" without a race; the count is read
+  // only once that is known.
+  if (ThreadIdEqual(LoadOwner(mutex), self) && mutex->recursionCount >= 0) {
+    ++mutex->recursionCount;
+    return;
+  }
   CheckOk(pthread_mutex_lock(&mutex->mutex));
-  StoreOwner(mutex, CurrentThreadId());
-  if (mutex->recursionCount >= 0) ++mutex->recursionCount;
+  StoreOwner(mutex, self);
+  if (mutex->recursionCount >= 0) mutex->recursionCount = 1;
 }
 
 void MutexUnlock(HybPlatformMutex* mutex) {
   RequireOwner(mutex);
-  bool stillOwned = false;
-  if (mutex->recursionCount > 0) {
-    --mutex->recursionCount;
-    stillOwned = mutex->recursionCount != 0;
-  }
-  if (!stillOwned) StoreOwner(mutex, 0);
+  if (mutex->recursionCount > 0 && --mutex->recursionCount != 0) return;
+  StoreOwner(mutex, 0);
   CheckOk(pthread_mutex_unlock(&mutex->mutex));
 }
 
@@ -153,9 +159,11 @@ void CondWait(HybPlatformCond* cond) {
   HybPlatformMutex* mutex = cond->mutex;
   RequireOwner(mutex);
   ThreadId self = CurrentThreadId();
+  int32_t depth = mutex->recursionCount;  // others lock it meanwhile
   StoreOwner(mutex, 0);
   int rc = pthread_cond_wait(&cond->cond, &mutex->mutex);
   StoreOwner(mutex, self);
+  mutex->recursionCount = depth;
   CheckOk(rc);
 }
 
@@ -163,6 +171,7 @@ bool CondTimedWait(HybPlatformCond* cond, int64_t deadlineMicroseconds) {
   HybPlatformMutex* mutex = cond->mutex;
   RequireOwner(mutex);
   ThreadId self = CurrentThreadId();
+  int32_t depth = mutex->recursionCount;  // others lock it meanwhile
   StoreOwner(mutex, 0);
   int64_t remaining = deadlineMicroseconds - NowMicroseconds();
   if (remaining < 0) remaining = 0;
@@ -178,6 +187,7 @@ bool CondTimedWait(HybPlatformCond* cond, int64_t deadlineMicroseconds) {
   }
   int rc = pthread_cond_timedwait(&cond->cond, &mutex->mutex, &until);
   StoreOwner(mutex, self);
+  mutex->recursionCount = depth;
   if (rc == ETIMEDOUT) return false;
   CheckOk(rc);
   return true;

@@ -31,22 +31,65 @@ TEST(PlatformMutexTest, RecursiveMutexStaysOwnedUntilLastUnlock) {
   MutexDestroy(&mutex);
 }
 
-TEST(PlatformMutexTest, PlainMutexExcludesOtherThreads) {
-  HybPlatformMutex mutex;
-  MutexInitialize(&mutex, 0, "counter");
-  EXPECT_EQ(mutex.recursionCount, -1);
-  long counter = 0;
-  std::thread threads[4];
-  for (std::thread& t : threads) {
-    t = std::thread([&] {
-      for (int i = 0; i < 20000; ++i) {
-        MutexLocker lock(&mutex);
-        ++counter;
-      }
-    });
+// Both kinds exclude other threads; the recursive one until the holder's
+// last unlock (its nesting is counted above the system mutex).
+TEST(PlatformMutexTest, BothKindsExcludeOtherThreads) {
+  for (int kind : {0, kMutexRecursive}) {
+    HybPlatformMutex mutex;
+    MutexInitialize(&mutex, kind, "counter");
+    EXPECT_EQ(mutex.recursionCount, kind == kMutexRecursive ? 0 : -1);
+    long counter = 0;
+    std::atomic<int> intruded{0};
+    std::thread threads[4];
+    for (std::thread& t : threads) {
+      t = std::thread([&] {
+        for (int i = 0; i < 20000; ++i) {
+          MutexLocker lock(&mutex);
+          if (kind == kMutexRecursive) {
+            MutexLock(&mutex);
+            MutexUnlock(&mutex);  // still held by this thread after it
+          }
+          const long seen = counter;
+          if (!ThreadIdEqual(MutexOwner(&mutex), CurrentThreadId())) ++intruded;
+          counter = seen + 1;
+        }
+      });
+    }
+    for (std::thread& t : threads) t.join();
+    EXPECT_EQ(counter, 80000) << "kind " << kind;
+    EXPECT_EQ(intruded.load(), 0) << "kind " << kind;
+    MutexDestroy(&mutex);
   }
-  for (std::thread& t : threads) t.join();
-  EXPECT_EQ(counter, 80000);
+}
+
+// A wait on a mutex held twice gives it up wholly, lets another thread nest
+// in it, and comes back holding it twice.
+TEST(PlatformCondTest, WaitOnANestedHoldKeepsTheNesting) {
+  HybPlatformMutex mutex;
+  MutexInitialize(&mutex, kMutexRecursive, "m");
+  HybPlatformCond cond;
+  CondInitialize(&cond, &mutex, "c");
+  std::atomic<bool> waiting{false};
+  bool ready = false;
+  std::thread waiter([&] {
+    MutexLock(&mutex);
+    MutexLock(&mutex);
+    waiting = true;
+    while (!ready) CondWait(&cond);
+    MutexUnlock(&mutex);
+    EXPECT_TRUE(ThreadIdEqual(MutexOwner(&mutex), CurrentThreadId()));
+    MutexUnlock(&mutex);
+  });
+  while (!waiting) std::this_thread::yield();
+  MutexLock(&mutex);  // succeeds only once the waiter is inside its wait
+  MutexLock(&mutex);
+  ready = true;
+  CondSignal(&cond);
+  MutexUnlock(&mutex);
+  MutexUnlock(&mutex);
+  waiter.join();
+  EXPECT_EQ(MutexOwner(&mutex), 0u);
+  CondDestroy(&cond);
   MutexDestroy(&mutex);
 }
 
