@@ -62,37 +62,6 @@ TEST(PlatformMutexTest, BothKindsExcludeOtherThreads) {
   }
 }
 
-// A wait on a mutex held twice gives it up wholly, lets another thread nest
-// in it, and comes back holding it twice.
-TEST(PlatformCondTest, WaitOnANestedHoldKeepsTheNesting) {
-  HybPlatformMutex mutex;
-  MutexInitialize(&mutex, kMutexRecursive, "m");
-  HybPlatformCond cond;
-  CondInitialize(&cond, &mutex, "c");
-  std::atomic<bool> waiting{false};
-  bool ready = false;
-  std::thread waiter([&] {
-    MutexLock(&mutex);
-    MutexLock(&mutex);
-    waiting = true;
-    while (!ready) CondWait(&cond);
-    MutexUnlock(&mutex);
-    EXPECT_TRUE(ThreadIdEqual(MutexOwner(&mutex), CurrentThreadId()));
-    MutexUnlock(&mutex);
-  });
-  while (!waiting) std::this_thread::yield();
-  MutexLock(&mutex);  // succeeds only once the waiter is inside its wait
-  MutexLock(&mutex);
-  ready = true;
-  CondSignal(&cond);
-  MutexUnlock(&mutex);
-  MutexUnlock(&mutex);
-  waiter.join();
-  EXPECT_EQ(MutexOwner(&mutex), 0u);
-  CondDestroy(&cond);
-  MutexDestroy(&mutex);
-}
-
 using PlatformDeathTest = ::testing::Test;
 
 TEST(PlatformDeathTest, MisuseStopsTheProcess) {
@@ -141,31 +110,48 @@ TEST(PlatformCondTest, TimedWaitWithPastDeadlineTimesOut) {
   MutexDestroy(&mutex);
 }
 
-TEST(PlatformCondTest, SignalWakesATimedWaiter) {
-  HybPlatformMutex mutex;
-  MutexInitialize(&mutex, kMutexRecursive, "m");
-  HybPlatformCond cond;
-  CondInitialize(&cond, &mutex, "c");
-  std::atomic<bool> waiting{false};
-  bool ready = false;
-  bool woken = false;
-  const int64_t start = NowMicroseconds();
-  std::thread waiter([&] {
+// A signal wakes a waiter, timed or not.  The waiter holds the recursive
+// mutex twice: the wait gives it up wholly, another thread nests in it
+// meanwhile, and the waiter comes back holding it twice.
+TEST(PlatformCondTest, SignalWakesAWaiterThatKeepsItsNesting) {
+  for (bool timed : {false, true}) {
+    HybPlatformMutex mutex;
+    MutexInitialize(&mutex, kMutexRecursive, "m");
+    HybPlatformCond cond;
+    CondInitialize(&cond, &mutex, "c");
+    std::atomic<bool> waiting{false};
+    bool ready = false;
+    bool woken = !timed;
+    const int64_t start = NowMicroseconds();
+    std::thread waiter([&] {
+      MutexLock(&mutex);
+      MutexLock(&mutex);
+      waiting = true;
+      while (!ready) {
+        if (timed) {
+          woken = CondTimedWait(&cond, NowMicroseconds() + 10000000);
+        } else {
+          CondWait(&cond);
+        }
+      }
+      MutexUnlock(&mutex);
+      EXPECT_TRUE(ThreadIdEqual(MutexOwner(&mutex), CurrentThreadId())) << "timed " << timed;
+      MutexUnlock(&mutex);
+    });
+    while (!waiting) std::this_thread::yield();
+    MutexLock(&mutex);  // succeeds only once the waiter is inside its wait
     MutexLock(&mutex);
-    waiting = true;
-    while (!ready) woken = CondTimedWait(&cond, NowMicroseconds() + 10000000);
+    ready = true;
+    CondSignal(&cond);
     MutexUnlock(&mutex);
-  });
-  while (!waiting) std::this_thread::yield();
-  MutexLock(&mutex);  // succeeds only once the waiter is inside its wait
-  ready = true;
-  CondSignal(&cond);
-  MutexUnlock(&mutex);
-  waiter.join();
-  EXPECT_TRUE(woken);
-  EXPECT_LT(NowMicroseconds() - start, 5000000);
-  CondDestroy(&cond);
-  MutexDestroy(&mutex);
+    MutexUnlock(&mutex);
+    waiter.join();
+    EXPECT_TRUE(woken);
+    EXPECT_EQ(MutexOwner(&mutex), 0u);
+    EXPECT_LT(NowMicroseconds() - start, 5000000);
+    CondDestroy(&cond);
+    MutexDestroy(&mutex);
+  }
 }
 
 TEST(PlatformRwlockTest, ReadersShareWritersExclude) {
