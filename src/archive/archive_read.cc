@@ -87,8 +87,6 @@ int NeedCount(uint8_t needs) { return (needs & 1) + ((needs >> 1) & 1); }
 
 int FreeCount(uint64_t mask) { return kWorkBuffers - static_cast<int>(__builtin_popcountll(mask & 7)); }
 
-// A finished job wakes the lanes waiting for it.
-void WakeSchedulers() { Kick(CallbackScheduler()); }
 
 // Gives back what the buffer callback holds.  With mayKick, takes the
 // deferred flag and returns whether held-back reads need a kick; without,
@@ -113,10 +111,10 @@ bool ReleaseBuffersLocked(ChunkCallbackRecord* callback, bool mayKick) {
                   static_cast<void*>(buffers->job), static_cast<void*>(buffer));
     }
   }
-  __atomic_store_n(&BufferBusyMask(context), mask, __ATOMIC_RELEASE);
+  __atomic_store_n(&BufferBusyMask(context), mask, __ATOMIC_SEQ_CST);
   buffers->readBuffer = nullptr;
   buffers->needs = 0;
-  return mayKick && __atomic_exchange_n(&BufferDeferred(context), uint64_t{0}, __ATOMIC_ACQ_REL) != 0;
+  return mayKick && __atomic_exchange_n(&BufferDeferred(context), uint64_t{0}, __ATOMIC_SEQ_CST) != 0;
 }
 
 // The buffer manager.  Event 0: could the read start now; event 1: lend the
@@ -126,8 +124,15 @@ int32_t BufferAllocate(int32_t event, ChunkCallbackRecord* callback) {
   BufferState* buffers = StateOf<BufferState>(callback);
   if (event == 0) {
     if (FreeCount(LoadMask(context)) < NeedCount(buffers->needs)) {
+      // Without the dearchiver mutex: the flag is raised before the mask is
+      // looked at again, so a release that cleared the mask after the first
+      // look either is seen here or sees the flag and kicks.
+      __atomic_store_n(&BufferDeferred(context), uint64_t{1}, __ATOMIC_SEQ_CST);
+      if (FreeCount(__atomic_load_n(&BufferBusyMask(context), __ATOMIC_SEQ_CST)) >=
+          NeedCount(buffers->needs)) {
+        return ZUL_KEST_OK;
+      }
       KEST2_TRACE(kTraceZorba, "BufferAllocate", "%s", "busy check: buffers are busy, deferring...\n");
-      __atomic_store_n(&BufferDeferred(context), uint64_t{1}, __ATOMIC_RELEASE);
       return ZUL_KEST_ERROR_RETRY;
     }
     return ZUL_KEST_OK;
@@ -178,16 +183,34 @@ int32_t BufferCallback(ChunkCallbackRecord* callback, int32_t event) {
   return BufferAllocate(event, callback);
 }
 
-// A lane gives its block's buffers back (and wakes held-back reads).
-void ReleaseLaneBuffers(LaneState* lane) {
-  if (lane->bufferCallback == CHUNKID_INVALID) return;
+// Gives back the work buffers a block's buffer callback holds, and wakes
+// the reads held back for want of them.
+void ReleaseBuffers(ChunkCallbackRecord* callback) {
   bool kick;
   {
     DearchiverLocker lock;
-    kick = ReleaseBuffersLocked(ChunkRecord<ChunkCallbackRecord>(lane->bufferCallback), true);
+    if (StateOf<BufferState>(callback)->needs == 0) return;  // given back already
+    kick = ReleaseBuffersLocked(callback, true);
   }
   KEST2_TRACE(kTraceZorba, "BufferAllocate", "%s", kick ? "Kicking scheduler\n" : "Not kicking scheduler\n");
   if (kick) KickAllSchedulers();
+}
+
+// A lane gives its block's buffers back.
+void ReleaseLaneBuffers(LaneState* lane) {
+  if (lane->bufferCallback == CHUNKID_INVALID) return;
+  ReleaseBuffers(ChunkRecord<ChunkCallbackRecord>(lane->bufferCallback));
+}
+
+// A job's buffers go back the moment it is inflated, on the codec's thread:
+// the held-back read of the next block starts while this lane waits for
+// the callback thread.  The lane wakes once the job is published.
+void JobCompletion(DecompressionJob* job, JobEvent event) {
+  if (event == kJobPublished) {
+    Kick(CallbackScheduler());
+  } else if (job->owner != nullptr) {
+    ReleaseBuffers(static_cast<ChunkCallbackRecord*>(job->owner));
+  }
 }
 
 int32_t DecompressCallback(ChunkCallbackRecord* record, int32_t event);
@@ -246,7 +269,7 @@ int32_t CreateBlockRead(ReadState* state, uint64_t b, ChunkID laneId, ChunkID re
   job->jobFlags = kJobPrepared;
   job->output = whole ? destination : nullptr;
   job->destination = destination;
-  job->completion = WakeSchedulers;
+  job->completion = JobCompletion;
   job->compressedSize = block.storedSize;
   job->outputSize = static_cast<uint32_t>(blockEnd - blockStart);
   job->offsetInBlock = static_cast<uint32_t>(r0 - blockStart);
@@ -259,6 +282,7 @@ int32_t CreateBlockRead(ReadState* state, uint64_t b, ChunkID laneId, ChunkID re
     StoreChunkFlags(ChunkAt(callback), LoadChunkFlags(ChunkAt(callback)) | kChunkScheduled | kChunkCompleted);
   }
   ChunkCallbackRecord* buffers = ChunkRecord<ChunkCallbackRecord>(callback);
+  job->owner = buffers;
   buffers->callback = BufferCallback;
   buffers->context = state->context;
   *StateOf<BufferState>(buffers) = BufferState{read, laneId, needs, nullptr, job};

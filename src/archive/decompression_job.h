@@ -20,11 +20,22 @@ namespace kest2 {
 
 struct DecompressionJob;
 
-// Called on a codec thread, under the codec's lock, right after the job's
-// done bit is set; the dearchiver's wakes the schedulers.  It gets no job:
-// the owner may already have seen the bit and reused the job.  It must not
-// call back into the codec.
-using DecompressionCompletion = void (*)();
+// What a completion function is told, in this order, on the codec thread
+// that inflated the job.
+enum JobEvent : int {
+  // The codec is finished with the job's source and output, and the done
+  // bit is not yet set: the owner may give its work buffers back now
+  // rather than when it next looks at the job.  Called without the codec's
+  // lock; `job` is still the codec's to read.
+  kJobInflated = 0,
+  // The done bit has just been set; called under the codec's lock.  `job`
+  // is null: the owner may already have seen the bit and reused the job.
+  kJobPublished = 1,
+};
+
+// The dearchiver's returns the job's work buffers, then wakes the
+// schedulers.  It must not call back into the codec.
+using DecompressionCompletion = void (*)(DecompressionJob* job, JobEvent event);
 
 // jobFlags bits.
 constexpr uint16_t kJobDone = 1;      // set by the codec when finished
@@ -38,7 +49,7 @@ struct DecompressionJob {
   uint32_t codecTag;                   // copied from the codec record
   uint16_t jobFlags;                   // kJobDone | kJobPrepared
   uint16_t reserved0;                  // 0
-  void* reserved1;                     // 0
+  void* owner;                         // the owner's own pointer; the codec never reads it
   const uint8_t* source;               // compressed bytes (a work buffer)
   uint8_t* output;                     // where to inflate: the caller's buffer or a work buffer
   uint8_t* destination;                // where the wanted bytes end up (the caller's buffer)

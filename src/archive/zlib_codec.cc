@@ -167,13 +167,14 @@ void WorkerLoop(void* argument) {
       MutexUnlock(&g_zlib.mutex);
 
       job->result = InflateWhole(job, worker->whole) ? Z_OK : InflateJob(job, &worker->arena);
-
-      MutexLock(&g_zlib.mutex);
       // Read before the done bit is published: from then on the owner, which
       // polls the bit without the lock, may reuse the job.
       const DecompressionCompletion completion = job->completion;
+      if (completion != nullptr) completion(job, kJobInflated);
+
+      MutexLock(&g_zlib.mutex);
       __atomic_fetch_or(&job->jobFlags, kJobDone, __ATOMIC_RELEASE);
-      if (completion != nullptr) completion();
+      if (completion != nullptr) completion(nullptr, kJobPublished);
       // Broadcast, not signal: waiters wait for different jobs, and any of
       // them may be the one whose job just finished.
       if (g_zlib.waiting > 0) CondBroadcast(&g_zlib.waiter);

@@ -30,6 +30,8 @@ namespace {
 
 using kest2::Codec;
 using kest2::DecompressionJob;
+using kest2::JobEvent;
+using kest2::kJobPublished;
 using Bytes = std::vector<uint8_t>;
 
 const Codec* Zlib() { return kest2::ZlibCodec(); }
@@ -74,13 +76,16 @@ DecompressionJob MakeJob(const Bytes& compressed, uint8_t* output, uint32_t outp
                           0};
 }
 
-// Completion functions get no job, so they record globally.
+// A published job is no longer the codec's to pass on, so completion
+// functions record globally.
 std::atomic<int> g_completions{0};
-void CountCompletion() { g_completions.fetch_add(1); }
+void CountCompletion(DecompressionJob*, JobEvent event) {
+  if (event == kJobPublished) g_completions.fetch_add(1);
+}
 
 std::mutex g_namesMutex;
 std::set<std::string> g_workerNames;
-void RecordWorkerName() {
+void RecordWorkerName(DecompressionJob*, JobEvent) {
   char name[16] = {};
   pthread_getname_np(pthread_self(), name, sizeof(name));
   std::lock_guard<std::mutex> lock(g_namesMutex);
