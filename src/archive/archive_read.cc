@@ -179,7 +179,25 @@ int32_t BufferAllocate(int32_t event, ChunkCallbackRecord* callback) {
   return result;
 }
 
+// The block's compressed bytes have just been read, on the I/O thread: a
+// whole block goes to the codec from here rather than after a round trip
+// through the callback thread.  Anything else (a short read, a cancelled
+// lane, a refused job) is left to the lane.
+void SubmitFromRead(BufferState* buffers) {
+  ChunkCallbackRecord* laneRecord = ChunkRecord<ChunkCallbackRecord>(buffers->lane);
+  LaneState* lane = StateOf<LaneState>(laneRecord);
+  if (lane->moved != buffers->job->compressedSize ||
+      (LoadChunkFlags(&laneRecord->header) & kChunkCancelled) != 0) {
+    return;
+  }
+  if (lane->state->codec->submit(buffers->job) != nullptr) lane->flags |= kLaneHandedOver;
+}
+
 int32_t BufferCallback(ChunkCallbackRecord* callback, int32_t event) {
+  if (event == kLinkedEventRan) {
+    SubmitFromRead(StateOf<BufferState>(callback));
+    return ZUL_KEST_OK;
+  }
   return BufferAllocate(event, callback);
 }
 
@@ -417,6 +435,8 @@ ChunkID NewLane(ChunkID root, ReadState* state, ChunkID* read) {
   if (lane == CHUNKID_INVALID) return CHUNKID_INVALID;
   ChunkCallbackRecord* record = ChunkRecord<ChunkCallbackRecord>(lane);
   record->callback = DecompressCallback;
+  // Busy only while its job is with the codec, whose completion kicks.
+  record->options = kCallbackKicksItself;
   record->context = state->context;
   auto* job = static_cast<DecompressionJob*>(AllocateBufferChunk(lane, sizeof(DecompressionJob)));
   *read = AllocateChunk(CHUNK_FH_READ);

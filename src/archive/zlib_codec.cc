@@ -170,13 +170,21 @@ void WorkerLoop(void* argument) {
       // Read before the done bit is published: from then on the owner, which
       // polls the bit without the lock, may reuse the job.
       const DecompressionCompletion completion = job->completion;
-      if (completion != nullptr) completion(job, kJobInflated);
-
-      MutexLock(&g_zlib.mutex);
-      __atomic_fetch_or(&job->jobFlags, kJobDone, __ATOMIC_RELEASE);
-      if (completion != nullptr) completion(nullptr, kJobPublished);
+      if (completion != nullptr) {
+        completion(job, kJobInflated);
+        // Published and announced without the codec's lock: the completion
+        // takes a scheduler's mutex, and a submitter must not wait for that
+        // behind this worker.
+        __atomic_fetch_or(&job->jobFlags, kJobDone, __ATOMIC_RELEASE);
+        completion(nullptr, kJobPublished);
+        MutexLock(&g_zlib.mutex);
+      } else {
+        MutexLock(&g_zlib.mutex);
+        __atomic_fetch_or(&job->jobFlags, kJobDone, __ATOMIC_RELEASE);
+      }
       // Broadcast, not signal: waiters wait for different jobs, and any of
-      // them may be the one whose job just finished.
+      // them may be the one whose job just finished.  Under the lock, so a
+      // waiter that saw the bit clear is asleep by now.
       if (g_zlib.waiting > 0) CondBroadcast(&g_zlib.waiter);
     }
     if (g_zlib.shutdown) break;

@@ -4,9 +4,9 @@
 // Jobs wait in one FIFO queue.  A submission wakes the lowest-numbered idle
 // worker among the active ones; a worker that is already running drains the
 // whole queue, so lowering the active count takes effect as workers go idle.
-// Each finished job gets its done bit, then its completion function (called
-// under the codec's lock) or, when it has none, a wake-up of the threads in
-// wait().
+// A finished job's completion function hears that it was inflated, then,
+// once its done bit is set, that it was published (both without the
+// codec's lock); the threads in wait() are woken for every finished job.
 //
 // A block is inflated by libdeflate's whole-buffer inflater when that
 // succeeds, else by zlib, whose result and produced size the job then

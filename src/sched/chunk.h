@@ -124,10 +124,23 @@ struct ChunkChildRecord {  // overflow of a chunk's child1 slot
   ChunkID slots[8];        // slot 7 may link a further CHUNK_CHILD record
 };
 
+// A callback consulted as a chunk's `linked` callback gets, besides event 0
+// (would the chunk be busy), 1 (claim what it needs) and 2 (give the claim
+// back), this one: the chunk has just run without error, on the thread that
+// ran it, and is about to complete.
+constexpr int32_t kLinkedEventRan = 3;
+
+// ChunkCallbackRecord::options.  Every busy answer of the callback is
+// followed by a kick of its scheduler once the answer could change (it
+// waits for its own children or for work it handed to another thread), so
+// a completion elsewhere need not wake the callback thread for it.
+constexpr uint32_t kCallbackKicksItself = 1;
+
 struct ChunkCallbackRecord {
   ChunkHeader header;
   ChunkCallbackFunction callback;
-  int32_t error;  // first error reported by a chunk below
+  int32_t error;     // first error reported by a chunk below
+  uint32_t options;  // kCallbackKicksItself
   void* context;
   uint8_t filterData[56];  // belongs to the filter that made the chunk
 };

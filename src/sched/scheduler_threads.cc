@@ -58,6 +58,13 @@ void ClearExecuting(ChunkID id) {
 
 bool HasLinked(ChunkID id) { return ChunkAt(id)->linked != CHUNKID_INVALID; }
 
+// A busy callback that kicks its scheduler itself once it is not: the
+// scheduler need not look at its queue again for other completions.
+bool KicksItself(ChunkID id) {
+  return ChunkAt(id)->type == CHUNK_CALLBACK &&
+         (ChunkRecord<ChunkCallbackRecord>(id)->options & kCallbackKicksItself) != 0;
+}
+
 int32_t CallLinked(ChunkID id, int32_t event) {
   ChunkCallbackRecord* linked = ChunkRecord<ChunkCallbackRecord>(ChunkAt(id)->linked);
   return linked->callback != nullptr ? linked->callback(linked, event) : ZUL_KEST_OK;
@@ -204,7 +211,7 @@ ChunkID NextEligible(Scheduler* scheduler) {
     }
     if (isCallback && ChunkIsBusy(scheduler, c)) {
       ++scheduler->m_busySkip;
-      scheduler->holdsBusy = true;
+      if (!KicksItself(c)) scheduler->holdsBusy = true;
       continue;
     }
     if (!isCallback && HasLinked(c) && ChunkIsBusy(scheduler, c)) {
@@ -496,13 +503,14 @@ int32_t ExecuteChunk(Scheduler* scheduler, ChunkID id, bool fastPath) {
   if (result == ZUL_KEST_OK || (result == ZUL_KEST_ERROR_CANCELLED &&
                                 (LoadChunkFlags(ChunkAt(id)) & kChunkCancelled) != 0)) {
     result = Execute(id, scheduler->run);
+    if (result == ZUL_KEST_OK && HasLinked(id)) CallLinked(id, kLinkedEventRan);
   }
   if (__atomic_load_n(&scheduler->activeThreads, __ATOMIC_ACQUIRE) < 2)
     __atomic_store_n(&scheduler->runningFinish, ZulKestTime{0}, __ATOMIC_RELAXED);
 
   if (result == ZUL_KEST_ERROR_RETRY) {
     MutexLock(&scheduler->mutex);
-    scheduler->holdsBusy = true;
+    if (!KicksItself(id)) scheduler->holdsBusy = true;
     if (!fastPath) {
       PutBack(scheduler, id);
       if (scheduler->kickCount == kicksBefore) ++scheduler->m_busySkip;
