@@ -161,7 +161,7 @@ void WorkerLoop(void* argument) {
     while (g_zlib.head != nullptr) {
       worker->busy = true;
       DecompressionJob* job = g_zlib.head;
-      g_zlib.head = job->next;
+      __atomic_store_n(&g_zlib.head, job->next, __ATOMIC_RELEASE);
       if (g_zlib.head == nullptr) g_zlib.tail = nullptr;
       job->next = nullptr;
       MutexUnlock(&g_zlib.mutex);
@@ -188,6 +188,14 @@ void WorkerLoop(void* argument) {
       if (g_zlib.waiting > 0) CondBroadcast(&g_zlib.waiter);
     }
     if (g_zlib.shutdown) break;
+    // A lane's next block is usually read within microseconds; looking
+    // for it a little while spares the submitter a wake-up and this
+    // worker a sleep.
+    MutexUnlock(&g_zlib.mutex);
+    const bool more = SpinBeforeSleep(
+        [] { return __atomic_load_n(&g_zlib.head, __ATOMIC_ACQUIRE) != nullptr; });
+    MutexLock(&g_zlib.mutex);
+    if (more || g_zlib.head != nullptr || g_zlib.shutdown) continue;
     worker->busy = false;
     CondWait(&worker->wakeup);
   }
@@ -282,7 +290,7 @@ DecompressionJob* ZlibSubmit(DecompressionJob* job) {
   if (g_zlib.tail != nullptr) {
     g_zlib.tail->next = job;
   } else {
-    g_zlib.head = job;
+    __atomic_store_n(&g_zlib.head, job, __ATOMIC_RELEASE);
   }
   g_zlib.tail = job;
   for (int i = 0; i < g_zlib.activeCount; ++i) {
