@@ -287,7 +287,8 @@ void SchedulerThread(void* argument) {
     KEST2_TRACE(kTraceSched, "Thread", "%s", "waiting");
     if (scheduler->m_busySkip == 0) {
       if (!SpinForWakeUp(scheduler)) CondWait(&scheduler->wakeup);
-    } else if (!CondTimedWait(&scheduler->wakeup, NowMicroseconds() + kBusyBackOffMicroseconds)) {
+    } else if (!SpinForWakeUp(scheduler) &&
+               !CondTimedWait(&scheduler->wakeup, NowMicroseconds() + kBusyBackOffMicroseconds)) {
       // Chunks were skipped as busy or waiting.  Their kick normally wakes
       // this thread; should one have been missed (a chunk that came back
       // busy just as the thing it waited for was released), look again
