@@ -223,6 +223,53 @@ TEST_F(ZlibCodecTest, RefusesUnpreparedJobs) {
   EXPECT_EQ(Zlib()->wait(nullptr, nullptr), -1);
 }
 
+// What a completion function saw of its job at each event.
+struct CompletionSighting {
+  DecompressionJob* job = nullptr;
+  bool doneAtInflated = true;
+  bool outputReadyAtInflated = false;
+  bool doneAtPublished = false;
+};
+CompletionSighting g_sighting;
+std::atomic<int> g_sightings{0};  // counted after each event's fields are written
+DecompressionJob* g_watchedJob = nullptr;
+const uint8_t* g_expectedOutput = nullptr;
+void WatchCompletion(DecompressionJob* job, JobEvent event) {
+  if (event == kest2::kJobInflated) {
+    // The owner gives its work buffers back here: the bytes must be out and
+    // the job not yet published, or the owner could reuse it underneath.
+    g_sighting.job = job;
+    g_sighting.doneAtInflated = (kest2::LoadJobFlags(job) & kest2::kJobDone) != 0;
+    g_sighting.outputReadyAtInflated =
+        job->result == Z_OK && std::memcmp(job->destination, g_expectedOutput, job->wantedLength) == 0;
+  } else {
+    EXPECT_EQ(job, nullptr);
+    g_sighting.doneAtPublished = (kest2::LoadJobFlags(g_watchedJob) & kest2::kJobDone) != 0;
+  }
+  g_sightings.fetch_add(1);
+}
+
+TEST_F(ZlibCodecTest, CompletionHearsInflatedBeforeTheDoneBitThenPublished) {
+  const Block block = MakeCompressedBlock(30000, 21);
+  Bytes work(30000), destination(5000);
+  DecompressionJob job = MakeJob(block.compressed, work.data(), 30000, destination.data(), 7000, 5000);
+  job.completion = WatchCompletion;
+  g_sighting = CompletionSighting{};
+  g_sightings = 0;
+  g_watchedJob = &job;
+  g_expectedOutput = block.plain.data() + 7000;
+  ASSERT_EQ(Zlib()->submit(&job), &job);
+  ASSERT_TRUE(AwaitDone(&job));
+  // The published event follows the done bit, which the owner may see first.
+  for (int i = 0; i < 1000 && g_sightings < 2; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  ASSERT_EQ(g_sightings.load(), 2);
+  EXPECT_EQ(g_sighting.job, &job);
+  EXPECT_FALSE(g_sighting.doneAtInflated);
+  EXPECT_TRUE(g_sighting.outputReadyAtInflated);
+  EXPECT_TRUE(g_sighting.doneAtPublished);
+}
+
 // Four submitters, half of their jobs polled with completion functions and
 // half waited for, while another thread keeps changing the active count.
 TEST_F(ZlibCodecTest, JobsFromSeveralThreadsAllFinishWhileTheCountChanges) {

@@ -129,6 +129,99 @@ std::string CurrentThreadName() {
   return name;
 }
 
+// A linked callback's account of the events it got after its chunk ran.
+std::mutex g_ranMutex;
+std::vector<std::string> g_ranThreads;
+std::vector<bool> g_ranBeforeCompletion;
+ChunkID g_ranWork = CHUNKID_INVALID;
+int32_t RecordRan(ChunkCallbackRecord*, int32_t event) {
+  if (event == kLinkedEventRan) {
+    std::lock_guard<std::mutex> lock(g_ranMutex);
+    g_ranThreads.push_back(CurrentThreadName());
+    g_ranBeforeCompletion.push_back((LoadChunkFlags(ChunkAt(g_ranWork)) & kChunkCompleted) == 0);
+  }
+  return ZUL_KEST_OK;
+}
+
+// The archive's block reads hand their bytes on from the I/O thread that
+// read them, before the read completes and wakes anybody; a read that
+// failed has nothing to hand on.
+TEST_F(SchedulerTest, LinkedCallbackHearsOnTheIoThreadThatItsChunkRanAndNotThatItFailed) {
+  kest2_test::TempDir dir;
+  const std::string path = dir.path() + "/synced";
+  std::ofstream(path) << "x";
+  ZulKestFH fh = 0;
+  ASSERT_EQ(zulKestFHOpenSync(nullptr, &fh, path.c_str(), nullptr), ZUL_KEST_OK);
+  for (bool fails : {false, true}) {
+    SCOPED_TRACE(fails ? "barrier on no handle" : "barrier on an open file");
+    g_ranThreads.clear();
+    g_ranBeforeCompletion.clear();
+    const ChunkID guard = AllocateChunk(CHUNK_CALLBACK);
+    ChunkRecord<ChunkCallbackRecord>(guard)->callback = RecordRan;
+    g_ranWork = ReadyChunk(CHUNK_FH_BARRIER);
+    ChunkRecord<ChunkHandleRecord>(g_ranWork)->h = fails ? 0x7FFF : fh;
+    ChunkAt(g_ranWork)->linked = guard;
+    AddToSchedule(AllOtherScheduler(), g_ranWork, 0, false);
+    ASSERT_TRUE(Eventually([] { return (LoadChunkFlags(ChunkAt(g_ranWork)) & kChunkCompleted) != 0; }));
+    ASSERT_TRUE(Eventually([] { return zulKestIsIdle(); }));
+    {
+      std::lock_guard<std::mutex> lock(g_ranMutex);
+      if (fails) {
+        EXPECT_TRUE(g_ranThreads.empty());
+      } else {
+        EXPECT_EQ(g_ranThreads, std::vector<std::string>{"ZulKestIO"});
+        EXPECT_EQ(g_ranBeforeCompletion, std::vector<bool>{true});
+      }
+    }
+    DeallocateChunk(g_ranWork);
+    DeallocateChunk(guard);
+  }
+  EXPECT_EQ(zulKestFHCloseSync(nullptr, fh), ZUL_KEST_OK);
+}
+
+// A callback that kicks its scheduler itself once it stops being busy.
+std::atomic<bool> g_gateOpen{false};
+std::atomic<int> g_gateRuns{0};
+int32_t Gate(ChunkCallbackRecord*, int32_t event) {
+  if (!g_gateOpen) return ZUL_KEST_ERROR_RETRY;
+  if (event == 1) ++g_gateRuns;
+  return ZUL_KEST_OK;
+}
+
+// Its child's completion wakes the callback thread only when the callback
+// would run; when it says busy, its own kick wakes the thread.  Either way
+// it runs once, and not while it says busy.
+TEST_F(SchedulerTest, SelfKickingCallbackRunsAfterItsChildWhetherBusyThenOrNot) {
+  for (bool openFirst : {true, false}) {
+    SCOPED_TRACE(openFirst ? "free when its child completes" : "busy when its child completes");
+    g_gateOpen = openFirst;
+    g_gateRuns = 0;
+    zulKestSuspend();  // the whole tree is queued before anything runs
+    const ChunkID gate = AllocateChunk(CHUNK_CALLBACK);
+    ChunkCallbackRecord* record = ChunkRecord<ChunkCallbackRecord>(gate);
+    record->callback = Gate;
+    record->options = kCallbackKicksItself;
+    const ChunkID child = AllocateChunk(CHUNK_FH_BARRIER);
+    {
+      ChunkLocker lock;
+      ASSERT_TRUE(LinkChunks(gate, child));
+    }
+    PrepareChunk(gate, 0, zulKestTimeGetCurrent() + 1000000000);
+    ScheduleTree(gate, 0, false);
+    zulKestResume();
+    ASSERT_TRUE(Eventually([&] { return (LoadChunkFlags(ChunkAt(child)) & kChunkCompleted) != 0; }));
+    if (!openFirst) {
+      EXPECT_EQ(g_gateRuns, 0);
+      g_gateOpen = true;
+      Kick(CallbackScheduler());
+    }
+    ASSERT_TRUE(Eventually([&] { return (LoadChunkFlags(ChunkAt(gate)) & kChunkCompleted) != 0; }));
+    EXPECT_EQ(g_gateRuns, 1);
+    ASSERT_TRUE(Eventually([] { return zulKestIsIdle(); }));
+    DeallocateTree(gate);
+  }
+}
+
 std::mutex g_namesMutex;
 std::vector<std::string> g_completionThreads;
 int RecordThread(void*, ZulKestOp, uint8_t event, int32_t) {
