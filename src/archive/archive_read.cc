@@ -87,7 +87,6 @@ int NeedCount(uint8_t needs) { return (needs & 1) + ((needs >> 1) & 1); }
 
 int FreeCount(uint64_t mask) { return kWorkBuffers - static_cast<int>(__builtin_popcountll(mask & 7)); }
 
-
 // Gives back what the buffer callback holds.  With mayKick, takes the
 // deferred flag and returns whether held-back reads need a kick; without,
 // leaves the flag for a release that can kick.  REQUIRES: dearchiver mutex
@@ -114,7 +113,8 @@ bool ReleaseBuffersLocked(ChunkCallbackRecord* callback, bool mayKick) {
   __atomic_store_n(&BufferBusyMask(context), mask, __ATOMIC_SEQ_CST);
   buffers->readBuffer = nullptr;
   buffers->needs = 0;
-  return mayKick && __atomic_exchange_n(&BufferDeferred(context), uint64_t{0}, __ATOMIC_SEQ_CST) != 0;
+  return mayKick &&
+         __atomic_exchange_n(&BufferDeferred(context), uint64_t{0}, __ATOMIC_SEQ_CST) != 0;
 }
 
 // The buffer manager.  Event 0: could the read start now; event 1: lend the
@@ -132,7 +132,8 @@ int32_t BufferAllocate(int32_t event, ChunkCallbackRecord* callback) {
           NeedCount(buffers->needs)) {
         return ZUL_KEST_OK;
       }
-      KEST2_TRACE(kTraceZorba, "BufferAllocate", "%s", "busy check: buffers are busy, deferring...\n");
+      KEST2_TRACE(kTraceZorba, "BufferAllocate", "%s",
+                  "busy check: buffers are busy, deferring...\n");
       return ZUL_KEST_ERROR_RETRY;
     }
     return ZUL_KEST_OK;

@@ -241,7 +241,8 @@ void WatchCompletion(DecompressionJob* job, JobEvent event) {
     g_sighting.job = job;
     g_sighting.doneAtInflated = (kest2::LoadJobFlags(job) & kest2::kJobDone) != 0;
     g_sighting.outputReadyAtInflated =
-        job->result == Z_OK && std::memcmp(job->destination, g_expectedOutput, job->wantedLength) == 0;
+        job->result == Z_OK &&
+        std::memcmp(job->destination, g_expectedOutput, job->wantedLength) == 0;
   } else {
     EXPECT_EQ(job, nullptr);
     g_sighting.doneAtPublished = (kest2::LoadJobFlags(g_watchedJob) & kest2::kJobDone) != 0;
@@ -252,7 +253,8 @@ void WatchCompletion(DecompressionJob* job, JobEvent event) {
 TEST_F(ZlibCodecTest, CompletionHearsInflatedBeforeTheDoneBitThenPublished) {
   const Block block = MakeCompressedBlock(30000, 21);
   Bytes work(30000), destination(5000);
-  DecompressionJob job = MakeJob(block.compressed, work.data(), 30000, destination.data(), 7000, 5000);
+  DecompressionJob job =
+      MakeJob(block.compressed, work.data(), 30000, destination.data(), 7000, 5000);
   job.completion = WatchCompletion;
   g_sighting = CompletionSighting{};
   g_sightings = 0;

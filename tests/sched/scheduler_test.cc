@@ -162,7 +162,8 @@ TEST_F(SchedulerTest, LinkedCallbackHearsOnTheIoThreadThatItsChunkRanAndNotThatI
     ChunkRecord<ChunkHandleRecord>(g_ranWork)->h = fails ? 0x7FFF : fh;
     ChunkAt(g_ranWork)->linked = guard;
     AddToSchedule(AllOtherScheduler(), g_ranWork, 0, false);
-    ASSERT_TRUE(Eventually([] { return (LoadChunkFlags(ChunkAt(g_ranWork)) & kChunkCompleted) != 0; }));
+    ASSERT_TRUE(
+        Eventually([] { return (LoadChunkFlags(ChunkAt(g_ranWork)) & kChunkCompleted) != 0; }));
     ASSERT_TRUE(Eventually([] { return zulKestIsIdle(); }));
     {
       std::lock_guard<std::mutex> lock(g_ranMutex);
@@ -209,7 +210,8 @@ TEST_F(SchedulerTest, SelfKickingCallbackRunsAfterItsChildWhetherBusyThenOrNot) 
     PrepareChunk(gate, 0, zulKestTimeGetCurrent() + 1000000000);
     ScheduleTree(gate, 0, false);
     zulKestResume();
-    ASSERT_TRUE(Eventually([&] { return (LoadChunkFlags(ChunkAt(child)) & kChunkCompleted) != 0; }));
+    ASSERT_TRUE(
+        Eventually([&] { return (LoadChunkFlags(ChunkAt(child)) & kChunkCompleted) != 0; }));
     if (!openFirst) {
       EXPECT_EQ(g_gateRuns, 0);
       g_gateOpen = true;
