@@ -28,13 +28,13 @@ enum JobEvent : int {
   // rather than when it next looks at the job.  Called without the codec's
   // lock; `job` is still the codec's to read.
   kJobInflated = 0,
-  // The done bit has just been set; called under the codec's lock.  `job`
+  // The done bit has just been set; called without the codec's lock.  `job`
   // is null: the owner may already have seen the bit and reused the job.
   kJobPublished = 1,
 };
 
-// The dearchiver's returns the job's work buffers, then wakes the
-// schedulers.  It must not call back into the codec.
+// The dearchiver's gives the work buffers back at kJobInflated and wakes
+// the lane at kJobPublished.  It must not call back into the codec.
 using DecompressionCompletion = void (*)(DecompressionJob* job, JobEvent event);
 
 // jobFlags bits.

@@ -304,8 +304,8 @@ DecompressionJob* ZlibSubmit(DecompressionJob* job) {
   return job;
 }
 
-// Lock-free: the scheduler asks while it holds its own mutex, which a
-// worker's completion function takes under the codec's lock.
+// Lock-free: the scheduler asks with its own mutex and the chunk lock
+// held, and must not wait behind a submitter for the codec's.
 bool ZlibIsDone(DecompressionJob* job) {
   return job == nullptr || (LoadJobFlags(job) & kJobDone) != 0;
 }
