@@ -192,10 +192,9 @@ void WorkerLoop(void* argument) {
     // for it a little while spares the submitter a wake-up and this
     // worker a sleep.
     MutexUnlock(&g_zlib.mutex);
-    const bool more =
-        SpinBeforeSleep([] { return __atomic_load_n(&g_zlib.head, __ATOMIC_ACQUIRE) != nullptr; });
+    SpinBeforeSleep([] { return __atomic_load_n(&g_zlib.head, __ATOMIC_ACQUIRE) != nullptr; });
     MutexLock(&g_zlib.mutex);
-    if (more || g_zlib.head != nullptr || g_zlib.shutdown) continue;
+    if (g_zlib.head != nullptr || g_zlib.shutdown) continue;
     worker->busy = false;
     CondWait(&worker->wakeup);
   }

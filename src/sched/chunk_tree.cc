@@ -961,18 +961,15 @@ void RescheduleChunk(ChunkID id, ZulKestTime deadline, int8_t priority, ChunkID 
   RescheduleLocked(id, deadline, priority, excluded);
 }
 
-namespace {
-
-// A callback that kicks its scheduler itself once it is no longer busy,
-// and says it still is.  REQUIRES: chunk lock held.
-bool StillBusyLocked(ChunkID id) {
-  if (ChunkAt(id)->type != CHUNK_CALLBACK) return false;
+bool CallbackWouldBeBusy(ChunkID id) {
   ChunkCallbackRecord* record = ChunkRecord<ChunkCallbackRecord>(id);
-  return (record->options & kCallbackKicksItself) != 0 && record->callback != nullptr &&
-         record->callback(record, 0) == ZUL_KEST_ERROR_RETRY;
+  return record->callback != nullptr && record->callback(record, 0) == ZUL_KEST_ERROR_RETRY;
 }
 
-}  // namespace
+bool CallbackKicksItself(ChunkID id) {
+  return ChunkAt(id)->type == CHUNK_CALLBACK &&
+         (ChunkRecord<ChunkCallbackRecord>(id)->options & kCallbackKicksItself) != 0;
+}
 
 bool CompleteChunk(ChunkID id, int32_t error, uint32_t* readyPlaces) {
   if (id == CHUNKID_INVALID) return false;
@@ -991,8 +988,10 @@ bool CompleteChunk(ChunkID id, int32_t error, uint32_t* readyPlaces) {
       if (parent == g_globalRoot) continue;
       const int place =
           (LoadChunkFlags(ChunkAt(parent)) & kChunkSchedulerIndexMask) >> kChunkSchedulerIndexShift;
-      if (place != 0 && AllChildrenCompletedLocked(parent) && !StillBusyLocked(parent))
+      if (place != 0 && AllChildrenCompletedLocked(parent) &&
+          !(CallbackKicksItself(parent) && CallbackWouldBeBusy(parent))) {
         *readyPlaces |= 1u << (place - 1);
+      }
     }
   }
   return chunk->type == CHUNK_ROOT;

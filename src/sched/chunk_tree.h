@@ -129,10 +129,15 @@ bool DeferChunk(ChunkID id, bool force);
 void PrepareChunk(ChunkID id, int8_t priority, ZulKestTime deadline);
 // Re-derives deadline and priority of the subtree from its parents.
 void RescheduleChunk(ChunkID id, ZulKestTime deadline, int8_t priority, ChunkID excluded);
+// A CHUNK_CALLBACK chunk's callback probed with event 0 answers busy.
+bool CallbackWouldBeBusy(ChunkID id);
+// A CHUNK_CALLBACK chunk marked kCallbackKicksItself.
+bool CallbackKicksItself(ChunkID id);
 // Marks the chunk completed (propagating a non-zero error); true when it is
 // a CHUNK_ROOT.  With readyPlaces, sets bit i for each parent that this
 // completion left with every child completed and whose scheduler has been
-// chosen as the i-th of the list: the schedulers that have work now.
+// chosen as the i-th of the list: the schedulers that have work now.  A
+// parent that kicks its scheduler itself and still says busy is left out.
 bool CompleteChunk(ChunkID id, int32_t error, uint32_t* readyPlaces = nullptr);
 // Records error in every CHUNK_CALLBACK and operation above the chunk where
 // none is recorded yet (or always, when forced).

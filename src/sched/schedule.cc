@@ -342,14 +342,10 @@ Scheduler* GetScheduler(ChunkID id) {
 
 bool ChunkIsBusy(const Scheduler* scheduler, ChunkID id) {
   const ChunkHeader* chunk = ChunkAt(id);
-  if (chunk->type == CHUNK_CALLBACK) {
-    ChunkCallbackRecord* self = ChunkRecord<ChunkCallbackRecord>(id);
-    return self->callback != nullptr && self->callback(self, 0) == ZUL_KEST_ERROR_RETRY;
-  }
+  if (chunk->type == CHUNK_CALLBACK) return CallbackWouldBeBusy(id);
   if (chunk->linked == CHUNKID_INVALID) return false;
   if (scheduler->busyCount != 0) return true;
-  ChunkCallbackRecord* linked = ChunkRecord<ChunkCallbackRecord>(chunk->linked);
-  return linked->callback != nullptr && linked->callback(linked, 0) == ZUL_KEST_ERROR_RETRY;
+  return CallbackWouldBeBusy(chunk->linked);
 }
 
 bool AddToSchedule(Scheduler* scheduler, ChunkID id, uint32_t opflags, bool fastPathPermission) {

@@ -58,13 +58,6 @@ void ClearExecuting(ChunkID id) {
 
 bool HasLinked(ChunkID id) { return ChunkAt(id)->linked != CHUNKID_INVALID; }
 
-// A busy callback that kicks its scheduler itself once it is not: the
-// scheduler need not look at its queue again for other completions.
-bool KicksItself(ChunkID id) {
-  return ChunkAt(id)->type == CHUNK_CALLBACK &&
-         (ChunkRecord<ChunkCallbackRecord>(id)->options & kCallbackKicksItself) != 0;
-}
-
 int32_t CallLinked(ChunkID id, int32_t event) {
   ChunkCallbackRecord* linked = ChunkRecord<ChunkCallbackRecord>(ChunkAt(id)->linked);
   return linked->callback != nullptr ? linked->callback(linked, event) : ZUL_KEST_OK;
@@ -211,7 +204,9 @@ ChunkID NextEligible(Scheduler* scheduler) {
     }
     if (isCallback && ChunkIsBusy(scheduler, c)) {
       ++scheduler->m_busySkip;
-      if (!KicksItself(c)) scheduler->holdsBusy = true;
+      // One that kicks the scheduler itself needs no look at the queue for
+      // other completions.
+      if (!CallbackKicksItself(c)) scheduler->holdsBusy = true;
       continue;
     }
     if (!isCallback && HasLinked(c) && ChunkIsBusy(scheduler, c)) {
@@ -285,10 +280,11 @@ void SchedulerThread(void* argument) {
     }
     if (scheduler->shuttingDown && scheduler->m_queueCount == 0) break;
     KEST2_TRACE(kTraceSched, "Thread", "%s", "waiting");
-    if (scheduler->m_busySkip == 0) {
-      if (!SpinForWakeUp(scheduler)) CondWait(&scheduler->wakeup);
-    } else if (!SpinForWakeUp(scheduler) &&
-               !CondTimedWait(&scheduler->wakeup, NowMicroseconds() + kBusyBackOffMicroseconds)) {
+    if (SpinForWakeUp(scheduler)) {
+      // Kicked while watching: look at the queue again.
+    } else if (scheduler->m_busySkip == 0) {
+      CondWait(&scheduler->wakeup);
+    } else if (!CondTimedWait(&scheduler->wakeup, NowMicroseconds() + kBusyBackOffMicroseconds)) {
       // Chunks were skipped as busy or waiting.  Their kick normally wakes
       // this thread; should one have been missed (a chunk that came back
       // busy just as the thing it waited for was released), look again
@@ -511,7 +507,7 @@ int32_t ExecuteChunk(Scheduler* scheduler, ChunkID id, bool fastPath) {
 
   if (result == ZUL_KEST_ERROR_RETRY) {
     MutexLock(&scheduler->mutex);
-    if (!KicksItself(id)) scheduler->holdsBusy = true;
+    if (!CallbackKicksItself(id)) scheduler->holdsBusy = true;
     if (!fastPath) {
       PutBack(scheduler, id);
       if (scheduler->kickCount == kicksBefore) ++scheduler->m_busySkip;
