@@ -212,7 +212,7 @@ void ReleaseBuffers(ChunkCallbackRecord* callback) {
     kick = ReleaseBuffersLocked(callback, true);
   }
   KEST2_TRACE(kTraceZorba, "BufferAllocate", "%s", kick ? "Kicking scheduler\n" : "Not kicking scheduler\n");
-  if (kick) KickAllSchedulers();
+  if (kick) KickBusyChunks();
 }
 
 // A lane gives its block's buffers back.
@@ -223,12 +223,14 @@ void ReleaseLaneBuffers(LaneState* lane) {
 
 // A job's buffers go back the moment it is inflated, on the codec's thread:
 // the held-back read of the next block starts while this lane waits for
-// the callback thread.  The lane wakes once the job is published.
-void JobCompletion(DecompressionJob* job, JobEvent event) {
+// the callback thread.  The lane (the job's owner) wakes once the job is
+// published; by then it may have run on, so only its id is used.
+void JobCompletion(DecompressionJob*, void* owner, JobEvent event) {
+  ChunkCallbackRecord* lane = static_cast<ChunkCallbackRecord*>(owner);
   if (event == kJobPublished) {
-    Kick(CallbackScheduler());
-  } else if (job->owner != nullptr) {
-    ReleaseBuffers(static_cast<ChunkCallbackRecord*>(job->owner));
+    KickChunk(CallbackScheduler(), ChunkIdOf(lane));
+  } else {
+    ReleaseLaneBuffers(StateOf<LaneState>(lane));
   }
 }
 
@@ -301,7 +303,7 @@ int32_t CreateBlockRead(ReadState* state, uint64_t b, ChunkID laneId, ChunkID re
     StoreChunkFlags(ChunkAt(callback), LoadChunkFlags(ChunkAt(callback)) | kChunkScheduled | kChunkCompleted);
   }
   ChunkCallbackRecord* buffers = ChunkRecord<ChunkCallbackRecord>(callback);
-  job->owner = buffers;
+  job->owner = laneRecord;
   buffers->callback = BufferCallback;
   buffers->context = state->context;
   *StateOf<BufferState>(buffers) = BufferState{read, laneId, needs, nullptr, job};

@@ -33,9 +33,10 @@ enum JobEvent : int {
   kJobPublished = 1,
 };
 
-// The dearchiver's gives the work buffers back at kJobInflated and wakes
-// the lane at kJobPublished.  It must not call back into the codec.
-using DecompressionCompletion = void (*)(DecompressionJob* job, JobEvent event);
+// `owner` is the job's `owner` as it was before the done bit was set.  The
+// dearchiver's gives the work buffers back at kJobInflated and wakes the
+// lane at kJobPublished.  It must not call back into the codec.
+using DecompressionCompletion = void (*)(DecompressionJob* job, void* owner, JobEvent event);
 
 // jobFlags bits.
 constexpr uint16_t kJobDone = 1;      // set by the codec when finished

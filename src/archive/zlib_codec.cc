@@ -171,12 +171,13 @@ void WorkerLoop(void* argument) {
       // polls the bit without the lock, may reuse the job.
       const DecompressionCompletion completion = job->completion;
       if (completion != nullptr) {
-        completion(job, kJobInflated);
+        void* const owner = job->owner;
+        completion(job, owner, kJobInflated);
         // Published and announced without the codec's lock: the completion
         // takes a scheduler's mutex, and a submitter must not wait for that
         // behind this worker.
         __atomic_fetch_or(&job->jobFlags, kJobDone, __ATOMIC_RELEASE);
-        completion(nullptr, kJobPublished);
+        completion(nullptr, owner, kJobPublished);
         MutexLock(&g_zlib.mutex);
       } else {
         MutexLock(&g_zlib.mutex);

@@ -971,14 +971,14 @@ bool CallbackKicksItself(ChunkID id) {
          (ChunkRecord<ChunkCallbackRecord>(id)->options & kCallbackKicksItself) != 0;
 }
 
-bool CompleteChunk(ChunkID id, int32_t error, uint32_t* readyPlaces) {
+bool CompleteChunk(ChunkID id, int32_t error, ReadyParents* ready) {
   if (id == CHUNKID_INVALID) return false;
   ChunkLocker lock;
   KEST2_TRACE(kTraceChunk, "Complete", "%s", DumpChunk(id, nullptr, 0));
   ChunkHeader* chunk = ChunkAt(id);
   StoreChunkFlags(chunk, static_cast<uint16_t>((LoadChunkFlags(chunk) | kChunkCompleted) & ~kChunkExecuting));
   if (error != 0) PropagateErrorLocked(id, error, false);
-  if (readyPlaces != nullptr) {
+  if (ready != nullptr) {
     // Decided under the lock that marks the chunk completed, so of two
     // children finishing together exactly the last one sees its parent
     // ready.  A parent without a chosen scheduler is not queued yet; its
@@ -990,7 +990,9 @@ bool CompleteChunk(ChunkID id, int32_t error, uint32_t* readyPlaces) {
           (LoadChunkFlags(ChunkAt(parent)) & kChunkSchedulerIndexMask) >> kChunkSchedulerIndexShift;
       if (place != 0 && AllChildrenCompletedLocked(parent) &&
           !(CallbackKicksItself(parent) && CallbackWouldBeBusy(parent))) {
-        *readyPlaces |= 1u << (place - 1);
+        ready->places |= 1u << (place - 1);
+        if (ready->count < kReadyParentIds) ready->ids[ready->count] = parent;
+        ++ready->count;
       }
     }
   }

@@ -133,12 +133,24 @@ void RescheduleChunk(ChunkID id, ZulKestTime deadline, int8_t priority, ChunkID 
 bool CallbackWouldBeBusy(ChunkID id);
 // A CHUNK_CALLBACK chunk marked kCallbackKicksItself.
 bool CallbackKicksItself(ChunkID id);
+// The parents a completion left with every child completed, whose
+// scheduler has been chosen: `places` has bit i for the i-th scheduler of
+// the list, `ids` names the first kReadyParentIds of them, and `count`
+// counts them all.
+constexpr uint32_t kReadyParentIds = 4;
+struct ReadyParents {
+  uint32_t places = 0;
+  uint32_t count = 0;
+  ChunkID ids[kReadyParentIds] = {};
+
+  bool AllNamed() const { return count <= kReadyParentIds; }
+};
+
 // Marks the chunk completed (propagating a non-zero error); true when it is
-// a CHUNK_ROOT.  With readyPlaces, sets bit i for each parent that this
-// completion left with every child completed and whose scheduler has been
-// chosen as the i-th of the list: the schedulers that have work now.  A
-// parent that kicks its scheduler itself and still says busy is left out.
-bool CompleteChunk(ChunkID id, int32_t error, uint32_t* readyPlaces = nullptr);
+// a CHUNK_ROOT.  With ready, gathers the parents this completion made
+// ready: the schedulers that have work now.  A parent that kicks its
+// scheduler itself and still says busy is left out.
+bool CompleteChunk(ChunkID id, int32_t error, ReadyParents* ready = nullptr);
 // Records error in every CHUNK_CALLBACK and operation above the chunk where
 // none is recorded yet (or always, when forced).
 void PropagateChunkError(ChunkID id, int32_t error, bool force);

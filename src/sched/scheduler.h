@@ -28,6 +28,8 @@ constexpr uint64_t kQueueSize = 8192;
 // The queue is full above this count, so it holds at most 8191 entries.
 constexpr uint64_t kQueueFullCount = 8190;
 constexpr int kMaxSchedulerThreads = 3;
+// Entries of the known-busy prefix of a queue named for another look.
+constexpr uint32_t kReadyHints = 8;
 
 // Lateness of a chunk that meets its deadline: below every priority.
 constexpr int32_t kOnTime = -129;
@@ -79,7 +81,9 @@ struct Scheduler {
   uint64_t queuePosition;       // physical slot of the front
   uint64_t m_queueCount;
   uint64_t queueHighWater;
-  uint64_t m_busySkip;          // leading entries known blocked or busy
+  uint64_t m_busySkip;              // leading entries known blocked or busy,
+  ChunkID readyHints[kReadyHints];  // but for those named here
+  uint32_t readyHintCount;
   int32_t kickCount;
   uint64_t busyCount;
   bool holdsBusy;  // a chunk answered busy since the last wake-up by a kick
@@ -116,6 +120,11 @@ void InsertIntoQueue(Scheduler* scheduler, uint64_t index, ChunkID id);
 void RemoveFromQueue(Scheduler* scheduler, uint64_t index);
 // Traces the queue's occupied slots under "sched".
 void PrintQueue(const Scheduler* scheduler);
+// Names a chunk of the known-busy prefix for another look; false when the
+// list is full (the caller then shortens the prefix instead).
+bool AddReadyHint(Scheduler* scheduler, ChunkID id);
+// Takes id off the list; false when it was not on it.
+bool TakeReadyHint(Scheduler* scheduler, ChunkID id);
 
 // --- The queue of chunks (REQUIRES: scheduler mutex held) ------------------
 
@@ -234,11 +243,15 @@ int32_t ExecuteChunkOutsideThreads(Scheduler* scheduler, ChunkID id, bool fastPa
 // Wakes a scheduler's threads when its queue is not empty: something its
 // chunks wait for may have changed.
 void Kick(Scheduler* scheduler);
-// The kick of a chunk's completion: counted like any kick, but it wakes the
-// threads only when the completion made a queued chunk ready (readyParent)
-// or when a chunk of the queue answered busy and may be waiting for it.
-void KickAfterCompletion(Scheduler* scheduler, bool readyParent);
+// A kick for one queued chunk whose answer may have changed, and nothing
+// else: when nothing of the queue is waiting for any change, only that
+// chunk is looked at again.
+void KickChunk(Scheduler* scheduler, ChunkID id);
 void KickAllSchedulers();
+// Something a busy chunk waits for was given back: an I/O scheduler looks
+// at its whole queue again, the callback scheduler only when one of its
+// callbacks that does not kick itself answered busy.
+void KickBusyChunks();
 // True when the linked CHUNK_CALLBACK (or the chunk itself, when it is one)
 // would answer busy now.  REQUIRES: scheduler mutex held.
 bool ChunkIsBusy(const Scheduler* scheduler, ChunkID id);

@@ -28,6 +28,7 @@ void ResetSchedulerModel(Scheduler* scheduler) {
   scheduler->queuePosition = 0;
   scheduler->m_queueCount = 0;
   scheduler->m_busySkip = 0;
+  scheduler->readyHintCount = 0;
   scheduler->takePosition = 0;
   scheduler->removeHint = 0;
   RebuildQueueSummary(scheduler);
@@ -77,7 +78,11 @@ void InsertIntoQueue(Scheduler* scheduler, uint64_t index, ChunkID id) {
   if (scheduler->m_queueCount > scheduler->queueHighWater)
     scheduler->queueHighWater = scheduler->m_queueCount;
   if (index < scheduler->takePosition) ++scheduler->takePosition;
-  if (index < scheduler->m_busySkip) scheduler->m_busySkip = index;
+  if (index < scheduler->m_busySkip) {
+    // Not known busy: the prefix keeps its entries and names this one.
+    ++scheduler->m_busySkip;
+    if (!AddReadyHint(scheduler, id)) scheduler->m_busySkip = index;
+  }
 }
 
 void RemoveFromQueue(Scheduler* scheduler, uint64_t index) {
@@ -87,6 +92,25 @@ void RemoveFromQueue(Scheduler* scheduler, uint64_t index) {
   scheduler->queuePosition = (scheduler->queuePosition + 1) % kQueueSize;
   scheduler->m_queueCount -= 1;
   if (scheduler->m_queueCount == kQueueFullCount) CondSignal(&scheduler->queueFull);
+}
+
+bool AddReadyHint(Scheduler* scheduler, ChunkID id) {
+  if (scheduler->m_busySkip == 0) return true;  // the next look sees everything
+  for (uint32_t i = 0; i < scheduler->readyHintCount; ++i) {
+    if (scheduler->readyHints[i] == id) return true;
+  }
+  if (scheduler->readyHintCount == kReadyHints) return false;
+  scheduler->readyHints[scheduler->readyHintCount++] = id;
+  return true;
+}
+
+bool TakeReadyHint(Scheduler* scheduler, ChunkID id) {
+  for (uint32_t i = 0; i < scheduler->readyHintCount; ++i) {
+    if (scheduler->readyHints[i] != id) continue;
+    scheduler->readyHints[i] = scheduler->readyHints[--scheduler->readyHintCount];
+    return true;
+  }
+  return false;
 }
 
 void PrintQueue(const Scheduler* scheduler) {

@@ -63,9 +63,17 @@ int32_t CallLinked(ChunkID id, int32_t event) {
   return linked->callback != nullptr ? linked->callback(linked, event) : ZUL_KEST_OK;
 }
 
-// Puts a busy chunk back at the place it was taken from.
-void PutBack(Scheduler* scheduler, ChunkID id) {
-  QueueChunk(scheduler, scheduler->takePosition, id);
+// Puts a busy chunk back at the place it was taken from: into the known-busy
+// prefix when knownBusy, otherwise where the next look finds it.
+void PutBack(Scheduler* scheduler, ChunkID id, bool knownBusy) {
+  const uint64_t at = scheduler->takePosition;
+  QueueChunk(scheduler, at, id);  // named for another look when inside the prefix
+  if (!knownBusy) return;
+  if (at == scheduler->m_busySkip) {
+    ++scheduler->m_busySkip;
+  } else if (at < scheduler->m_busySkip) {
+    TakeReadyHint(scheduler, id);
+  }
 }
 
 // Exponential average with weight 1/20; never stalls short of the sample.
@@ -146,6 +154,14 @@ uint32_t SchedulersToKick(const Scheduler* scheduler, ChunkID id) {
   return kick;
 }
 
+// The threads look at the whole queue again.  REQUIRES: mutex held.
+void ForgetBusy(Scheduler* scheduler) {
+  scheduler->m_busySkip = 0;
+  scheduler->readyHintCount = 0;
+  scheduler->busyCount = 0;
+  scheduler->holdsBusy = false;
+}
+
 // A kick with the scheduler mutex held: counted always, and with wake,
 // the threads look at the whole queue again.  REQUIRES: mutex held.
 void KickHeld(Scheduler* scheduler, bool wake) {
@@ -155,25 +171,101 @@ void KickHeld(Scheduler* scheduler, bool wake) {
   // skipped as if nothing had changed.
   ++scheduler->kickCount;
   if (wake && scheduler->m_queueCount != 0) {
-    scheduler->m_busySkip = 0;
-    scheduler->busyCount = 0;
-    scheduler->holdsBusy = false;
+    ForgetBusy(scheduler);
     WakeThreads(scheduler, true);
   }
 }
 
-// readyPlaces: the schedulers whose queued chunks the completion made ready.
-void KickPlaces(uint32_t places, uint32_t readyPlaces) {
-  ForEachPlace(places, [readyPlaces](Scheduler* s, uint32_t bit) {
+// The callback scheduler's queue holds only roots and callbacks, which wait
+// for their children or answer busy.  What a completion readied there is
+// named, so the threads look at those chunks again rather than at the whole
+// queue; unless a callback that does not kick itself answered busy, since
+// anything may be what it waits for.  REQUIRES: mutex held.
+void KickReadiedHeld(Scheduler* scheduler, const ReadyParents& ready) {
+  const bool readied = (ready.places & PlaceBit(scheduler)) != 0;
+  if (scheduler->holdsBusy || (readied && !ready.AllNamed())) {
+    KickHeld(scheduler, true);
+    return;
+  }
+  KickHeld(scheduler, false);
+  if (!readied || scheduler->shuttingDown || scheduler->m_queueCount == 0) return;
+  for (uint32_t i = 0; i < ready.count; ++i) {
+    if (!AddReadyHint(scheduler, ready.ids[i])) {
+      ForgetBusy(scheduler);
+      break;
+    }
+  }
+  WakeThreads(scheduler, true);
+}
+
+// The kick of a chunk's completion: an I/O scheduler looks at its whole
+// queue again (a close or a read there may wait on the handle).
+void KickAfterCompletion(Scheduler* scheduler, const ReadyParents& ready) {
+  MutexLock(&scheduler->mutex);
+  if (scheduler == &g_callbackScheduler) {
+    KickReadiedHeld(scheduler, ready);
+  } else {
+    KickHeld(scheduler, true);
+  }
+  MutexUnlock(&scheduler->mutex);
+}
+
+void KickPlaces(uint32_t places, const ReadyParents& ready) {
+  ForEachPlace(places, [&ready](Scheduler* s, uint32_t) {
     KEST2_TRACE(kTraceSched, "ExecuteChunk", "%s", "kick");
-    KickAfterCompletion(s, (readyPlaces & bit) != 0 || s != &g_callbackScheduler);
+    KickAfterCompletion(s, ready);
   });
+}
+
+// True when the queued chunk cannot go now: blocked, or busy (which is
+// noted).  REQUIRES: mutex held.
+bool SkipAsBusy(Scheduler* scheduler, ChunkID c) {
+  if (!DeferChunk(c, false)) return true;
+  if (ChunkAt(c)->type == CHUNK_CALLBACK) {
+    if (!ChunkIsBusy(scheduler, c)) return false;
+    // One that kicks the scheduler itself needs no look at the queue for
+    // other completions.
+    if (!CallbackKicksItself(c)) scheduler->holdsBusy = true;
+    return true;
+  }
+  if (HasLinked(c) && ChunkIsBusy(scheduler, c)) {
+    ++scheduler->busyCount;
+    scheduler->holdsBusy = true;
+    return true;
+  }
+  return false;
+}
+
+// Takes the entry at index i out of the queue to execute it.  REQUIRES:
+// mutex held.
+ChunkID Take(Scheduler* scheduler, uint64_t i) {
+  const ChunkID c = QueueAt(scheduler, i);
+  UnqueueChunk(scheduler, i);
+  scheduler->takePosition = i;
+  ChunkHeader* chunk = ChunkAt(c);
+  StoreChunkFlags(chunk, static_cast<uint16_t>(LoadChunkFlags(chunk) | kChunkExecuting));
+  return c;
+}
+
+// The first entry named for another look that can go now, taken out of the
+// queue; the others the look finds busy stay in the prefix.  Every entry
+// before it is known busy, so it is the first that can go.  REQUIRES:
+// mutex held.
+ChunkID TakeHinted(Scheduler* scheduler) {
+  for (uint64_t i = 0; i < scheduler->m_busySkip && scheduler->readyHintCount != 0; ++i) {
+    const ChunkID c = QueueAt(scheduler, i);
+    if (!TakeReadyHint(scheduler, c) || SkipAsBusy(scheduler, c)) continue;
+    --scheduler->m_busySkip;
+    return Take(scheduler, i);
+  }
+  scheduler->readyHintCount = 0;  // the rest name nothing queued there
+  return CHUNKID_INVALID;
 }
 
 // The first ready, not busy chunk of the queue, taken out of it; or
 // CHUNKID_INVALID.  REQUIRES: mutex held.
 ChunkID NextEligible(Scheduler* scheduler) {
-  while (scheduler->m_busySkip != 0) {
+  while (scheduler->m_busySkip != 0 && scheduler->readyHintCount == 0) {
     if (scheduler->m_busySkip != scheduler->m_queueCount) {
       if (scheduler->m_busySkip > scheduler->m_queueCount) {
         zulKestPrintf("Warning m_busySkip %lu, m_queueCount %lu\n",
@@ -187,40 +279,20 @@ ChunkID NextEligible(Scheduler* scheduler) {
     if (!CondTimedWait(&scheduler->wakeup, NowMicroseconds() + kBusyBackOffMicroseconds)) {
       if (!__atomic_exchange_n(&g_unexpectedBusyReported, true, __ATOMIC_ACQ_REL))
         zulKestPrintf("KEST2 WARNING: An unexpected busy state was hit while scheduling!\n");
-      scheduler->m_busySkip = 0;
-      scheduler->busyCount = 0;
+      ForgetBusy(scheduler);
       break;
     }
   }
 
   ChunkLocker lock;
-  ChunkID taken = CHUNKID_INVALID;
-  for (uint64_t i = scheduler->m_busySkip; i < scheduler->m_queueCount; ++i) {
-    const ChunkID c = QueueAt(scheduler, i);
-    const bool isCallback = ChunkAt(c)->type == CHUNK_CALLBACK;
-    if (!DeferChunk(c, false)) {
+  ChunkID taken = scheduler->readyHintCount != 0 ? TakeHinted(scheduler) : CHUNKID_INVALID;
+  for (uint64_t i = scheduler->m_busySkip; taken == CHUNKID_INVALID && i < scheduler->m_queueCount;
+       ++i) {
+    if (SkipAsBusy(scheduler, QueueAt(scheduler, i))) {
       ++scheduler->m_busySkip;
-      continue;
+    } else {
+      taken = Take(scheduler, i);
     }
-    if (isCallback && ChunkIsBusy(scheduler, c)) {
-      ++scheduler->m_busySkip;
-      // One that kicks the scheduler itself needs no look at the queue for
-      // other completions.
-      if (!CallbackKicksItself(c)) scheduler->holdsBusy = true;
-      continue;
-    }
-    if (!isCallback && HasLinked(c) && ChunkIsBusy(scheduler, c)) {
-      ++scheduler->m_busySkip;
-      ++scheduler->busyCount;
-      scheduler->holdsBusy = true;
-      continue;
-    }
-    UnqueueChunk(scheduler, i);
-    scheduler->takePosition = i;
-    ChunkHeader* chunk = ChunkAt(c);
-    StoreChunkFlags(chunk, static_cast<uint16_t>(LoadChunkFlags(chunk) | kChunkExecuting));
-    taken = c;
-    break;
   }
   if (TraceEnabled(kTraceSched)) {
     char dump[kDumpBufferSize];
@@ -289,8 +361,7 @@ void SchedulerThread(void* argument) {
       // this thread; should one have been missed (a chunk that came back
       // busy just as the thing it waited for was released), look again
       // rather than sleep on them forever.
-      scheduler->m_busySkip = 0;
-      scheduler->busyCount = 0;
+      ForgetBusy(scheduler);
     }
     KEST2_TRACE(kTraceSched, "Thread", "%s", "woke up");
   }
@@ -476,9 +547,8 @@ int32_t ExecuteChunk(Scheduler* scheduler, ChunkID id, bool fastPath) {
       // Chunks ahead of this one are busy: give the claim back and let
       // them go first.
       CallLinked(id, 2);
-      if (!fastPath) PutBack(scheduler, id);
+      if (!fastPath) PutBack(scheduler, id, true);
       ++scheduler->busyCount;
-      ++scheduler->m_busySkip;
       scheduler->holdsBusy = true;
       __atomic_store_n(&scheduler->runningFinish, ZulKestTime{0}, __ATOMIC_RELAXED);
       ClearExecuting(id);
@@ -495,6 +565,9 @@ int32_t ExecuteChunk(Scheduler* scheduler, ChunkID id, bool fastPath) {
   scheduler->lastHandle = static_cast<int32_t>(state.head.handle);
   scheduler->lastEnd = state.head.position;
   const int32_t kicksBefore = scheduler->kickCount;
+  const bool kicksItself = CallbackKicksItself(id);
+  const bool readiesOnlyByCompleting =
+      kicksItself || ChunkAt(id)->type == CHUNK_ROOT || ChunkAt(id)->type == CHUNK_NULL;
   MutexUnlock(&scheduler->mutex);
 
   if (result == ZUL_KEST_OK || (result == ZUL_KEST_ERROR_CANCELLED &&
@@ -507,10 +580,14 @@ int32_t ExecuteChunk(Scheduler* scheduler, ChunkID id, bool fastPath) {
 
   if (result == ZUL_KEST_ERROR_RETRY) {
     MutexLock(&scheduler->mutex);
-    if (!CallbackKicksItself(id)) scheduler->holdsBusy = true;
+    if (!kicksItself) scheduler->holdsBusy = true;
     if (!fastPath) {
-      PutBack(scheduler, id);
-      if (scheduler->kickCount == kicksBefore) ++scheduler->m_busySkip;
+      // Known busy unless a kick came meanwhile, or a callback's children
+      // have all completed already (it may have linked finished ones: no
+      // completion will name it).
+      const bool waitsForChildren =
+          ChunkAt(id)->type != CHUNK_CALLBACK || !AllChildrenCompleted(id);
+      PutBack(scheduler, id, scheduler->kickCount == kicksBefore && waitsForChildren);
     }
     ClearExecuting(id);
     return ZUL_KEST_ERROR_RETRY;
@@ -519,27 +596,32 @@ int32_t ExecuteChunk(Scheduler* scheduler, ChunkID id, bool fastPath) {
   // One hold of the chunk lock for everything the completion reads and
   // changes in the tree (the calls below take it again, cheaply).
   uint32_t kick = 0;
-  uint32_t readyPlaces = 0;
+  ReadyParents ready;
   Measured measured;
   ZulKestTime elapsed;
   {
     ChunkLocker lock;
     if (!fastPath) kick = SchedulersToKick(scheduler, id);
     measured = Measure(id);
-    const bool isRoot = CompleteChunk(id, result, &readyPlaces);
+    const bool isRoot = CompleteChunk(id, result, &ready);
     elapsed = zulKestTimeGetCurrent() - start;
     if (isRoot) ReleaseFinishedRoot(id);
   }
   // A caller's chunk kicks only the queues it made ready (its own is
   // kicked below); a thread's kicks those that may wait on it.
-  KickPlaces(fastPath ? readyPlaces & ~PlaceBit(scheduler) : kick, readyPlaces);
+  KickPlaces(fastPath ? ready.places & ~PlaceBit(scheduler) : kick, ready);
 
   MutexLock(&scheduler->mutex);
   Learn(scheduler, measured, elapsed, before);
-  scheduler->m_busySkip = 0;
-  scheduler->busyCount = 0;
-  // A chunk run by a caller may have readied queued ones (an open, say).
-  if (fastPath) KickHeld(scheduler, true);
+  if (scheduler == &g_callbackScheduler && readiesOnlyByCompleting) {
+    // A root, or a callback that kicks itself, readies nothing but through
+    // its completion, which named what it readied.
+    KickReadiedHeld(scheduler, ready);
+  } else {
+    ForgetBusy(scheduler);
+    // A chunk run by a caller may have readied queued ones (an open, say).
+    if (fastPath) KickHeld(scheduler, true);
+  }
   return ZUL_KEST_OK;
 }
 
@@ -557,14 +639,21 @@ void Kick(Scheduler* scheduler) {
   MutexUnlock(&scheduler->mutex);
 }
 
-void KickAfterCompletion(Scheduler* scheduler, bool readyParent) {
-  MutexLock(&scheduler->mutex);
-  KickHeld(scheduler, readyParent || scheduler->holdsBusy);
-  MutexUnlock(&scheduler->mutex);
+void KickChunk(Scheduler* scheduler, ChunkID id) {
+  ReadyParents ready;
+  ready.places = PlaceBit(scheduler);
+  ready.count = 1;
+  ready.ids[0] = id;
+  KickAfterCompletion(scheduler, ready);
 }
 
 void KickAllSchedulers() {
   for (Scheduler* s = SchedulerListHead(); s != nullptr; s = s->next) Kick(s);
+}
+
+void KickBusyChunks() {
+  const ReadyParents none;
+  for (Scheduler* s = SchedulerListHead(); s != nullptr; s = s->next) KickAfterCompletion(s, none);
 }
 
 }  // namespace kest2

@@ -79,13 +79,13 @@ DecompressionJob MakeJob(const Bytes& compressed, uint8_t* output, uint32_t outp
 // A published job is no longer the codec's to pass on, so completion
 // functions record globally.
 std::atomic<int> g_completions{0};
-void CountCompletion(DecompressionJob*, JobEvent event) {
+void CountCompletion(DecompressionJob*, void*, JobEvent event) {
   if (event == kJobPublished) g_completions.fetch_add(1);
 }
 
 std::mutex g_namesMutex;
 std::set<std::string> g_workerNames;
-void RecordWorkerName(DecompressionJob*, JobEvent) {
+void RecordWorkerName(DecompressionJob*, void*, JobEvent) {
   char name[16] = {};
   pthread_getname_np(pthread_self(), name, sizeof(name));
   std::lock_guard<std::mutex> lock(g_namesMutex);
@@ -234,7 +234,9 @@ CompletionSighting g_sighting;
 std::atomic<int> g_sightings{0};  // counted after each event's fields are written
 DecompressionJob* g_watchedJob = nullptr;
 const uint8_t* g_expectedOutput = nullptr;
-void WatchCompletion(DecompressionJob* job, JobEvent event) {
+int g_ownerMark;
+void WatchCompletion(DecompressionJob* job, void* owner, JobEvent event) {
+  EXPECT_EQ(owner, &g_ownerMark);
   if (event == kest2::kJobInflated) {
     // The owner gives its work buffers back here: the bytes must be out and
     // the job not yet published, or the owner could reuse it underneath.
@@ -256,6 +258,7 @@ TEST_F(ZlibCodecTest, CompletionHearsInflatedBeforeTheDoneBitThenPublished) {
   DecompressionJob job =
       MakeJob(block.compressed, work.data(), 30000, destination.data(), 7000, 5000);
   job.completion = WatchCompletion;
+  job.owner = &g_ownerMark;
   g_sighting = CompletionSighting{};
   g_sightings = 0;
   g_watchedJob = &job;

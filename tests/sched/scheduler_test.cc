@@ -2,21 +2,23 @@
 // protocol with its 50 ms back-off, the caller-thread fast path, and
 // rescheduling that reorders queued work.
 
+#include "sched/scheduler.h"
+
+#include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <fstream>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "kest2.h"
 #include "sched/chunk_tree.h"
-#include "sched/scheduler.h"
 #include "test_support.h"
 
 namespace {
@@ -222,6 +224,103 @@ TEST_F(SchedulerTest, SelfKickingCallbackRunsAfterItsChildWhetherBusyThenOrNot) 
     ASSERT_TRUE(Eventually([] { return zulKestIsIdle(); }));
     DeallocateTree(gate);
   }
+}
+
+// Numbered gates that kick their scheduler themselves, and a blocker that
+// holds the callback thread while the test opens and kicks gates.
+constexpr int kGates = 40;
+std::atomic<bool> g_numberedOpen[kGates];
+std::mutex g_gateOrderMutex;
+std::vector<int> g_gateOrder;
+std::atomic<int> g_numberedRuns{0};
+int GateNumber(ChunkCallbackRecord* record) {
+  int number;
+  std::memcpy(&number, record->filterData, sizeof(number));
+  return number;
+}
+int32_t NumberedGate(ChunkCallbackRecord* record, int32_t event) {
+  if (!g_numberedOpen[GateNumber(record)]) return ZUL_KEST_ERROR_RETRY;
+  if (event == 1) {
+    ++g_numberedRuns;
+    std::lock_guard<std::mutex> lock(g_gateOrderMutex);
+    g_gateOrder.push_back(GateNumber(record));
+  }
+  return ZUL_KEST_OK;
+}
+std::atomic<bool> g_blockerEntered{false};
+std::atomic<bool> g_blockerReleased{false};
+int32_t Blocker(ChunkCallbackRecord*, int32_t event) {
+  if (event != 1) return ZUL_KEST_OK;
+  g_blockerEntered = true;
+  while (!g_blockerReleased) std::this_thread::yield();
+  return ZUL_KEST_OK;
+}
+
+ChunkID QueueSelfKicking(ChunkCallbackFunction callback, int number, bool withChild) {
+  const ChunkID id = AllocateChunk(CHUNK_CALLBACK);
+  ChunkCallbackRecord* record = ChunkRecord<ChunkCallbackRecord>(id);
+  record->callback = callback;
+  record->options = kCallbackKicksItself;
+  std::memcpy(record->filterData, &number, sizeof(number));
+  if (withChild) {
+    ChunkLocker lock;
+    EXPECT_TRUE(LinkChunks(id, AllocateChunk(CHUNK_FH_BARRIER)));
+  }
+  PrepareChunk(id, 0, zulKestTimeGetCurrent() + 1000000000);
+  ScheduleTree(id, 0, false);
+  return id;
+}
+
+// A callback's own kick has the callback thread look at that callback
+// again, not at the whole queue of waiting ones.  Gates opened and kicked
+// together still run in queue order, also when more are kicked than the
+// thread keeps names of; a kicked gate that is still busy does not run; no
+// kick is lost (a lost one would surface as the busy back-off's warning).
+TEST_F(SchedulerTest, SelfKickedCallbacksRunInQueueOrderAndOnlyWhenFree) {
+  g_numberedRuns = 0;
+  for (auto& open : g_numberedOpen) open = false;
+  std::vector<ChunkID> gates;
+  zulKestSuspend();
+  for (int i = 0; i < kGates; ++i) gates.push_back(QueueSelfKicking(NumberedGate, i, true));
+  zulKestResume();
+  // Every child done: every gate waits, busy, for its own kick.
+  for (ChunkID gate : gates) {
+    ASSERT_TRUE(Eventually([&] { return AllChildrenCompleted(gate); }));
+  }
+  const std::vector<std::vector<int>> rounds = {{25, 3, 17},
+                                                {39, 1, 30, 8, 22, 12, 35, 5, 27, 14, 19, 33}};
+  for (const std::vector<int>& round : rounds) {
+    SCOPED_TRACE(round.size() > kReadyHints ? "more kicks than names kept" : "a few kicks");
+    g_blockerEntered = false;
+    g_blockerReleased = false;
+    const ChunkID blocker = QueueSelfKicking(Blocker, 0, false);
+    ASSERT_TRUE(Eventually([] { return g_blockerEntered.load(); }));
+    for (int number : round) {
+      g_numberedOpen[number] = true;
+      KickChunk(CallbackScheduler(), gates[number]);
+    }
+    KickChunk(CallbackScheduler(), gates[0]);  // still closed
+    {
+      std::lock_guard<std::mutex> lock(g_gateOrderMutex);
+      g_gateOrder.clear();
+    }
+    g_blockerReleased = true;
+    std::vector<int> expected = round;
+    std::sort(expected.begin(), expected.end());
+    ASSERT_TRUE(Eventually([&] {
+      std::lock_guard<std::mutex> lock(g_gateOrderMutex);
+      return g_gateOrder.size() >= expected.size();
+    }));
+    std::lock_guard<std::mutex> lock(g_gateOrderMutex);
+    EXPECT_EQ(g_gateOrder, expected);
+    DeallocateTree(blocker);
+  }
+  for (auto& open : g_numberedOpen) open = true;
+  for (ChunkID gate : gates) KickChunk(CallbackScheduler(), gate);
+  ASSERT_TRUE(Eventually([] { return zulKestIsIdle(); }));
+  EXPECT_EQ(g_numberedRuns, kGates);
+  EXPECT_EQ(CountOf(output_.text(), "An unexpected busy state"), 0u);
+  for (ChunkID gate : gates) DeallocateTree(gate);
 }
 
 std::mutex g_namesMutex;
