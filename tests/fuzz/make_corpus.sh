@@ -7,7 +7,9 @@
 # raw partial last block (300-byte blocks: two-byte rows, so that one changed
 # row can claim more than a block), version 1 headers with one-byte rows, an
 # unsorted TOC and case-insensitive names, stored entries with absolute
-# names, 4 KiB blocks in a deeper tree, and the default 64 KiB blocks.  The file
+# names, 4 KiB blocks in a deeper tree, and the default 64 KiB blocks; and
+# damaged copies of the 4 KiB one (damage_seeds.py, needs python3) whose
+# first block's stream fails each way an inflater can.  The file
 # contents are pseudo-random but fixed by awk's seeds, so a rerun with the
 # same awk gives the same archives.
 set -euo pipefail
@@ -68,5 +70,7 @@ t="$WORK/b64k"
 text "$t/one.txt" 9000 12
 noise "$t/two.bin" 300 13
 pack v3-b64k.zorba "$t"
+
+python3 tests/fuzz/damage_seeds.py "$OUT/v3-b4096.zorba"
 
 ls -l "$OUT"
