@@ -220,28 +220,25 @@ void KickPlaces(uint32_t places, const ReadyParents& ready) {
 // True when the queued chunk cannot go now: blocked, or busy (which is
 // noted).  REQUIRES: mutex held.
 bool SkipAsBusy(Scheduler* scheduler, ChunkID c) {
-  const bool isCallback = ChunkAt(c)->type == CHUNK_CALLBACK;
-  if (!isCallback && HasLinked(c) && scheduler->busyCount != 0) {
-    // Behind a busy linked chunk every linked one counts as busy, ready or
-    // not: a long queue of reads waiting for buffers costs a test each.
-    ++scheduler->busyCount;
-    scheduler->holdsBusy = true;
-    return true;
-  }
-  if (!DeferChunk(c, false)) return true;
-  if (isCallback) {
+  if (ChunkAt(c)->type == CHUNK_CALLBACK) {
+    if (!DeferChunk(c, false)) return true;
     if (!ChunkIsBusy(scheduler, c)) return false;
     // One that kicks the scheduler itself needs no look at the queue for
     // other completions.
     if (!CallbackKicksItself(c)) scheduler->holdsBusy = true;
     return true;
   }
-  if (HasLinked(c) && ChunkIsBusy(scheduler, c)) {
-    ++scheduler->busyCount;
-    scheduler->holdsBusy = true;
-    return true;
+  if (!HasLinked(c)) return !DeferChunk(c, false);
+  // Behind a busy linked chunk every linked one counts as busy, ready or
+  // not (as ChunkIsBusy answers): a long queue of reads waiting for
+  // buffers costs a test each.
+  if (scheduler->busyCount == 0) {
+    if (!DeferChunk(c, false)) return true;
+    if (!ChunkIsBusy(scheduler, c)) return false;
   }
-  return false;
+  ++scheduler->busyCount;
+  scheduler->holdsBusy = true;
+  return true;
 }
 
 // Takes the entry at index i out of the queue to execute it.  REQUIRES:

@@ -182,6 +182,23 @@ TEST_F(SchedulerTest, LinkedCallbackHearsOnTheIoThreadThatItsChunkRanAndNotThatI
   EXPECT_EQ(zulKestFHCloseSync(nullptr, fh), ZUL_KEST_OK);
 }
 
+// Queues a callback that kicks its scheduler itself, numbered in its
+// filter data, with a ready barrier below it when withChild.
+ChunkID QueueSelfKicking(ChunkCallbackFunction callback, int number, bool withChild) {
+  const ChunkID id = AllocateChunk(CHUNK_CALLBACK);
+  ChunkCallbackRecord* record = ChunkRecord<ChunkCallbackRecord>(id);
+  record->callback = callback;
+  record->options = kCallbackKicksItself;
+  std::memcpy(record->filterData, &number, sizeof(number));
+  if (withChild) {
+    ChunkLocker lock;
+    EXPECT_TRUE(LinkChunks(id, AllocateChunk(CHUNK_FH_BARRIER)));
+  }
+  PrepareChunk(id, 0, zulKestTimeGetCurrent() + 1000000000);
+  ScheduleTree(id, 0, false);
+  return id;
+}
+
 // A callback that kicks its scheduler itself once it stops being busy.
 std::atomic<bool> g_gateOpen{false};
 std::atomic<int> g_gateRuns{0};
@@ -200,17 +217,8 @@ TEST_F(SchedulerTest, SelfKickingCallbackRunsAfterItsChildWhetherBusyThenOrNot) 
     g_gateOpen = openFirst;
     g_gateRuns = 0;
     zulKestSuspend();  // the whole tree is queued before anything runs
-    const ChunkID gate = AllocateChunk(CHUNK_CALLBACK);
-    ChunkCallbackRecord* record = ChunkRecord<ChunkCallbackRecord>(gate);
-    record->callback = Gate;
-    record->options = kCallbackKicksItself;
-    const ChunkID child = AllocateChunk(CHUNK_FH_BARRIER);
-    {
-      ChunkLocker lock;
-      ASSERT_TRUE(LinkChunks(gate, child));
-    }
-    PrepareChunk(gate, 0, zulKestTimeGetCurrent() + 1000000000);
-    ScheduleTree(gate, 0, false);
+    const ChunkID gate = QueueSelfKicking(Gate, 0, true);
+    const ChunkID child = GetChild(gate, 0);
     zulKestResume();
     ASSERT_TRUE(
         Eventually([&] { return (LoadChunkFlags(ChunkAt(child)) & kChunkCompleted) != 0; }));
@@ -254,21 +262,6 @@ int32_t Blocker(ChunkCallbackRecord*, int32_t event) {
   g_blockerEntered = true;
   while (!g_blockerReleased) std::this_thread::yield();
   return ZUL_KEST_OK;
-}
-
-ChunkID QueueSelfKicking(ChunkCallbackFunction callback, int number, bool withChild) {
-  const ChunkID id = AllocateChunk(CHUNK_CALLBACK);
-  ChunkCallbackRecord* record = ChunkRecord<ChunkCallbackRecord>(id);
-  record->callback = callback;
-  record->options = kCallbackKicksItself;
-  std::memcpy(record->filterData, &number, sizeof(number));
-  if (withChild) {
-    ChunkLocker lock;
-    EXPECT_TRUE(LinkChunks(id, AllocateChunk(CHUNK_FH_BARRIER)));
-  }
-  PrepareChunk(id, 0, zulKestTimeGetCurrent() + 1000000000);
-  ScheduleTree(id, 0, false);
-  return id;
 }
 
 // A callback's own kick has the callback thread look at that callback
