@@ -48,7 +48,11 @@ int32_t WaitCommon(Operation* op, ZulKestTime deadline, const char* function) {
     MutexUnlock(WaitMutex());
     return ZUL_KEST_ERROR_BAD_OP;
   }
-  __atomic_add_fetch(&op->waiters, 1, __ATOMIC_ACQ_REL);
+  // Counted in before the first test, and the test ordered after the
+  // count: a completion that sets `done` and then finds no waiter counted
+  // skips its broadcast, so this test must see its `done`.
+  __atomic_add_fetch(&op->waiters, 1, __ATOMIC_SEQ_CST);
+  __atomic_thread_fence(__ATOMIC_SEQ_CST);
   bool blocked = false;
   bool finished = OpFinished(op);
   while (!finished) {
@@ -150,7 +154,14 @@ uint32_t OpNotify(Operation* op, ZulKestOpEvent event) {
     op->attr.pCallback(op->attr.pCallbackContext, handle, static_cast<uint8_t>(event), op->err);
     t_currentCallbackOp = outer;
   }
-  if (LiveOp(handle) != nullptr) __atomic_store_n(&op->done, 1, __ATOMIC_RELEASE);
+  if (LiveOp(handle) != nullptr) {
+    __atomic_store_n(&op->done, 1, __ATOMIC_SEQ_CST);
+    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+    // Only a thread waiting for this operation needs waking: with many
+    // requests in flight and the caller waiting for one of them, a
+    // broadcast per completion would wake it for every other one.
+    if (__atomic_load_n(&op->waiters, __ATOMIC_SEQ_CST) == 0) return handle;
+  }
   MutexLock(WaitMutex());
   CondBroadcast(WaitCond());
   MutexUnlock(WaitMutex());

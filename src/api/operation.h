@@ -8,10 +8,11 @@
 // released).
 //
 // Thread-safety: callers may use an operation from any thread.  All waits
-// share the "ZulKestOpWait" mutex and condition; every completion and
-// deletion broadcasts and each waiter re-tests its own operation.  `done`
-// and `waiters` change atomically; `done` is set before the broadcast, so a
-// waiter that saw the operation unfinished under the mutex cannot miss it.
+// share the "ZulKestOpWait" mutex and condition; a completion or deletion
+// broadcasts when a thread waits for that operation, and each waiter
+// re-tests its own operation.  `done` and `waiters` change atomically: a
+// waiter counts itself in before it tests `done`, and a completion sets
+// `done` before it looks for waiters, so one of the two sees the other.
 // Deletion waits, under the mutex, until no thread is inside a wait on the
 // operation, so a waiter never reads a released (and perhaps reused) unit.
 #ifndef KEST2_SRC_API_OPERATION_H_

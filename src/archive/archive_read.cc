@@ -17,7 +17,6 @@ namespace {
 
 constexpr int kLaneLimit = 4;
 constexpr int kWorkBuffers = 3;
-constexpr uint16_t kLaneHandedOver = 1;  // the job is with the codec
 constexpr uint8_t kNeedReadBuffer = 1;   // the compressed bytes
 constexpr uint8_t kNeedOutputBuffer = 2; // a partly wanted block's inflated bytes
 
@@ -35,20 +34,35 @@ struct ReadState {
   uint8_t* destination;  // receives byte `start`
   int64_t* actCount;
   ZulKestZorbaDearchiverContext* context;
+  ChunkID root;       // the chunk the lanes hang below
+  int32_t lanesLeft;  // lanes without their final answer; atomic
 };
-static_assert(sizeof(ReadState) == 96, "");
+static_assert(sizeof(ReadState) == 104, "");
+
+// Where a lane stands.  Only the thread that has the lane moves it on: the
+// callback thread while it is armed or inflated, the codec's thread from
+// the moment the job is handed over until it re-arms or finishes the lane.
+// The lane's callback answers busy in between, so the two never run it at
+// once.
+enum LaneStage : uint32_t {
+  kLaneArmed = 0,  // its block read is pending, or done and not handed on
+  kLaneWithCodec,  // its job is with the codec, whose thread carries it on
+  kLaneCarried,    // a codec thread is taking it to its next block
+  kLaneInflated,   // inflated, for the callback thread to carry on
+  kLaneFinished,   // nothing left to do: the callback answers `result`
+};
 
 // A lane's state, in its callback chunk's filter data.
 struct LaneState {
-  uint16_t flags;
+  uint32_t stage;          // LaneStage; atomic
   ChunkID bufferCallback;  // CHUNKID_INVALID when the block needs no buffer
-  ChunkID jobBuffer;
   ChunkID read;            // the current block read
   DecompressionJob* job;
   uint32_t expectedOutput;
   uint32_t wanted;
   ReadState* state;
-  int64_t moved;  // bytes the current block's read moved
+  int64_t moved;   // bytes the current block's read moved
+  int32_t result;  // the final answer once finished
 };
 static_assert(sizeof(LaneState) <= sizeof(ChunkCallbackRecord::filterData), "");
 
@@ -65,6 +79,12 @@ static_assert(sizeof(BufferState) <= sizeof(ChunkCallbackRecord::filterData), ""
 template <typename T>
 T* StateOf(ChunkCallbackRecord* record) {
   return reinterpret_cast<T*>(record->filterData);
+}
+
+uint32_t StageOf(const LaneState* lane) { return __atomic_load_n(&lane->stage, __ATOMIC_ACQUIRE); }
+
+void SetStage(LaneState* lane, LaneStage stage) {
+  __atomic_store_n(&lane->stage, static_cast<uint32_t>(stage), __ATOMIC_RELEASE);
 }
 
 ZulKestZorbaDearchiverContext* ContextOf(ChunkCallbackRecord* record) {
@@ -180,6 +200,16 @@ int32_t BufferAllocate(int32_t event, ChunkCallbackRecord* callback) {
   return result;
 }
 
+// Hands the lane's job to the codec; false, with the lane still armed,
+// when the codec refuses it.  The stage changes first: the codec's thread
+// may finish the job before submit returns.
+bool HandToCodec(LaneState* lane) {
+  SetStage(lane, kLaneWithCodec);
+  if (lane->state->codec->submit(lane->job) != nullptr) return true;
+  SetStage(lane, kLaneArmed);
+  return false;
+}
+
 // The block's compressed bytes have just been read, on the I/O thread: a
 // whole block goes to the codec from here rather than after a round trip
 // through the callback thread.  Anything else (a short read, a cancelled
@@ -191,7 +221,7 @@ void SubmitFromRead(BufferState* buffers) {
       (LoadChunkFlags(&laneRecord->header) & kChunkCancelled) != 0) {
     return;
   }
-  if (lane->state->codec->submit(buffers->job) != nullptr) lane->flags |= kLaneHandedOver;
+  HandToCodec(lane);
 }
 
 int32_t BufferCallback(ChunkCallbackRecord* callback, int32_t event) {
@@ -221,14 +251,16 @@ void ReleaseLaneBuffers(LaneState* lane) {
   ReleaseBuffers(ChunkRecord<ChunkCallbackRecord>(lane->bufferCallback));
 }
 
+void CarryOn(ChunkCallbackRecord* record);
+
 // A job's buffers go back the moment it is inflated, on the codec's thread:
-// the held-back read of the next block starts while this lane waits for
-// the callback thread.  The lane (the job's owner) wakes once the job is
-// published; by then it may have run on, so only its id is used.
+// the held-back read of the next block starts while this lane moves on.
+// Once the job is published the same thread carries the lane (the job's
+// owner) on; the lane answers busy until then, so it is still there.
 void JobCompletion(DecompressionJob*, void* owner, JobEvent event) {
   ChunkCallbackRecord* lane = static_cast<ChunkCallbackRecord*>(owner);
   if (event == kJobPublished) {
-    KickChunk(CallbackScheduler(), ChunkIdOf(lane));
+    CarryOn(lane);
   } else {
     ReleaseLaneBuffers(StateOf<LaneState>(lane));
   }
@@ -267,7 +299,6 @@ int32_t CreateBlockRead(ReadState* state, uint64_t b, ChunkID laneId, ChunkID re
   io->h = state->tracker->archiveHandle;
   io->position = INT64_MAX;
   uint8_t* destination = state->destination + (r0 - start);
-  lane->flags = 0;
   lane->bufferCallback = CHUNKID_INVALID;
   lane->read = read;
   lane->moved = 0;
@@ -296,11 +327,17 @@ int32_t CreateBlockRead(ReadState* state, uint64_t b, ChunkID laneId, ChunkID re
   job->offsetInBlock = static_cast<uint32_t>(r0 - blockStart);
   job->wantedLength = static_cast<uint32_t>(r1 - r0);
   const uint8_t needs = static_cast<uint8_t>(kNeedReadBuffer | (whole ? 0 : kNeedOutputBuffer));
-  const ChunkID callback = AllocateChildChunk(laneId, CHUNK_CALLBACK);
+  const ChunkID callback = AllocateChunk(CHUNK_CALLBACK);
   if (callback == CHUNKID_INVALID) return ZUL_KEST_ERROR_CANT_ALLOCATE_CHUNK;
   {
+    // Completed before it hangs below the lane: a cancel walking the lane
+    // must not find it waiting and cancel it without its read.
     ChunkLocker lock;
     StoreChunkFlags(ChunkAt(callback), LoadChunkFlags(ChunkAt(callback)) | kChunkScheduled | kChunkCompleted);
+    if (!LinkChunks(laneId, callback)) {
+      DeallocateChunk(callback);
+      return ZUL_KEST_ERROR_CANT_ALLOCATE_CHUNK;
+    }
   }
   ChunkCallbackRecord* buffers = ChunkRecord<ChunkCallbackRecord>(callback);
   job->owner = laneRecord;
@@ -367,10 +404,22 @@ int32_t Rearm(ChunkCallbackRecord* record, LaneState* lane) {
     if (!LinkChunks(laneId, read)) return ZUL_KEST_ERROR_CANT_ALLOCATE_CHUNK;
   }
   KEST2_TRACE(kTraceZorba, "DecompressCallback", "scheduling dynamic read chunk %d\n", read);
-  PrepareChunk(read, record->header.priority, record->header.deadline);
+  int8_t priority;
+  ZulKestTime deadline;
+  {
+    // A codec thread may carry the lane on while its own queueing still
+    // stamps the header.
+    ChunkLocker lock;
+    priority = record->header.priority;
+    deadline = record->header.deadline;
+  }
+  PrepareChunk(read, priority, deadline);
   DropLaneChild(laneId, oldCallback);
   KEST2_TRACE(kTraceZorba, "DecompressCallback", "Deallocating old read chunk %d\n", oldRead);
   DropLaneChild(laneId, oldRead);
+  // Armed before the read can complete: its completion asks the lane
+  // whether it is ready.
+  SetStage(lane, kLaneArmed);
   ScheduleTree(read, 0, false);
   return ZUL_KEST_ERROR_RETRY;
 }
@@ -390,37 +439,35 @@ int32_t FailIfCutShort(ChunkCallbackRecord* record, LaneState* lane, int64_t row
   return ZUL_KEST_ERROR_BAD_ARCHIVE;
 }
 
-int32_t DecompressCallback(ChunkCallbackRecord* record, int32_t event) {
-  LaneState* lane = StateOf<LaneState>(record);
-  DecompressionJob* job = lane->job;
-  const Codec* codec = lane->state->codec;
-  if (job->compressedSize == 0) {
-    // A stored block, read straight into the caller's buffer.
-    if (event == 0) return ZUL_KEST_OK;
-    if (const int32_t cut = FailIfCutShort(record, lane, lane->wanted); cut != ZUL_KEST_OK)
-      return cut;
-    if (record->error == ZUL_KEST_OK && (LoadChunkFlags(&record->header) & kChunkCancelled) == 0)
-      __atomic_add_fetch(lane->state->actCount, lane->moved, __ATOMIC_ACQ_REL);
-    return Rearm(record, lane);
+// The lanes of a read (its callback chunks), up to kLaneLimit.
+uint32_t LanesOf(ChunkID root, ChunkID* lanes) {
+  ChunkID children[kLaneLimit + 2];
+  const uint32_t count = GetChildren(root, children, kLaneLimit + 2);
+  uint32_t found = 0;
+  for (uint32_t i = 0; i < count && found < kLaneLimit; ++i) {
+    if (ChunkAt(children[i])->type == CHUNK_CALLBACK) lanes[found++] = children[i];
   }
-  if ((lane->flags & kLaneHandedOver) == 0) {
-    if (event == 0) return ZUL_KEST_OK;
-    if (const int32_t cut = FailIfCutShort(record, lane, job->compressedSize); cut != ZUL_KEST_OK)
-      return cut;
-    const bool cancelled = (LoadChunkFlags(&record->header) & kChunkCancelled) != 0;
-    if (record->error != ZUL_KEST_OK || cancelled) {
-      ReleaseLaneBuffers(lane);
-      return cancelled ? ZUL_KEST_ERROR_CANCELLED : record->error;
-    }
-    if (codec->submit(job) == nullptr) {
-      ReleaseLaneBuffers(lane);
-      return ZUL_KEST_ERROR_DECOMPRESSION;
-    }
-    lane->flags |= kLaneHandedOver;
-    return ZUL_KEST_ERROR_RETRY;
+  return found;
+}
+
+// The lane has its final answer (given now or already kept for the
+// callback).  Finished lanes wait in the callback queue without a kick
+// until the last lane of the read is finished, which kicks them all: the
+// read's parent cannot complete before that, so the callback thread wakes
+// once per read rather than once per lane.  An error kicks its lane at once.
+void LaneFinished(LaneState* lane, ChunkID laneId, int32_t result, ChunkID* kick, uint32_t* count) {
+  if (__atomic_sub_fetch(&lane->state->lanesLeft, 1, __ATOMIC_ACQ_REL) == 0) {
+    *count = LanesOf(lane->state->root, kick);
+  } else if (result != ZUL_KEST_OK) {
+    kick[0] = laneId;
+    *count = 1;
   }
-  if (!codec->isDone(job)) return ZUL_KEST_ERROR_RETRY;
-  if (event == 0) return ZUL_KEST_OK;
+}
+
+// The lane's block was inflated: counts its wanted bytes and takes the
+// lane to the next block, or answers its end.
+int32_t FinishBlock(ChunkCallbackRecord* record, LaneState* lane) {
+  const DecompressionJob* job = lane->job;
   if (job->result != 0 || job->outputSize != lane->expectedOutput) {
     ReleaseLaneBuffers(lane);
     char dump[kDumpBufferSize];
@@ -430,6 +477,82 @@ int32_t DecompressCallback(ChunkCallbackRecord* record, int32_t event) {
   }
   __atomic_add_fetch(lane->state->actCount, static_cast<int64_t>(lane->wanted), __ATOMIC_ACQ_REL);
   return Rearm(record, lane);
+}
+
+// The lane's read is done: a stored block is counted and the lane moves
+// on; a compressed one goes to the codec.
+int32_t TakeRead(ChunkCallbackRecord* record, LaneState* lane) {
+  if (lane->job->compressedSize == 0) {
+    // A stored block, read straight into the caller's buffer.
+    if (const int32_t cut = FailIfCutShort(record, lane, lane->wanted); cut != ZUL_KEST_OK)
+      return cut;
+    if (record->error == ZUL_KEST_OK && (LoadChunkFlags(&record->header) & kChunkCancelled) == 0)
+      __atomic_add_fetch(lane->state->actCount, lane->moved, __ATOMIC_ACQ_REL);
+    return Rearm(record, lane);
+  }
+  if (const int32_t cut = FailIfCutShort(record, lane, lane->job->compressedSize);
+      cut != ZUL_KEST_OK)
+    return cut;
+  const bool cancelled = (LoadChunkFlags(&record->header) & kChunkCancelled) != 0;
+  if (record->error != ZUL_KEST_OK || cancelled) {
+    ReleaseLaneBuffers(lane);
+    return cancelled ? ZUL_KEST_ERROR_CANCELLED : record->error;
+  }
+  if (!HandToCodec(lane)) {
+    ReleaseLaneBuffers(lane);
+    return ZUL_KEST_ERROR_DECOMPRESSION;
+  }
+  return ZUL_KEST_ERROR_RETRY;
+}
+
+// The codec's thread has just published the lane's job.  It takes the lane
+// on itself (counts the block, arms the next read, or finishes the lane),
+// which spares the callback thread a wake-up per block.  Two cases are left
+// to the callback thread: a later filter is installed (its code runs on the
+// scheduler's threads), or the read that brought the block in has not
+// completed yet (it handed the job over just before; its completion finds
+// the lane ready).  Decided under the chunk lock, against which that
+// completion tests the lane.
+void CarryOn(ChunkCallbackRecord* record) {
+  LaneState* lane = StateOf<LaneState>(record);
+  const ChunkID laneId = ChunkIdOf(record);
+  bool readPending;
+  bool here;
+  {
+    ChunkLocker lock;
+    readPending = CountChildrenNotCompleted(laneId, 1) != 0;
+    here = !readPending && !LaterFiltersInstalled(lane->state->context);
+    SetStage(lane, here ? kLaneCarried : kLaneInflated);
+  }
+  if (!here) {
+    if (!readPending) KickChunk(CallbackScheduler(), laneId);
+    return;
+  }
+  const int32_t result = FinishBlock(record, lane);
+  if (result == ZUL_KEST_ERROR_RETRY) return;  // armed with its next block
+  ChunkID kick[kLaneLimit];
+  uint32_t count = 0;
+  LaneFinished(lane, laneId, result, kick, &count);
+  lane->result = result;
+  // From here the callback thread may complete the lane and free the read.
+  SetStage(lane, kLaneFinished);
+  if (count != 0) KickChunks(CallbackScheduler(), kick, count);
+}
+
+int32_t DecompressCallback(ChunkCallbackRecord* record, int32_t event) {
+  LaneState* lane = StateOf<LaneState>(record);
+  const uint32_t stage = StageOf(lane);
+  if (stage == kLaneWithCodec || stage == kLaneCarried) return ZUL_KEST_ERROR_RETRY;
+  if (event == 0) return ZUL_KEST_OK;
+  if (stage == kLaneFinished) return lane->result;
+  const int32_t result =
+      stage == kLaneInflated ? FinishBlock(record, lane) : TakeRead(record, lane);
+  if (result == ZUL_KEST_ERROR_RETRY) return result;
+  ChunkID kick[kLaneLimit];
+  uint32_t count = 0;
+  LaneFinished(lane, ChunkIdOf(record), result, kick, &count);
+  if (count != 0) KickChunks(CallbackScheduler(), kick, count);
+  return result;
 }
 
 // A new lane below root with its job buffer and its (not yet linked) read.
@@ -508,9 +631,9 @@ int32_t CreateReadChunksUnlocked(ZulKestZorbaDearchiverContext* context, ChunkID
     DeallocateTree(root);
     return ZUL_KEST_ERROR_CANT_ALLOCATE_CHUNK;
   }
-  *state = ReadState{codec,          last, blockSize, first, static_cast<uint64_t>(fileSize),
-                     tracker,        entry, start,    end,   static_cast<uint8_t*>(destination),
-                     actCount,       context};
+  *state = ReadState{codec,    last,    blockSize, first, static_cast<uint64_t>(fileSize),
+                     tracker,  entry,   start,     end,   static_cast<uint8_t*>(destination),
+                     actCount, context, root,      0};
   int armed = 0;
   ChunkID lane = CHUNKID_INVALID;
   ChunkID read = CHUNKID_INVALID;
@@ -550,6 +673,7 @@ int32_t CreateReadChunksUnlocked(ZulKestZorbaDearchiverContext* context, ChunkID
   }
   KEST2_TRACE(kTraceZorba, "CreateReadChunksUnlocked", "created %d initial reads\n", armed);
   state->nextBlock = b;
+  state->lanesLeft = armed;
   *out = root;
   return ZUL_KEST_OK;
 }

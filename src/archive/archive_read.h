@@ -10,9 +10,13 @@
 // answers busy) and retried once a buffer comes back.  A range stored raw
 // becomes one plain read of the archive file.
 //
-// Thread-safety: lanes run on the callback thread, inflating on the codec's
-// threads; the next-block counter and the actual count change atomically;
-// the work buffers' busy mask changes under the dearchiver mutex.
+// Thread-safety: a lane runs on the callback thread until its block is
+// handed to the codec; the codec's thread that inflated the block carries
+// the lane on (counts it, arms the next read or finishes the lane), and the
+// callback thread wakes once per read, when its last lane is finished.  The
+// lane's stage, the next-block counter and the actual count change
+// atomically; the work buffers' busy mask changes under the dearchiver
+// mutex.
 #ifndef KEST2_SRC_ARCHIVE_ARCHIVE_READ_H_
 #define KEST2_SRC_ARCHIVE_ARCHIVE_READ_H_
 

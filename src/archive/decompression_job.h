@@ -34,8 +34,8 @@ enum JobEvent : int {
 };
 
 // `owner` is the job's `owner` as it was before the done bit was set.  The
-// dearchiver's gives the work buffers back at kJobInflated and wakes the
-// lane at kJobPublished.  It must not call back into the codec.
+// dearchiver's gives the work buffers back at kJobInflated and carries the
+// lane on at kJobPublished.  It must not call back into the codec.
 using DecompressionCompletion = void (*)(DecompressionJob* job, void* owner, JobEvent event);
 
 // jobFlags bits.

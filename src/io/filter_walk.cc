@@ -16,6 +16,14 @@ constexpr size_t kMaxWalkedChildren = 64;
 // The last slot whose filter is offered a filter's own chunks.
 constexpr int32_t kLastOfferSlot = 254;
 
+// The slot of the filter installed with ownContext, or -1.
+int32_t OwnSlot(const void* ownContext) {
+  for (int32_t i = 0; i <= kLastOfferSlot; ++i) {
+    if (FilterFunctionAt(i) != nullptr && FilterContextAt(i) == ownContext) return i;
+  }
+  return -1;
+}
+
 }  // namespace
 
 ChunkID WalkChildrenFirst(void* context, ChunkID id, FilterStep step) {
@@ -74,14 +82,18 @@ FilterOutcome ReplaceChunkWith(uint32_t module, ChunkID id, ChunkID by, ChunkID*
   return FilterOutcome::kReplaced;
 }
 
-int32_t OfferToLaterFilters(const void* ownContext, ChunkID* chunk, uint32_t module, const char* function) {
-  int32_t own = -1;
-  for (int32_t i = 0; i <= kLastOfferSlot; ++i) {
-    if (FilterFunctionAt(i) != nullptr && FilterContextAt(i) == ownContext) {
-      own = i;
-      break;
-    }
+bool LaterFiltersInstalled(const void* ownContext) {
+  const int32_t own = OwnSlot(ownContext);
+  if (own < 0) return false;
+  for (int32_t i = own + 1; i <= kLastOfferSlot; ++i) {
+    if (FilterFunctionAt(i) != nullptr) return true;
   }
+  return false;
+}
+
+int32_t OfferToLaterFilters(const void* ownContext, ChunkID* chunk, uint32_t module,
+                            const char* function) {
+  const int32_t own = OwnSlot(ownContext);
   if (own < 0) return ZUL_KEST_OK;
   for (int32_t i = own + 1; i <= kLastOfferSlot; ++i) {
     const ZulKestIOFilterCallback filter = FilterFunctionAt(i);

@@ -42,6 +42,10 @@ FilterOutcome ReplaceChunkWith(uint32_t module, ChunkID id, ChunkID by, ChunkID*
 // CHUNKID_INVALID when a filter answered it.
 int32_t OfferToLaterFilters(const void* ownContext, ChunkID* chunk, uint32_t module, const char* function);
 
+// Whether any filter is installed after the one with ownContext: whether
+// OfferToLaterFilters would call anything.
+bool LaterFiltersInstalled(const void* ownContext);
+
 }  // namespace kest2
 
 #endif  // KEST2_SRC_IO_FILTER_WALK_H_

@@ -131,7 +131,7 @@ struct ChunkChildRecord {  // overflow of a chunk's child1 slot
 constexpr int32_t kLinkedEventRan = 3;
 
 // ChunkCallbackRecord::options.  Every busy answer of the callback is
-// followed by a kick of its scheduler once the answer could change (it
+// followed by a kick of its scheduler by the time running it matters (it
 // waits for its own children or for work it handed to another thread), so
 // a completion elsewhere need not wake the callback thread for it.
 constexpr uint32_t kCallbackKicksItself = 1;

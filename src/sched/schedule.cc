@@ -81,18 +81,9 @@ Scheduler* ChooseScheduler(ChunkID id) {
   return AllOtherScheduler();
 }
 
-// Removes the entry at index i and, when the chunk was cancelled, completes
-// it at once.  REQUIRES: scheduler mutex held.
-void RemoveAt(Scheduler* scheduler, uint64_t index, ChunkID id) {
-  char dump[kDumpBufferSize];
-  if (TraceEnabled(kTraceSched)) {
-    TraceLine(kTraceSched, "RemoveFromSchedule", "removing chunk %d: %s", id,
-              DumpChunk(id, dump, sizeof(dump)));
-  }
-  if (scheduler->m_busySkip != 0 && scheduler->m_busySkip >= index) --scheduler->m_busySkip;
-  UnqueueChunk(scheduler, index);
-  scheduler->removeHint = index;
-  if ((LoadFlags(id) & kChunkCancelled) == 0) return;
+// Runs a cancelled chunk at once, which completes it without its work.
+// REQUIRES: mutex held.
+void FinishCancelled(Scheduler* scheduler, ChunkID id) {
   {
     ChunkLocker lock;
     ChangeFlags(id, kChunkExecuting, 0);
@@ -104,9 +95,42 @@ void RemoveAt(Scheduler* scheduler, uint64_t index, ChunkID id) {
   }
 }
 
+// Removes the entry at index i and, when the chunk was cancelled, completes
+// it at once.  REQUIRES: scheduler mutex held.
+void RemoveAt(Scheduler* scheduler, uint64_t index, ChunkID id) {
+  char dump[kDumpBufferSize];
+  if (TraceEnabled(kTraceSched)) {
+    TraceLine(kTraceSched, "RemoveFromSchedule", "removing chunk %d: %s", id,
+              DumpChunk(id, dump, sizeof(dump)));
+  }
+  if (scheduler->m_busySkip != 0 && scheduler->m_busySkip >= index) --scheduler->m_busySkip;
+  UnqueueChunk(scheduler, index);
+  scheduler->removeHint = index;
+  if ((LoadFlags(id) & kChunkCancelled) != 0) FinishCancelled(scheduler, id);
+}
+
+// A chunk is marked scheduled before it is queued (a tree is queued in
+// batches), and a cancel in between unschedules it while the removal finds
+// nothing in the queue.  Such a chunk is finished here, cancelled, as the
+// removal would have; one that still waits for children is queued as
+// scheduled again and completes after them.  True when it was finished.
+// REQUIRES: mutex held.
+bool FinishCancelledOnTheWay(Scheduler* scheduler, ChunkID id) {
+  const uint16_t flags = LoadFlags(id);
+  if ((flags & kChunkScheduled) != 0 || (flags & kChunkCancelled) == 0) return false;
+  if (!DeferChunk(id, true)) {
+    ChunkLocker lock;
+    ChangeFlags(id, kChunkScheduled, 0);
+    return false;
+  }
+  FinishCancelled(scheduler, id);
+  return true;
+}
+
 // Puts a chunk into its queue.  An I/O scheduler's wake-up is owed rather
 // than done here: its bit goes into *owedWakes.  REQUIRES: mutex held.
 void InsertHeld(Scheduler* scheduler, ChunkID id, uint32_t* owedWakes) {
+  if (FinishCancelledOnTheWay(scheduler, id)) return;
   KEST2_TRACE(kTraceSched, "AddToSchedule", "inserting chunk %d", id);
   ChunkHeader* chunk = ChunkAt(id);
   uint64_t index;
@@ -361,26 +385,36 @@ void ScheduleTree(ChunkID root, uint32_t opflags, bool fastPathPermission) {
   ScheduleTreeRecurse(root, opflags, fastPathPermission, &batch);
 }
 
-void UnscheduleTree(ChunkID id, bool cancel) {
+namespace {
+
+// One chunk of UnscheduleTree's walk, reached from `parent`
+// (CHUNKID_INVALID at the top).  The pinned root keeps the tree's inner
+// chunks, but a filter may drop a finished leaf of a running tree (a
+// lane's old block read) while the walk is under way, and the id read
+// from the child list may by then name a chunk of another tree: only a
+// chunk still linked below `parent` is touched.
+void UnscheduleBelow(ChunkID id, ChunkID parent, bool cancel) {
   SchedulerEvent event(kEventUnscheduleTree, id);
   KEST2_TRACE(kTraceSched, "UnscheduleTree", "called for chunk %d", id);
   bool remove = false;
   {
     ChunkLocker lock;
-    if (cancel) {
-      // A chunk shared with a tree that goes on is left alone.
-      for (uint32_t n = 0;; ++n) {
-        const ChunkID parent = GetParent(id, n);
-        if (parent == CHUNKID_INVALID) break;
-        if (parent != GlobalRootChunk() && (LoadFlags(parent) & kChunkCancelled) == 0) return;
-      }
+    bool linked = parent == CHUNKID_INVALID;
+    bool shared = false;
+    for (uint32_t n = 0;; ++n) {
+      const ChunkID p = GetParent(id, n);
+      if (p == CHUNKID_INVALID) break;
+      linked = linked || p == parent;
+      // A chunk shared with a tree that goes on is left alone by a cancel.
+      shared = shared || (p != GlobalRootChunk() && (LoadFlags(p) & kChunkCancelled) == 0);
     }
+    if (!linked || (cancel && shared)) return;
     const uint16_t flags = LoadFlags(id);
     if ((flags & (kChunkCompleted | kChunkExecuting)) == 0) {
       if (cancel) {
         ChangeFlags(id, kChunkCancelled, 0);
-        const ChunkID linked = ChunkAt(id)->linked;
-        if (linked != CHUNKID_INVALID) ChangeFlags(linked, kChunkCancelled, 0);
+        const ChunkID linkedCallback = ChunkAt(id)->linked;
+        if (linkedCallback != CHUNKID_INVALID) ChangeFlags(linkedCallback, kChunkCancelled, 0);
       }
       if ((flags & kChunkScheduled) != 0 && GetScheduler(id) != CallbackScheduler()) {
         ChangeFlags(id, 0, kChunkScheduled);
@@ -389,16 +423,19 @@ void UnscheduleTree(ChunkID id, bool cancel) {
     }
     if ((flags & kChunkCompleted) != 0 && AllChildrenCompleted(id)) return;
   }
-  // The caller has pinned the tree's root, so the children stay allocated.
   for (uint32_t n = 0;; ++n) {
     const ChunkID child = GetChild(id, n);
     if (child == CHUNKID_INVALID) break;
-    if ((LoadFlags(child) & kChunkCompleted) == 0) UnscheduleTree(child, cancel);
+    if ((LoadFlags(child) & kChunkCompleted) == 0) UnscheduleBelow(child, id, cancel);
   }
   if (remove) {
     if (Scheduler* scheduler = GetScheduler(id)) RemoveFromSchedule(scheduler, id);
   }
 }
+
+}  // namespace
+
+void UnscheduleTree(ChunkID id, bool cancel) { UnscheduleBelow(id, CHUNKID_INVALID, cancel); }
 
 void RemoveFromSchedule(Scheduler* scheduler, ChunkID id) {
   SchedulerEvent event(kEventRemoveFromSchedule, id);
@@ -417,6 +454,9 @@ void RemoveFromSchedule(Scheduler* scheduler, ChunkID id) {
   if (index == count) {
     zulKestPrintf("Scheduler::RemoveFromSchedule could not find chunk! chunk = %d\n", id);
     zulKestPrintf("%s\n", DumpChunk(id, dump, sizeof(dump)));
+  } else if ((LoadFlags(id) & kChunkScheduled) != 0) {
+    // Scheduled again since it was unscheduled: the chunk was on its way
+    // into the queue and finished there, and its id now names another.
   } else if ((LoadFlags(id) & kChunkCancelled) != 0 && !DeferChunk(id, true)) {
     // It waits for children that still run; it stays queued until they
     // have finished and then completes as cancelled.

@@ -243,10 +243,11 @@ int32_t ExecuteChunkOutsideThreads(Scheduler* scheduler, ChunkID id, bool fastPa
 // Wakes a scheduler's threads when its queue is not empty: something its
 // chunks wait for may have changed.
 void Kick(Scheduler* scheduler);
-// A kick for one queued chunk whose answer may have changed, and nothing
-// else: when nothing of the queue is waiting for any change, only that
-// chunk is looked at again.
-void KickChunk(Scheduler* scheduler, ChunkID id);
+// A kick for queued chunks whose answer may have changed, and nothing
+// else: when nothing of the queue is waiting for any change, only those
+// chunks are looked at again.
+void KickChunks(Scheduler* scheduler, const ChunkID* ids, uint32_t count);
+inline void KickChunk(Scheduler* scheduler, ChunkID id) { KickChunks(scheduler, &id, 1); }
 void KickAllSchedulers();
 // Something a busy chunk waits for was given back: an I/O scheduler looks
 // at its whole queue again, the callback scheduler only when one of its

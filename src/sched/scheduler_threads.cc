@@ -546,7 +546,13 @@ int32_t ExecuteChunk(Scheduler* scheduler, ChunkID id, bool fastPath) {
   int32_t result = ZUL_KEST_OK;
   if (HasLinked(id)) {
     result = CallLinked(id, 1);
-    if (result == ZUL_KEST_ERROR_RETRY) {
+    if (result == ZUL_KEST_ERROR_CANCELLED) {
+      // Refused as cancelled: the chunk goes the way of a cancelled one,
+      // through Execute's skip, which keeps its handle's count of pending
+      // I/O right.
+      ChunkLocker lock;
+      StoreChunkFlags(ChunkAt(id), LoadChunkFlags(ChunkAt(id)) | kChunkCancelled);
+    } else if (result == ZUL_KEST_ERROR_RETRY) {
       ++scheduler->busyCount;
     } else if (result == ZUL_KEST_OK && scheduler->takePosition != 0 && scheduler->busyCount != 0) {
       // Chunks ahead of this one are busy: give the claim back and let
@@ -644,11 +650,11 @@ void Kick(Scheduler* scheduler) {
   MutexUnlock(&scheduler->mutex);
 }
 
-void KickChunk(Scheduler* scheduler, ChunkID id) {
+void KickChunks(Scheduler* scheduler, const ChunkID* ids, uint32_t count) {
   ReadyParents ready;
   ready.places = PlaceBit(scheduler);
-  ready.count = 1;
-  ready.ids[0] = id;
+  ready.count = count;
+  for (uint32_t i = 0; i < count && i < kReadyParentIds; ++i) ready.ids[i] = ids[i];
   KickAfterCompletion(scheduler, ready);
 }
 
