@@ -266,8 +266,6 @@ void JobCompletion(DecompressionJob*, void* owner, JobEvent event) {
   }
 }
 
-int32_t DecompressCallback(ChunkCallbackRecord* record, int32_t event);
-
 // Arms the lane for block b with the read chunk `read` (allocated, not
 // linked to the lane's list by this function).  Answers 1 when armed, 0 when
 // the block holds no wanted byte, or a negative error.
@@ -450,18 +448,25 @@ uint32_t LanesOf(ChunkID root, ChunkID* lanes) {
   return found;
 }
 
-// The lane has its final answer (given now or already kept for the
-// callback).  Finished lanes wait in the callback queue without a kick
-// until the last lane of the read is finished, which kicks them all: the
-// read's parent cannot complete before that, so the callback thread wakes
-// once per read rather than once per lane.  An error kicks its lane at once.
-void LaneFinished(LaneState* lane, ChunkID laneId, int32_t result, ChunkID* kick, uint32_t* count) {
+// The lane has its final answer, which its callback gives from now on.
+// Finished lanes wait in the callback queue without a kick until the last
+// lane of the read is finished, which kicks them all: the read's parent
+// cannot complete before that, so the callback thread wakes once per read
+// rather than once per lane.  An error kicks its lane at once.
+void FinishLane(LaneState* lane, ChunkID laneId, int32_t result) {
+  ChunkID kick[kLaneLimit];
+  uint32_t count = 0;
   if (__atomic_sub_fetch(&lane->state->lanesLeft, 1, __ATOMIC_ACQ_REL) == 0) {
-    *count = LanesOf(lane->state->root, kick);
+    // Gathered while the lane is unfinished: the read's chunks stay till then.
+    count = LanesOf(lane->state->root, kick);
   } else if (result != ZUL_KEST_OK) {
     kick[0] = laneId;
-    *count = 1;
+    count = 1;
   }
+  lane->result = result;
+  // From here the callback thread may complete the lane and free the read.
+  SetStage(lane, kLaneFinished);
+  if (count != 0) KickChunks(CallbackScheduler(), kick, count);
 }
 
 // The lane's block was inflated: counts its wanted bytes and takes the
@@ -529,14 +534,7 @@ void CarryOn(ChunkCallbackRecord* record) {
     return;
   }
   const int32_t result = FinishBlock(record, lane);
-  if (result == ZUL_KEST_ERROR_RETRY) return;  // armed with its next block
-  ChunkID kick[kLaneLimit];
-  uint32_t count = 0;
-  LaneFinished(lane, laneId, result, kick, &count);
-  lane->result = result;
-  // From here the callback thread may complete the lane and free the read.
-  SetStage(lane, kLaneFinished);
-  if (count != 0) KickChunks(CallbackScheduler(), kick, count);
+  if (result != ZUL_KEST_ERROR_RETRY) FinishLane(lane, laneId, result);  // else armed anew
 }
 
 int32_t DecompressCallback(ChunkCallbackRecord* record, int32_t event) {
@@ -547,11 +545,7 @@ int32_t DecompressCallback(ChunkCallbackRecord* record, int32_t event) {
   if (stage == kLaneFinished) return lane->result;
   const int32_t result =
       stage == kLaneInflated ? FinishBlock(record, lane) : TakeRead(record, lane);
-  if (result == ZUL_KEST_ERROR_RETRY) return result;
-  ChunkID kick[kLaneLimit];
-  uint32_t count = 0;
-  LaneFinished(lane, ChunkIdOf(record), result, kick, &count);
-  if (count != 0) KickChunks(CallbackScheduler(), kick, count);
+  if (result != ZUL_KEST_ERROR_RETRY) FinishLane(lane, ChunkIdOf(record), result);
   return result;
 }
 

@@ -16,10 +16,17 @@ constexpr size_t kMaxWalkedChildren = 64;
 // The last slot whose filter is offered a filter's own chunks.
 constexpr int32_t kLastOfferSlot = 254;
 
-// The slot of the filter installed with ownContext, or -1.
-int32_t OwnSlot(const void* ownContext) {
-  for (int32_t i = 0; i <= kLastOfferSlot; ++i) {
-    if (FilterFunctionAt(i) != nullptr && FilterContextAt(i) == ownContext) return i;
+// The slot of the filter installed with ownContext, or -1; *seen counts
+// the installed filters up to and including it.  The walks below stop once
+// they have seen as many filters as are installed, as the chain's own walk
+// does, rather than read every slot on each block an archive reads.
+int32_t OwnSlot(const void* ownContext, int32_t* seen) {
+  *seen = 0;
+  const int32_t installed = FilterCount();
+  for (int32_t i = 0; i <= kLastOfferSlot && *seen < installed; ++i) {
+    if (FilterFunctionAt(i) == nullptr) continue;
+    ++*seen;
+    if (FilterContextAt(i) == ownContext) return i;
   }
   return -1;
 }
@@ -83,9 +90,11 @@ FilterOutcome ReplaceChunkWith(uint32_t module, ChunkID id, ChunkID by, ChunkID*
 }
 
 bool LaterFiltersInstalled(const void* ownContext) {
-  const int32_t own = OwnSlot(ownContext);
+  int32_t seen;
+  const int32_t own = OwnSlot(ownContext, &seen);
   if (own < 0) return false;
-  for (int32_t i = own + 1; i <= kLastOfferSlot; ++i) {
+  const int32_t installed = FilterCount();
+  for (int32_t i = own + 1; i <= kLastOfferSlot && seen < installed; ++i) {
     if (FilterFunctionAt(i) != nullptr) return true;
   }
   return false;
@@ -93,11 +102,14 @@ bool LaterFiltersInstalled(const void* ownContext) {
 
 int32_t OfferToLaterFilters(const void* ownContext, ChunkID* chunk, uint32_t module,
                             const char* function) {
-  const int32_t own = OwnSlot(ownContext);
+  int32_t seen;
+  const int32_t own = OwnSlot(ownContext, &seen);
   if (own < 0) return ZUL_KEST_OK;
-  for (int32_t i = own + 1; i <= kLastOfferSlot; ++i) {
+  const int32_t installed = FilterCount();
+  for (int32_t i = own + 1; i <= kLastOfferSlot && seen < installed; ++i) {
     const ZulKestIOFilterCallback filter = FilterFunctionAt(i);
     if (filter == nullptr) continue;
+    ++seen;
     KEST2_TRACE(module, function, "applying filter %d to dynamic read chunk %d\n", i, *chunk);
     ChunkID offered = *chunk;
     const int32_t result = filter(FilterContextAt(i), ZUL_KEST_IOFILTER_EVENT_FILTER_CHUNK, &offered);

@@ -455,8 +455,9 @@ void RemoveFromSchedule(Scheduler* scheduler, ChunkID id) {
     zulKestPrintf("Scheduler::RemoveFromSchedule could not find chunk! chunk = %d\n", id);
     zulKestPrintf("%s\n", DumpChunk(id, dump, sizeof(dump)));
   } else if ((LoadFlags(id) & kChunkScheduled) != 0) {
-    // Scheduled again since it was unscheduled: the chunk was on its way
-    // into the queue and finished there, and its id now names another.
+    // Scheduled again since it was unscheduled: it was on its way into the
+    // queue and was queued there to wait for its children, or finished
+    // there and its id now names another chunk.  Not this removal's.
   } else if ((LoadFlags(id) & kChunkCancelled) != 0 && !DeferChunk(id, true)) {
     // It waits for children that still run; it stays queued until they
     // have finished and then completes as cancelled.
