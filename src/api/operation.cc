@@ -48,11 +48,10 @@ int32_t WaitCommon(Operation* op, ZulKestTime deadline, const char* function) {
     MutexUnlock(WaitMutex());
     return ZUL_KEST_ERROR_BAD_OP;
   }
-  // Counted in before the first test, and the test ordered after the
-  // count: a completion that sets `done` and then finds no waiter counted
-  // skips its broadcast, so this test must see its `done`.
+  // Counted in before the first test, both sequentially consistent: a
+  // completion that sets `done` and then finds no waiter counted skips its
+  // broadcast, so this test must see its `done`.
   __atomic_add_fetch(&op->waiters, 1, __ATOMIC_SEQ_CST);
-  __atomic_thread_fence(__ATOMIC_SEQ_CST);
   bool blocked = false;
   bool finished = OpFinished(op);
   while (!finished) {
@@ -156,7 +155,6 @@ uint32_t OpNotify(Operation* op, ZulKestOpEvent event) {
   }
   if (LiveOp(handle) != nullptr) {
     __atomic_store_n(&op->done, 1, __ATOMIC_SEQ_CST);
-    __atomic_thread_fence(__ATOMIC_SEQ_CST);
     // Only a thread waiting for this operation needs waking: with many
     // requests in flight and the caller waiting for one of them, a
     // broadcast per completion would wake it for every other one.
