@@ -48,10 +48,7 @@ int32_t WaitCommon(Operation* op, ZulKestTime deadline, const char* function) {
     MutexUnlock(WaitMutex());
     return ZUL_KEST_ERROR_BAD_OP;
   }
-  // Counted in before the first test, both sequentially consistent: a
-  // completion that sets `done` and then finds no waiter counted skips its
-  // broadcast, so this test must see its `done`.
-  __atomic_add_fetch(&op->waiters, 1, __ATOMIC_SEQ_CST);
+  __atomic_add_fetch(&op->waiters, 1, __ATOMIC_ACQ_REL);
   bool blocked = false;
   bool finished = OpFinished(op);
   while (!finished) {
@@ -153,15 +150,19 @@ uint32_t OpNotify(Operation* op, ZulKestOpEvent event) {
     op->attr.pCallback(op->attr.pCallbackContext, handle, static_cast<uint8_t>(event), op->err);
     t_currentCallbackOp = outer;
   }
+  // Under the wait mutex: waiters count themselves in under it, and a
+  // deletion releases the handle under it, so the unit is not reused while
+  // it is looked at here (a caller that saw `done` may delete at once).
+  MutexLock(WaitMutex());
+  bool wake = true;
   if (LiveOp(handle) != nullptr) {
-    __atomic_store_n(&op->done, 1, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&op->done, 1, __ATOMIC_RELEASE);
     // Only a thread waiting for this operation needs waking: with many
     // requests in flight and the caller waiting for one of them, a
     // broadcast per completion would wake it for every other one.
-    if (__atomic_load_n(&op->waiters, __ATOMIC_SEQ_CST) == 0) return handle;
+    wake = __atomic_load_n(&op->waiters, __ATOMIC_ACQUIRE) != 0;
   }
-  MutexLock(WaitMutex());
-  CondBroadcast(WaitCond());
+  if (wake) CondBroadcast(WaitCond());
   MutexUnlock(WaitMutex());
   return handle;
 }

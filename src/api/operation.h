@@ -10,9 +10,10 @@
 // Thread-safety: callers may use an operation from any thread.  All waits
 // share the "ZulKestOpWait" mutex and condition; a completion or deletion
 // broadcasts when a thread waits for that operation, and each waiter
-// re-tests its own operation.  `done` and `waiters` change atomically: a
-// waiter counts itself in before it tests `done`, and a completion sets
-// `done` before it looks for waiters, so one of the two sees the other.
+// re-tests its own operation.  A waiter counts itself in and tests `done`
+// under the mutex, and a completion sets `done` and looks for waiters
+// under it, so neither misses the other; `done` is also read without the
+// mutex by waiters that watch for it before they sleep.
 // Deletion waits, under the mutex, until no thread is inside a wait on the
 // operation, so a waiter never reads a released (and perhaps reused) unit.
 #ifndef KEST2_SRC_API_OPERATION_H_

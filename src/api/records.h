@@ -80,11 +80,8 @@ static_assert(offsetof(DirHandle, path) + StoredPathSize(1024) <= DhUnitSize(102
 // While its callback runs an operation counts as finished on that thread.
 extern thread_local uint32_t t_currentCallbackOp;
 
-// Sequentially consistent: a waiter counts itself in and then tests
-// `done`, a completion sets `done` and then looks for waiters, and one of
-// the two must see the other (a plain load on x86, as an acquiring one).
 inline bool OpFinishedForThisThread(const Operation* op) {
-  return __atomic_load_n(&op->done, __ATOMIC_SEQ_CST) != 0 ||
+  return __atomic_load_n(&op->done, __ATOMIC_ACQUIRE) != 0 ||
          (t_currentCallbackOp != 0 && t_currentCallbackOp == op->h);
 }
 
