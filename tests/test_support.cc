@@ -7,7 +7,7 @@
 #include <iterator>
 #include <mutex>
 
-#include "api/globals.h"
+#include "core/globals.h"
 
 namespace kest2_test {
 namespace {

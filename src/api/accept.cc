@@ -13,10 +13,10 @@
 
 #include <cstring>
 
-#include "api/globals.h"
 #include "api/operation.h"
-#include "api/records.h"
+#include "core/globals.h"
 #include "core/handletable.h"
+#include "core/records.h"
 #include "debug/dump.h"
 #include "debug/trace.h"
 #include "io/overlay_table.h"

@@ -4,9 +4,9 @@
 // released when the mount fails.
 
 #include "api/operation.h"
-#include "api/records.h"
 #include "api/request_support.h"
 #include "core/handletable.h"
+#include "core/records.h"
 #include "debug/trace.h"
 #include "kest2.h"
 

@@ -3,12 +3,12 @@
 // The suspend count changes only atomically; calls nest, so n suspensions
 // need n resumptions, and a resume without a matching suspend leaves it 0.
 
-#include "api/globals.h"
-#include "api/records.h"
+#include "core/globals.h"
 #include "core/handletable.h"
-#include "sched/scheduler.h"
+#include "core/records.h"
 #include "debug/trace.h"
 #include "kest2.h"
+#include "sched/scheduler.h"
 
 namespace kest2 {
 int32_t g_suspendCount;

@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "api/globals.h"
+#include "core/globals.h"
 #include "debug/trace.h"
 #include "kest2.h"
 

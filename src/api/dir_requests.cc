@@ -3,8 +3,8 @@
 // usable when its open completes; a failed open releases it.
 
 #include "api/operation.h"
-#include "api/records.h"
 #include "core/handletable.h"
+#include "core/records.h"
 #include "debug/trace.h"
 #include "kest2.h"
 

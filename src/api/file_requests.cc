@@ -5,11 +5,11 @@
 
 #include <cstring>
 
-#include "api/globals.h"
 #include "api/operation.h"
-#include "api/records.h"
 #include "api/request_support.h"
+#include "core/globals.h"
 #include "core/handletable.h"
+#include "core/records.h"
 #include "debug/trace.h"
 #include "kest2.h"
 

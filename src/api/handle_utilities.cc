@@ -2,11 +2,11 @@
 // read-only accessors of file and directory handles.
 
 #include "api/fileno_table.h"
-#include "api/globals.h"
-#include "io/native_fs.h"
-#include "api/records.h"
+#include "core/globals.h"
 #include "core/handletable.h"
+#include "core/records.h"
 #include "debug/trace.h"
+#include "io/native_fs.h"
 #include "kest2.h"
 
 using namespace kest2;

@@ -10,11 +10,11 @@
 
 #include <cstring>
 
-#include "api/globals.h"
 #include "api/operation.h"
-#include "api/records.h"
 #include "archive/codec_registry.h"
+#include "core/globals.h"
 #include "core/handletable.h"
+#include "core/records.h"
 #include "debug/trace.h"
 #include "io/dir_listing.h"
 #include "io/filter_chain.h"
@@ -82,6 +82,16 @@ bool ReservedFieldsAreZero(const ZulKestParams* p) {
          p->reserved == 0 && p->reservedMode < 2;
 }
 
+// Creates the global lock set when it does not exist, then counts the
+// overlays that were added before it existed; true when this call created it.
+bool CreateLocksAndCountOverlays() {
+  if (!CreateGlobalLocks()) return false;
+  int32_t count = 0;
+  g_overlayCount =
+      OverlayGetList(kThisProcess, 0, 127, nullptr, 0, &count) == ZUL_KEST_OK ? count : 0;
+  return true;
+}
+
 }  // namespace
 }  // namespace kest2
 
@@ -119,7 +129,7 @@ extern "C" int32_t zulKestInitialize(const ZulKestParams* params) {
     return ZUL_KEST_ERROR_BAD_SIZE;
   }
 
-  if (CreateGlobalLocks()) SetLocksCreatedByInitialize(true);
+  if (CreateLocksAndCountOverlays()) SetLocksCreatedByInitialize(true);
 
   const uint32_t pathMax = g_KestParams.pathMax;
   int built = 0;  // steps set up so far
@@ -221,7 +231,7 @@ extern "C" void zulKestUpdateParameters(const ZulKestParams* params) {
 
 extern "C" void zulKestDataInit(void) {
   KEST2_TRACE_API("zulKestDataInit");
-  CreateGlobalLocks();
+  CreateLocksAndCountOverlays();
 }
 
 extern "C" void zulKestDataTerm(void) {

@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "api/globals.h"
+#include "core/globals.h"
 #include "core/handletable.h"
 #include "core/platform.h"
 #include "debug/dump.h"

@@ -21,7 +21,7 @@
 
 #include <cstdint>
 
-#include "api/records.h"
+#include "core/records.h"
 #include "kest2.h"
 
 namespace kest2 {

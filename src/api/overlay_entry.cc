@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "api/globals.h"
+#include "core/globals.h"
 #include "debug/trace.h"
 #include "io/overlay_table.h"
 #include "kest2.h"

@@ -7,10 +7,10 @@
 
 #include <cstring>
 
-#include "api/globals.h"
 #include "api/operation.h"
 #include "api/request_support.h"
 #include "api/requests.h"
+#include "core/globals.h"
 #include "debug/trace.h"
 #include "kest2.h"
 

@@ -9,7 +9,7 @@
 // (direct_path.h).
 
 #include "api/direct_path.h"
-#include "api/globals.h"
+#include "core/globals.h"
 #include "core/handletable.h"
 #include "debug/trace.h"
 #include "kest2.h"

@@ -5,14 +5,14 @@
 #include <cstdio>
 #include <cstring>
 
-#include "api/records.h"
 #include "archive/archive_tracker.h"
 #include "core/handletable.h"
+#include "core/records.h"
 #include "core/stored_path.h"
 #include "debug/dump.h"
 #include "debug/trace.h"
-#include "sched/scheduler.h"
 #include "sched/chunk_tree.h"
+#include "sched/scheduler.h"
 
 namespace kest2 {
 namespace {

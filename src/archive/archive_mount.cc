@@ -5,12 +5,12 @@
 #include <algorithm>
 #include <cstring>
 
-#include "api/globals.h"
-#include "api/records.h"
 #include "archive/archive_read.h"
 #include "archive/archive_tracker.h"
+#include "core/globals.h"
 #include "core/handletable.h"
 #include "core/platform.h"
+#include "core/records.h"
 #include "debug/dump.h"
 #include "debug/trace.h"
 #include "sched/chunk_tree.h"

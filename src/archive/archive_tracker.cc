@@ -4,8 +4,8 @@
 
 #include <cstring>
 
-#include "api/records.h"
 #include "core/handletable.h"
+#include "core/records.h"
 #include "debug/dump.h"
 #include "debug/trace.h"
 

@@ -10,7 +10,6 @@
 
 #include <cstring>
 
-#include "api/records.h"
 #include "archive/archive_directory.h"
 #include "archive/archive_mount.h"
 #include "archive/archive_read.h"
@@ -18,6 +17,7 @@
 #include "archive/codec_registry.h"
 #include "archive/zlib_codec.h"
 #include "core/handletable.h"
+#include "core/records.h"
 #include "debug/dump.h"
 #include "debug/trace.h"
 #include "io/filter_walk.h"

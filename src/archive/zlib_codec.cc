@@ -13,9 +13,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "api/globals.h"
 #include "archive/decompression_job.h"
 #include "archive/zorba_format.h"
+#include "core/globals.h"
 #include "core/platform.h"
 #include "kest2.h"
 

@@ -3,12 +3,12 @@
 #include <cstdio>
 #include <cstring>
 
-#include "api/globals.h"
 #include "api/operation.h"
-#include "api/records.h"
 #include "cache/ram_cache.h"
+#include "core/globals.h"
 #include "core/handletable.h"
 #include "core/platform.h"
+#include "core/records.h"
 #include "debug/trace.h"
 #include "io/overlay_table.h"
 #include "sched/chunk_tree.h"

@@ -7,10 +7,10 @@
 
 #include <cstring>
 
-#include "api/globals.h"
-#include "api/records.h"
 #include "cache/ram_cache.h"
+#include "core/globals.h"
 #include "core/handletable.h"
+#include "core/records.h"
 #include "debug/trace.h"
 #include "io/filter_walk.h"
 #include "kest2.h"

@@ -6,10 +6,10 @@
 
 #include <cstring>
 
-#include "api/records.h"
 #include "cache/ram_cache.h"
 #include "core/handletable.h"
 #include "core/pool.h"
+#include "core/records.h"
 #include "debug/trace.h"
 #include "io/filter_walk.h"
 #include "sched/chunk_tree.h"

@@ -15,11 +15,11 @@
 
 #include <cstring>
 
-#include "api/globals.h"
 #include "api/operation.h"
-#include "api/records.h"
 #include "cache/ram_cache.h"
+#include "core/globals.h"
 #include "core/handletable.h"
+#include "core/records.h"
 #include "debug/dump.h"
 #include "debug/trace.h"
 #include "sched/chunk_tree.h"

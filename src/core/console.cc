@@ -5,7 +5,7 @@
 
 #include <cstdio>
 
-#include "api/globals.h"
+#include "core/globals.h"
 #include "kest2.h"
 
 extern "C" int zulKestVprintf(const char* format, va_list args) {

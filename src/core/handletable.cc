@@ -2,7 +2,7 @@
 
 #include "core/handletable.h"
 
-#include "debug/assert_report.h"
+#include "core/assert_report.h"
 #include "kest2.h"
 
 namespace kest2 {

@@ -17,7 +17,7 @@
 
 #include <cstring>
 
-#include "api/globals.h"
+#include "core/globals.h"
 #include "kest2.h"
 
 namespace kest2 {

@@ -4,13 +4,10 @@
 // limit and trace time is one.  ZulKestDate counts nanoseconds since the Unix
 // epoch in UTC; stat records carry dates.
 
-#include "core/time_date.h"
-
 #include <cstring>
 #include <ctime>
 
 #include "core/platform.h"
-#include "debug/format.h"
 #include "kest2.h"
 
 namespace {
@@ -19,29 +16,12 @@ constexpr int64_t kNanosecondsPerSecond = 1000000000;
 
 }  // namespace
 
-namespace kest2 {
-
-void FormatTraceTime(int64_t nanoseconds, char* buffer, size_t size) {
-  // Whole microseconds rounded up, and the seconds of that rounded value.
-  const int64_t micros = (nanoseconds + 999) / 1000;
-  const int64_t seconds = (nanoseconds + 999) / kNanosecondsPerSecond;
-  FormatBounded(buffer, size, "%lld.%06lld", static_cast<long long>(seconds),
-                static_cast<long long>(micros - seconds * 1000000));
-}
-
-}  // namespace kest2
-
 extern "C" ZulKestTime zulKestTimeGetCurrent(void) { return kest2::MonotonicNanoseconds(); }
 
 extern "C" int64_t zulKestTimeToNanoseconds(ZulKestTime time) { return time; }
 
 extern "C" ZulKestTime zulKestTimeFromNanoseconds(int64_t nanoseconds) {
   return nanoseconds;
-}
-
-extern "C" int32_t zulKestTraceTimestamp(char* buffer, size_t size) {
-  kest2::FormatTraceTime(zulKestTimeToNanoseconds(zulKestTimeGetCurrent()), buffer, size);
-  return 0;
 }
 
 extern "C" ZulKestDate zulKestDateGetCurrent(void) {

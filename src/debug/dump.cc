@@ -5,8 +5,8 @@
 
 #include <ctime>
 
-#include "api/records.h"
 #include "core/handletable.h"
+#include "core/records.h"
 #include "core/stored_path.h"
 #include "debug/format.h"
 

@@ -6,10 +6,10 @@
 #include <cstring>
 #include <initializer_list>
 
-#include "api/globals.h"
+#include "cache/ram_cache.h"
+#include "core/globals.h"
 #include "core/handletable.h"
 #include "core/pool.h"
-#include "cache/ram_cache.h"
 #include "debug/trace.h"
 #include "kest2.h"
 #include "sched/chunk_tree.h"

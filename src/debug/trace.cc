@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "core/platform.h"
+#include "debug/format.h"
 #include "kest2.h"
 
 namespace kest2 {
@@ -21,6 +22,14 @@ const char* TraceModuleTag(uint32_t module) {
     case kTraceOvrly: return "ovrly";
     default: return "?";
   }
+}
+
+void FormatTraceTime(int64_t nanoseconds, char* buffer, size_t size) {
+  // Whole microseconds rounded up, and the seconds of that rounded value.
+  const int64_t micros = (nanoseconds + 999) / 1000;
+  const int64_t seconds = (nanoseconds + 999) / 1000000000;
+  FormatBounded(buffer, size, "%lld.%06lld", static_cast<long long>(seconds),
+                static_cast<long long>(micros - seconds * 1000000));
 }
 
 void TraceLine(uint32_t module, const char* function, const char* format, ...) {
@@ -44,3 +53,8 @@ void TraceLine(uint32_t module, const char* function, const char* format, ...) {
 }
 
 }  // namespace kest2
+
+extern "C" int32_t zulKestTraceTimestamp(char* buffer, size_t size) {
+  kest2::FormatTraceTime(zulKestTimeToNanoseconds(zulKestTimeGetCurrent()), buffer, size);
+  return 0;
+}

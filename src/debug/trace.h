@@ -8,9 +8,10 @@
 #ifndef KEST2_SRC_DEBUG_TRACE_H_
 #define KEST2_SRC_DEBUG_TRACE_H_
 
+#include <cstddef>
 #include <cstdint>
 
-#include "api/globals.h"
+#include "core/globals.h"
 
 namespace kest2 {
 
@@ -24,6 +25,10 @@ enum TraceModule : uint32_t {
   kTraceZorba = 0x40,
   kTraceOvrly = 0x80,
 };
+
+// Writes a monotonic time as "seconds.microseconds", rounded up to whole
+// microseconds, within size bytes: the time stamp of every trace line.
+void FormatTraceTime(int64_t nanoseconds, char* buffer, size_t size);
 
 // "api", "sched", ... for one module bit; "?" for anything else.
 const char* TraceModuleTag(uint32_t module);

@@ -2,7 +2,7 @@
 
 #include "io/filter_chain.h"
 
-#include "api/globals.h"
+#include "core/globals.h"
 #include "debug/dump.h"
 #include "debug/trace.h"
 #include "sched/chunk_tree.h"

@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "api/globals.h"
+#include "core/globals.h"
 #include "core/platform.h"
 #include "sched/chunk_tree.h"
 

@@ -10,8 +10,8 @@
 
 #include <cstring>
 
-#include "api/records.h"
 #include "core/handletable.h"
+#include "core/records.h"
 #include "core/stored_path.h"
 #include "debug/trace.h"
 #include "io/native_fs.h"

@@ -11,7 +11,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "api/globals.h"
+#include "core/globals.h"
 #include "core/platform.h"
 #include "debug/trace.h"
 #include "io/native_dir_buffer.h"

@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "api/globals.h"
+#include "core/globals.h"
 #include "debug/trace.h"
 #include "io/native_fs.h"
 

@@ -32,10 +32,10 @@
 
 #include "sched/chunk_tree.h"
 
-#include "api/globals.h"
-#include "api/records.h"
+#include "core/globals.h"
 #include "core/handletable.h"
 #include "core/platform.h"
+#include "core/records.h"
 #include "core/stored_path.h"
 #include "debug/dump.h"
 #include "debug/format.h"

@@ -5,7 +5,7 @@
 #include <climits>
 #include <cstring>
 
-#include "api/globals.h"
+#include "core/globals.h"
 #include "core/handletable.h"
 #include "debug/format.h"
 #include "debug/trace.h"

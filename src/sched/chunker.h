@@ -15,7 +15,7 @@
 
 #include <cstdint>
 
-#include "api/records.h"
+#include "core/records.h"
 #include "sched/chunk.h"
 
 namespace kest2 {

@@ -3,8 +3,8 @@
 #include "sched/execute.h"
 
 #include "api/operation.h"
-#include "api/records.h"
 #include "core/handletable.h"
+#include "core/records.h"
 #include "debug/dump.h"
 #include "debug/trace.h"
 #include "sched/chunk_tree.h"

@@ -16,9 +16,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "api/records.h"
 #include "core/disc_map.h"
 #include "core/handletable.h"
+#include "core/records.h"
 #include "sched/chunk_tree.h"
 #include "sched/scheduler.h"
 

@@ -11,9 +11,9 @@
 // then removes each from its queue with the scheduler mutex, which must not
 // be taken while the chunk lock is held.
 
-#include "api/globals.h"
-#include "api/records.h"
+#include "core/globals.h"
 #include "core/handletable.h"
+#include "core/records.h"
 #include "debug/dump.h"
 #include "debug/trace.h"
 #include "sched/chunk_tree.h"

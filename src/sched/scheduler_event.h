@@ -9,7 +9,7 @@
 
 #include <cstdint>
 
-#include "api/globals.h"
+#include "core/globals.h"
 #include "core/platform.h"
 #include "io/native_fs.h"
 #include "sched/chunk_tree.h"

@@ -14,8 +14,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "api/globals.h"
 #include "core/disc_map.h"
+#include "core/globals.h"
 #include "debug/dump.h"
 #include "debug/trace.h"
 #include "io/native_handlers.h"

@@ -2,15 +2,14 @@
 // filling up and freeing, and the accessors of live and stale handles.
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "api/records.h"
 #include "core/handletable.h"
+#include "core/records.h"
 #include "kest2.h"
 #include "test_support.h"
 

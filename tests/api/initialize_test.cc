@@ -2,13 +2,13 @@
 // and clamps, repeated initialisation, unwinding after a failure, and
 // terminate/initialise cycles.
 
-#include <cstring>
-
 #include <gtest/gtest.h>
 
-#include "api/globals.h"
-#include "api/records.h"
+#include <cstring>
+
+#include "core/globals.h"
 #include "core/handletable.h"
+#include "core/records.h"
 #include "kest2.h"
 #include "test_support.h"
 

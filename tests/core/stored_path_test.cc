@@ -3,6 +3,10 @@
 // paths, the error messages, and a randomized comparison with a reference
 // normaliser.
 
+#include "core/stored_path.h"
+
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -10,11 +14,8 @@
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "api/globals.h"
+#include "core/globals.h"
 #include "core/md5.h"
-#include "core/stored_path.h"
 #include "kest2.h"
 #include "test_support.h"
 

@@ -1,13 +1,11 @@
-// Clocks, the trace time stamp and calendar-date conversions.
+// Clocks and calendar-date conversions.
 
+#include <gtest/gtest.h>
 #include <time.h>
 
 #include <cstdlib>
 #include <cstring>
 
-#include <gtest/gtest.h>
-
-#include "core/time_date.h"
 #include "kest2.h"
 
 namespace {
@@ -22,37 +20,6 @@ TEST(TimeTest, MonotonicClockAdvancesInNanoseconds) {
   clock_gettime(CLOCK_MONOTONIC, &now);
   const int64_t direct = now.tv_sec * 1000000000LL + now.tv_nsec;
   EXPECT_LT(std::llabs(direct - zulKestTimeGetCurrent()), 1000000000LL);
-}
-
-TEST(TimeTest, TraceTimestampFormatAndTruncation) {
-  char text[32];
-  EXPECT_EQ(zulKestTraceTimestamp(text, sizeof(text)), 0);
-  char* dot = std::strchr(text, '.');
-  ASSERT_NE(dot, nullptr);
-  EXPECT_EQ(std::strlen(dot + 1), 6u);
-  char tiny[5];
-  EXPECT_EQ(zulKestTraceTimestamp(tiny, sizeof(tiny)), 0);
-  EXPECT_EQ(std::strlen(tiny), 4u);
-  EXPECT_EQ(std::strncmp(tiny, text, 2), 0);
-}
-
-TEST(TimeTest, TraceTimeRoundsUpToMicroseconds) {
-  struct Case {
-    int64_t nanoseconds;
-    const char* text;
-  };
-  const Case cases[] = {{0, "0.000000"},           {1, "0.000001"},
-                        {1000, "0.000001"},        {1001, "0.000002"},
-                        {999999999, "1.000000"},   {12345678901, "12.345679"},
-                        {5999999500, "6.000000"},  {86400000000000, "86400.000000"}};
-  for (const Case& c : cases) {
-    char text[16];
-    kest2::FormatTraceTime(c.nanoseconds, text, sizeof(text));
-    EXPECT_STREQ(text, c.text) << c.nanoseconds;
-  }
-  char small[5];
-  kest2::FormatTraceTime(12345678901, small, sizeof(small));
-  EXPECT_STREQ(small, "12.3");
 }
 
 TEST(DateTest, ComponentsOfTheEpochAndFarDates) {

@@ -1,15 +1,16 @@
 // Dump texts, byte for byte: tools and people read them.
 
+#include "debug/dump.h"
+
+#include <gtest/gtest.h>
+
 #include <cstdio>
 #include <cstring>
 #include <set>
 
-#include <gtest/gtest.h>
-
-#include "api/records.h"
 #include "core/handletable.h"
+#include "core/records.h"
 #include "core/stored_path.h"
-#include "debug/dump.h"
 #include "kest2.h"
 #include "test_support.h"
 

@@ -1,13 +1,15 @@
 // Trace lines: the fixed prefix, module switches tested at every call, and
 // the "api" line of exported functions.
 
-#include <regex>
-#include <string>
+#include "debug/trace.h"
 
 #include <gtest/gtest.h>
 
-#include "api/globals.h"
-#include "debug/trace.h"
+#include <cstring>
+#include <regex>
+#include <string>
+
+#include "core/globals.h"
 #include "kest2.h"
 #include "test_support.h"
 
@@ -17,6 +19,37 @@ class TraceTest : public ::testing::Test {
  protected:
   void TearDown() override { kest2_test::SetDebugFlags(0); }
 };
+
+TEST(TraceTimeTest, TraceTimestampFormatAndTruncation) {
+  char text[32];
+  EXPECT_EQ(zulKestTraceTimestamp(text, sizeof(text)), 0);
+  char* dot = std::strchr(text, '.');
+  ASSERT_NE(dot, nullptr);
+  EXPECT_EQ(std::strlen(dot + 1), 6u);
+  char tiny[5];
+  EXPECT_EQ(zulKestTraceTimestamp(tiny, sizeof(tiny)), 0);
+  EXPECT_EQ(std::strlen(tiny), 4u);
+  EXPECT_EQ(std::strncmp(tiny, text, 2), 0);
+}
+
+TEST(TraceTimeTest, TraceTimeRoundsUpToMicroseconds) {
+  struct Case {
+    int64_t nanoseconds;
+    const char* text;
+  };
+  const Case cases[] = {{0, "0.000000"},          {1, "0.000001"},
+                        {1000, "0.000001"},       {1001, "0.000002"},
+                        {999999999, "1.000000"},  {12345678901, "12.345679"},
+                        {5999999500, "6.000000"}, {86400000000000, "86400.000000"}};
+  for (const Case& c : cases) {
+    char text[16];
+    kest2::FormatTraceTime(c.nanoseconds, text, sizeof(text));
+    EXPECT_STREQ(text, c.text) << c.nanoseconds;
+  }
+  char small[5];
+  kest2::FormatTraceTime(12345678901, small, sizeof(small));
+  EXPECT_STREQ(small, "12.3");
+}
 
 TEST_F(TraceTest, LineHasTheFixedPrefix) {
   kest2_test::SetDebugFlags(kest2::kTraceSched);

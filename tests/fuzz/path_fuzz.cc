@@ -50,9 +50,9 @@
 #include <string>
 #include <vector>
 
-#include "api/globals.h"
 #include "archive/archive_tracker.h"
 #include "archive/zorba_format.h"
+#include "core/globals.h"
 #include "core/md5.h"
 #include "core/stored_path.h"
 #include "fuzz_output.h"

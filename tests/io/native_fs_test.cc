@@ -7,16 +7,15 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "api/globals.h"
+#include "core/globals.h"
 #include "core/platform.h"
 #include "test_support.h"
 

@@ -7,11 +7,10 @@
 #include "io/native_handlers.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <cstdio>
 #include <cstring>
@@ -21,9 +20,9 @@
 #include <thread>
 #include <vector>
 
-#include "api/globals.h"
-#include "api/records.h"
+#include "core/globals.h"
 #include "core/handletable.h"
+#include "core/records.h"
 #include "debug/trace.h"
 #include "io/native_fs.h"
 #include "sched/chunk_tree.h"

@@ -15,9 +15,9 @@
 #include <thread>
 #include <vector>
 
-#include "api/globals.h"
-#include "api/records.h"
+#include "core/globals.h"
 #include "core/handletable.h"
+#include "core/records.h"
 #include "core/stored_path.h"
 #include "debug/dump.h"
 #include "debug/trace.h"

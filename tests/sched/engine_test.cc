@@ -16,8 +16,8 @@
 #include <thread>
 #include <vector>
 
-#include "api/records.h"
 #include "core/handletable.h"
+#include "core/records.h"
 #include "kest2.h"
 #include "sched/chunk.h"
 #include "test_support.h"

@@ -2,17 +2,18 @@
 // the root completion that moves a file's size and position and finishes
 // the operation.
 
-#include <atomic>
+#include "sched/execute.h"
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+
 #include "api/operation.h"
-#include "api/records.h"
 #include "core/handletable.h"
+#include "core/records.h"
 #include "debug/trace.h"
 #include "kest2.h"
 #include "sched/chunk_tree.h"
-#include "sched/execute.h"
 #include "test_support.h"
 
 namespace {

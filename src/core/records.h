@@ -2,8 +2,8 @@
 // and directory handles.  Each begins with its own handle `h`; each ends with
 // a StoredPath whose text takes pathMax bytes, which is why the tables'
 // units grow with pathMax.  A new object is all zero.
-#ifndef KEST2_SRC_API_RECORDS_H_
-#define KEST2_SRC_API_RECORDS_H_
+#ifndef KEST2_SRC_CORE_RECORDS_H_
+#define KEST2_SRC_CORE_RECORDS_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -26,27 +26,27 @@ struct Operation {
   uint8_t deleted;        // set once deletion starts
   uint32_t targetHandle;  // file or directory handle worked on, or 0
   uint16_t internalFlags;
-  int16_t rootChunk;      // root of the chunk tree, -1 when none
+  int16_t rootChunk;  // root of the chunk tree, -1 when none
   int64_t offset;
   ZulKestBuffer buffers[ZUL_KEST_MAX_BUFFERS];  // unused entries are zero
-  int64_t actCount;       // amount transferred or produced
-  int64_t arg;            // mode, length, command or second-path pointer
+  int64_t actCount;                             // amount transferred or produced
+  int64_t arg;                                  // mode, length, command or second-path pointer
   int32_t err;
-  int32_t done;           // 1 once completed
-  int32_t waiters;        // threads blocked on it
+  int32_t done;     // 1 once completed
+  int32_t waiters;  // threads blocked on it
   ZulKestOpAttr attr;
-  StoredPath path;        // pathMax bytes of text follow
+  StoredPath path;  // pathMax bytes of text follow
 };
 
 struct FileHandle {
   uint32_t h;
-  uint32_t opened;        // 0 until the open has executed
-  int32_t m_pendingIO;    // I/O prepared but not yet executed
-  int32_t nativeFH;       // descriptor, -1 while none
-  void* filterContext;    // the filter serving the file, null for native
-  uint8_t filterData[16]; // that filter's own data
-  int64_t offset;         // current position, -1 when unknown
-  int64_t size;           // size as last known
+  uint32_t opened;         // 0 until the open has executed
+  int32_t m_pendingIO;     // I/O prepared but not yet executed
+  int32_t nativeFH;        // descriptor, -1 while none
+  void* filterContext;     // the filter serving the file, null for native
+  uint8_t filterData[16];  // that filter's own data
+  int64_t offset;          // current position, -1 when unknown
+  int64_t size;            // size as last known
   ZulKestOpenParams openParams;
   StoredPath path;
 };
@@ -55,11 +55,11 @@ struct DirHandle {
   uint32_t h;
   uint32_t opened;
   int32_t m_pendingIO;
-  uint64_t nativeDH;      // native listing state, 0 until opened
+  uint64_t nativeDH;  // native listing state, 0 until opened
   void* filterContext;
   uint8_t filterData[32];
-  int64_t entriesRead;    // atomic
-  void* buffer;           // caller's buffer from the open
+  int64_t entriesRead;  // atomic
+  void* buffer;         // caller's buffer from the open
   int64_t bufferLength;
   StoredPath path;
 };
@@ -87,4 +87,4 @@ inline bool OpFinishedForThisThread(const Operation* op) {
 
 }  // namespace kest2
 
-#endif  // KEST2_SRC_API_RECORDS_H_
+#endif  // KEST2_SRC_CORE_RECORDS_H_

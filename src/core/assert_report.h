@@ -2,8 +2,8 @@
 // what failed, then a break into the debugger when one is attached.  The
 // process goes on otherwise; callers leave the state they were about to
 // damage untouched.
-#ifndef KEST2_SRC_DEBUG_ASSERT_REPORT_H_
-#define KEST2_SRC_DEBUG_ASSERT_REPORT_H_
+#ifndef KEST2_SRC_CORE_ASSERT_REPORT_H_
+#define KEST2_SRC_CORE_ASSERT_REPORT_H_
 
 namespace kest2 {
 
@@ -11,4 +11,4 @@ void ReportAssertion(const char* file, int line, const char* expression);
 
 }  // namespace kest2
 
-#endif  // KEST2_SRC_DEBUG_ASSERT_REPORT_H_
+#endif  // KEST2_SRC_CORE_ASSERT_REPORT_H_

@@ -6,8 +6,8 @@
 // request is in flight; the run-time adjustable words that other threads read
 // while they may change (debugFlags, hooks) are read with the accessors
 // below, which use relaxed atomic loads.
-#ifndef KEST2_SRC_API_GLOBALS_H_
-#define KEST2_SRC_API_GLOBALS_H_
+#ifndef KEST2_SRC_CORE_GLOBALS_H_
+#define KEST2_SRC_CORE_GLOBALS_H_
 
 #include <cstdint>
 
@@ -30,9 +30,7 @@ inline uint32_t PathMax() {
   return pathMax == 0 ? kDefaultPathMax : pathMax;
 }
 
-inline uint32_t DebugFlags() {
-  return __atomic_load_n(&g_KestParams.debugFlags, __ATOMIC_RELAXED);
-}
+inline uint32_t DebugFlags() { return __atomic_load_n(&g_KestParams.debugFlags, __ATOMIC_RELAXED); }
 
 inline bool IsInitialized() {
   return (__atomic_load_n(&g_KestParams.header, __ATOMIC_ACQUIRE) & 1u) != 0;
@@ -89,4 +87,4 @@ void SetLocksCreatedByInitialize(bool value);
 
 }  // namespace kest2
 
-#endif  // KEST2_SRC_API_GLOBALS_H_
+#endif  // KEST2_SRC_CORE_GLOBALS_H_

@@ -1,9 +1,8 @@
 // Process-wide state: see globals.h.
 
-#include "api/globals.h"
+#include "core/globals.h"
 
-#include "api/records.h"
-#include "io/overlay_table.h"
+#include "core/records.h"
 
 namespace kest2 {
 
@@ -24,9 +23,7 @@ bool LocksCreated() { return g_locksCreated; }
 void SetAutoInitialized(bool value) { g_autoInitialized = value; }
 bool AutoInitialized() { return g_autoInitialized; }
 bool LocksCreatedByInitialize() { return g_locksCreatedByInitialize; }
-void SetLocksCreatedByInitialize(bool value) {
-  g_locksCreatedByInitialize = value;
-}
+void SetLocksCreatedByInitialize(bool value) { g_locksCreatedByInitialize = value; }
 
 bool CreateGlobalLocks() {
   if (g_locksCreated) return false;
@@ -37,9 +34,6 @@ bool CreateGlobalLocks() {
   RwlockInitialize(&g_locks.filter, "ZulKestIOFilter");
   MutexInitialize(&g_locks.dirHandle, 0, "ZulKestDirHandle");
   RwlockInitialize(&g_locks.overlay, nullptr);
-  // Overlays may have been added before the locks existed.
-  int32_t count = 0;
-  g_overlayCount = OverlayGetList(kThisProcess, 0, 127, nullptr, 0, &count) == ZUL_KEST_OK ? count : 0;
   g_locksCreated = true;
   return true;
 }

@@ -1,4 +1,4 @@
-#include "debug/assert_report.h"
+#include "core/assert_report.h"
 
 #include "core/platform.h"
 #include "kest2.h"
