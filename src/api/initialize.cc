@@ -23,6 +23,7 @@
 #include "io/overlay_table.h"
 #include "kest2.h"
 #include "sched/chunk_tree.h"
+#include "sched/chunker.h"
 #include "sched/execute.h"
 #include "sched/scheduler.h"
 
@@ -155,9 +156,10 @@ extern "C" int32_t zulKestInitialize(const ZulKestParams* params) {
   if (result == ZUL_KEST_OK) {
     ++built;
     InitializeNativeDirBuffer();
-    SetRootHandler(CompleteRoot);  // the native table finishes roots too
+    SetRootCompletion(CompleteOperation);
+    SetTreeFilter(FilterNewTree);
     InstallDirectoryListing();
-    result = StartSchedulers();
+    result = StartSchedulers(ExecuteNative);
   }
   if (result == ZUL_KEST_OK) {
     InitializeCodecRegistry(static_cast<uint8_t>(g_KestParams.decompressorThreadCount));

@@ -23,6 +23,7 @@
 
 #include "core/records.h"
 #include "kest2.h"
+#include "sched/chunk.h"
 
 namespace kest2 {
 
@@ -67,6 +68,12 @@ int32_t OpWaitUntil(Operation* op, ZulKestTime deadline);
 // Deletes a finished operation (once): DELETE callback, then the handle is
 // released when no thread waits on it any more.
 void OpDelete(Operation* op);
+
+// Finishes the operation of a root chunk that has run: moves the file
+// handle's size and position, releases the handles the operation owned and
+// completes it (callback, waiters).  Always 0.  The engine calls it through
+// SetRootCompletion.
+int32_t CompleteOperation(ChunkID root);
 
 // The sum of the lengths of all eight buffers.
 int64_t OpRequestCount(const Operation* op);

@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "api/operation.h"
 #include "cache/ram_cache.h"
 #include "core/globals.h"
 #include "core/handletable.h"

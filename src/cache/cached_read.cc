@@ -15,7 +15,6 @@
 
 #include <cstring>
 
-#include "api/operation.h"
 #include "cache/ram_cache.h"
 #include "core/globals.h"
 #include "core/handletable.h"

@@ -172,7 +172,7 @@ void MutexUnlock(HybPlatformStaticMutex* mutex);
 // Nanoseconds of the monotonic clock.
 int64_t MonotonicNanoseconds();
 // The processor's time-stamp counter (nanoseconds of the monotonic clock
-// where there is none).
+// where there is none): the time base of the profiling events.
 uint64_t CycleCounter();
 // UTC calendar fields of seconds since the epoch.
 void UtcFromSeconds(int64_t seconds, struct tm* fields);

@@ -104,6 +104,11 @@ void RemoveAllFilters() {
 
 int32_t FilterCount() { return __atomic_load_n(&g_filterCount, __ATOMIC_ACQUIRE); }
 
+ChunkID FilterNewTree(ChunkID root, bool* filtered) {
+  *filtered = FilterCount() > 0;
+  return *filtered ? FilterChunkTree(root) : root;
+}
+
 ChunkID FilterChunkTree(ChunkID root) {
   RwlockReadLock(&g_locks.filter);
   int32_t remaining = FilterCount();

@@ -41,6 +41,9 @@ int32_t FilterCount();
 // the root that is to go on down the chain (CHUNKID_INVALID when a filter
 // answered or absorbed the whole tree).
 ChunkID FilterChunkTree(ChunkID root);
+// The engine's pass over a new tree (see SetTreeFilter): FilterChunkTree
+// when any filter is installed, else the root as it is.
+ChunkID FilterNewTree(ChunkID root, bool* filtered);
 // Sends event to the filters in order until one answers 0; returns that
 // filter's index, or ZUL_KEST_ERROR_BAD_INDEX when none did.
 int32_t DispatchFilterEvent(int32_t event, void* argument);

@@ -265,8 +265,6 @@ int32_t NativeDirClose(int32_t fd) {
 
 // --- Profiling --------------------------------------------------------------
 
-uint64_t NativeTimestamp() { return CycleCounter(); }
-
 NativeEvent::NativeEvent(uint8_t kind, ChunkID chunk, const char* path)
     : NativeEvent(kind, chunk, path, 0, INT64_MAX, 0) {}
 
@@ -288,12 +286,12 @@ NativeEvent::NativeEvent(uint8_t kind, ChunkID chunk, const char* path, int64_t 
   }
   m_event.request = &m_request;
   m_event.kind = kind;
-  m_event.startTime = NativeTimestamp();
+  m_event.startTime = CycleCounter();
 }
 
 void NativeEvent::Finish() {
   if (m_hook == nullptr) return;
-  m_event.endTime = NativeTimestamp();
+  m_event.endTime = CycleCounter();
   m_hook = nullptr;  // one report per call
   const ZulKestEventHook hook = EventHook();
   if (hook != nullptr) hook(&m_event);  // not when removed during the call

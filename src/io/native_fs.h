@@ -169,10 +169,6 @@ enum NativeEventKind : uint8_t {
   kEventDirClose = 8,
 };
 
-// The processor's time-stamp counter (nanoseconds of a monotonic clock
-// where there is none).
-uint64_t NativeTimestamp();
-
 // Reports one operating-system call to the profiling hook.  Construct it
 // just before the call and Finish() just after: the records are built on the
 // stack and the hook called once, only when the hook is set at both

@@ -17,6 +17,7 @@
 #include "io/native_fs.h"
 #include "kest2.h"
 #include "sched/chunk_tree.h"
+#include "sched/execute.h"
 
 namespace kest2 {
 
@@ -56,7 +57,6 @@ void RaiseRecordedSize(FileHandle* fh, int64_t newEnd) {
 
 int32_t Unimplemented(ChunkID) { return ZUL_KEST_ERROR_UNIMPLEMENTED; }
 
-NativeHandler g_rootHandler = Unimplemented;
 NativeHandler g_dhOpenHandler = Unimplemented;
 NativeHandler g_dhReadHandler = Unimplemented;
 NativeHandler g_dhCloseHandler = Unimplemented;
@@ -65,7 +65,6 @@ int32_t CallInstalled(NativeHandler* slot, ChunkID id) {
   return __atomic_load_n(slot, __ATOMIC_ACQUIRE)(id);
 }
 
-int32_t RootHandler(ChunkID id) { return CallInstalled(&g_rootHandler, id); }
 int32_t DhOpenHandler(ChunkID id) { return CallInstalled(&g_dhOpenHandler, id); }
 int32_t DhReadHandler(ChunkID id) { return CallInstalled(&g_dhReadHandler, id); }
 int32_t DhCloseHandler(ChunkID id) { return CallInstalled(&g_dhCloseHandler, id); }
@@ -442,7 +441,7 @@ int32_t Sync(ChunkID id) {
 
 constexpr NativeHandler kHandlers[kChunkTypeCount] = {
     Unimplemented,   // CHUNK_NULL
-    RootHandler,     // CHUNK_ROOT
+    CompleteRoot,    // CHUNK_ROOT
     Unimplemented,   // CHUNK_PARENT
     Unimplemented,   // CHUNK_CHILD
     Callback,        // CHUNK_CALLBACK
@@ -493,7 +492,5 @@ void SetDirectoryHandlers(NativeHandler open, NativeHandler read, NativeHandler 
   Install(&g_dhReadHandler, read);
   Install(&g_dhCloseHandler, close);
 }
-
-void SetRootHandler(NativeHandler root) { Install(&g_rootHandler, root); }
 
 }  // namespace kest2

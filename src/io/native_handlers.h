@@ -39,9 +39,6 @@ int32_t ExecuteNative(ChunkID chunk);
 // (the overlaid directory listing).  A null pointer restores the default,
 // which answers ZUL_KEST_ERROR_UNIMPLEMENTED.
 void SetDirectoryHandlers(NativeHandler open, NativeHandler read, NativeHandler close);
-// Installs the CHUNK_ROOT handler (operation completion); null restores the
-// default.
-void SetRootHandler(NativeHandler root);
 
 }  // namespace kest2
 

@@ -9,12 +9,13 @@
 #include "core/handletable.h"
 #include "debug/format.h"
 #include "debug/trace.h"
-#include "io/filter_chain.h"
 #include "sched/chunk_tree.h"
 #include "sched/execute.h"
 
 namespace kest2 {
 namespace {
+
+TreeFilter g_treeFilter;  // null: no filters
 
 // Builds one tree; every failure records its code and answers false, and
 // the caller frees whatever was built.
@@ -453,6 +454,8 @@ int32_t ChunkTree(ChunkID id) {
   return ZUL_KEST_OK;
 }
 
+void SetTreeFilter(TreeFilter filter) { __atomic_store_n(&g_treeFilter, filter, __ATOMIC_RELEASE); }
+
 ChunkID CreateChunkTree(Operation* op, bool* finishedNow) {
   *finishedNow = false;
   ChunkID root;
@@ -462,9 +465,9 @@ ChunkID CreateChunkTree(Operation* op, bool* finishedNow) {
   }
   if (root == CHUNKID_INVALID) return root;
   // Filters may join the new tree to chunks of trees already running.
-  const bool filtered = FilterCount() > 0;
-  if (filtered) {
-    root = FilterChunkTree(root);
+  bool filtered = false;
+  if (const TreeFilter filter = __atomic_load_n(&g_treeFilter, __ATOMIC_ACQUIRE)) {
+    root = filter(root, &filtered);
     if (root == CHUNKID_INVALID) {
       // A filter answered the whole tree.  If it also finished the
       // operation, there is nothing left to do; otherwise the operation is

@@ -26,6 +26,14 @@ namespace kest2 {
 // filter answered the whole tree, holding the filter's result).
 ChunkID CreateChunkTree(Operation* op, bool* finishedNow);
 
+// The installed filters' pass over a new tree, handed down by initialisation
+// (the filter chain stands above the engine): sets *filtered when any filter
+// was offered the tree, and returns the root that goes on (CHUNKID_INVALID
+// when a filter answered or absorbed the whole tree).
+using TreeFilter = ChunkID (*)(ChunkID root, bool* filtered);
+// Installs the pass; null means no filters (trees go on unfiltered).
+void SetTreeFilter(TreeFilter filter);
+
 // The unfiltered, unsplit tree of an operation; CHUNKID_INVALID with the
 // operation's err set on failure.
 ChunkID CreateInitialChunks(Operation* op);

@@ -2,7 +2,6 @@
 
 #include "sched/execute.h"
 
-#include "api/operation.h"
 #include "core/handletable.h"
 #include "core/records.h"
 #include "debug/dump.h"
@@ -106,41 +105,21 @@ int32_t Execute(ChunkID id, ChunkRunner run) {
   return result;
 }
 
+namespace {
+
+int32_t Unimplemented(ChunkID) { return ZUL_KEST_ERROR_UNIMPLEMENTED; }
+
+ChunkRunner g_rootCompletion = Unimplemented;
+
+}  // namespace
+
+void SetRootCompletion(ChunkRunner complete) {
+  __atomic_store_n(&g_rootCompletion, complete == nullptr ? Unimplemented : complete,
+                   __ATOMIC_RELEASE);
+}
+
 int32_t CompleteRoot(ChunkID root) {
-  const uint32_t handle = ChunkRecord<ChunkRootRecord>(root)->op;
-  Operation* op = Lookup<Operation>(kOpTable, handle);
-  if (op == nullptr) {
-    zulKestPrintf("KEST2 unexpected NULL value for op pointer\n");
-    return ZUL_KEST_OK;
-  }
-  // A cancel may set the error and the cancelled bit until the root starts
-  // to run; from here on both are stable.
-  const int32_t err = __atomic_load_n(&op->err, __ATOMIC_ACQUIRE);
-  const uint16_t internalFlags = __atomic_load_n(&op->internalFlags, __ATOMIC_ACQUIRE);
-  FileHandle* file = Lookup<FileHandle>(kFhTable, op->targetHandle);
-  if ((internalFlags & kOpUpdatesPosition) != 0 && file != nullptr) {
-    const bool movesPosition = op->what != OP_FH_PWRITEV;
-    if (err == ZUL_KEST_OK) {
-      const int64_t end = op->offset + op->actCount;
-      int64_t size = __atomic_load_n(&file->size, __ATOMIC_ACQUIRE);
-      while (end > size && !__atomic_compare_exchange_n(&file->size, &size, end, false,
-                                                         __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
-      }
-      if (movesPosition) __atomic_store_n(&file->offset, end, __ATOMIC_RELEASE);
-    } else if (movesPosition) {
-      const int64_t position = err == ZUL_KEST_ERROR_EOF
-                                   ? __atomic_load_n(&file->size, __ATOMIC_ACQUIRE)
-                                   : -1;
-      __atomic_store_n(&file->offset, position, __ATOMIC_RELEASE);
-    }
-  }
-  // Completion releases the handles the operation owned.
-  if (err == ZUL_KEST_OK) {
-    OpCompleteOk(op);
-  } else {
-    OpFail(op, err);
-  }
-  return ZUL_KEST_OK;
+  return __atomic_load_n(&g_rootCompletion, __ATOMIC_ACQUIRE)(root);
 }
 
 }  // namespace kest2

@@ -31,9 +31,12 @@ int32_t Execute(ChunkID id, ChunkRunner run);
 // unimplemented there.
 int32_t ExecuteBase(ChunkID id);
 
-// Finishes the root's operation: moves the file handle's size and position,
-// releases handles the operation owned, completes it (callback, waiters).
-// Always 0.
+// Installs what finishes an operation when its root chunk runs: the
+// operation layer's completion, handed down at initialisation (the engine
+// below it only knows that the tree is done).  Null restores the default,
+// which answers ZUL_KEST_ERROR_UNIMPLEMENTED.
+void SetRootCompletion(ChunkRunner complete);
+// Runs the installed completion for the root's operation.
 int32_t CompleteRoot(ChunkID root);
 
 }  // namespace kest2

@@ -209,8 +209,10 @@ void RemoveFromSchedule(Scheduler* scheduler, ChunkID id);
 // --- Threads and execution (scheduler_threads.cc) ------------------------
 
 // Creates the callback scheduler, the all-other I/O scheduler and, with
-// schedulerCount 2, the HDD I/O scheduler, each with its threads.
-int32_t StartSchedulers();
+// schedulerCount 2, the HDD I/O scheduler, each with its threads.  The I/O
+// schedulers run their chunks with ioRunner (the native layer's handler
+// table, handed down by initialisation).
+int32_t StartSchedulers(ChunkRunner ioRunner);
 // Waits until every queue is empty, then stops every scheduler.
 void ShutdownSchedulers();
 // True when every queue is empty.

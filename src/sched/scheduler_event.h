@@ -11,7 +11,6 @@
 
 #include "core/globals.h"
 #include "core/platform.h"
-#include "io/native_fs.h"
 #include "sched/chunk_tree.h"
 
 namespace kest2 {
@@ -22,7 +21,7 @@ class SchedulerEvent {
     if (m_hook == nullptr) return;
     // The type is read now: the chunk may be gone once the step is over.
     m_type = chunk != CHUNKID_INVALID ? ChunkAt(chunk)->type : 0;
-    m_start = NativeTimestamp();
+    m_start = CycleCounter();
   }
   SchedulerEvent(const SchedulerEvent&) = delete;
   SchedulerEvent& operator=(const SchedulerEvent&) = delete;
@@ -31,7 +30,7 @@ class SchedulerEvent {
   void Finish() {
     if (m_hook == nullptr) return;
     m_hook = nullptr;
-    const uint64_t end = NativeTimestamp();
+    const uint64_t end = CycleCounter();
     const ZulKestEventHook hook = EventHook();
     if (hook == nullptr) return;
     ZulKestSchedulerEventSubject subject{};

@@ -18,7 +18,6 @@
 #include "core/globals.h"
 #include "debug/dump.h"
 #include "debug/trace.h"
-#include "io/native_handlers.h"
 #include "sched/chunk_tree.h"
 #include "sched/scheduler.h"
 
@@ -486,10 +485,10 @@ Scheduler* SchedulerListHead() { return __atomic_load_n(&g_schedulerList, __ATOM
 Scheduler* CallbackScheduler() { return &g_callbackScheduler; }
 Scheduler* AllOtherScheduler() { return &g_allOtherScheduler; }
 
-int32_t StartSchedulers() {
+int32_t StartSchedulers(ChunkRunner ioRunner) {
   int32_t result = CreateScheduler(&g_callbackScheduler, "", PrefixMatch, ExecuteBase);
   if (result != ZUL_KEST_OK) return result;
-  result = CreateScheduler(&g_allOtherScheduler, "", PrefixMatch, ExecuteNative);
+  result = CreateScheduler(&g_allOtherScheduler, "", PrefixMatch, ioRunner);
   if (result != ZUL_KEST_OK) {
     StopRunningScheduler(&g_callbackScheduler);
     return result;
@@ -501,7 +500,7 @@ int32_t StartSchedulers() {
     return result;
   }
   if (g_KestParams.schedulerCount >= 2) {
-    result = CreateScheduler(&g_hddScheduler, "/", HardDiskMatch, ExecuteNative);
+    result = CreateScheduler(&g_hddScheduler, "/", HardDiskMatch, ioRunner);
     if (result != ZUL_KEST_OK) {
       StopRunningScheduler(&g_allOtherScheduler);
       UnloadSystemModule(kDiscMapModuleId);

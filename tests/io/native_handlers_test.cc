@@ -26,6 +26,7 @@
 #include "debug/trace.h"
 #include "io/native_fs.h"
 #include "sched/chunk_tree.h"
+#include "sched/execute.h"
 #include "test_support.h"
 
 namespace {
@@ -466,13 +467,13 @@ TEST_F(NativeHandlersTest, RequestsWithoutEffectAndDispatch) {
     EXPECT_EQ(Run(), ZUL_KEST_ERROR_UNIMPLEMENTED) << ChunkTypeName(type);
   }
   SetDirectoryHandlers(Installed, Installed, Installed);
-  SetRootHandler(Installed);
+  SetRootCompletion(Installed);
   for (uint8_t type : {CHUNK_ROOT, CHUNK_DH_OPEN, CHUNK_DH_READ, CHUNK_DH_CLOSE}) {
     New<ChunkHeader>(type);
     EXPECT_EQ(Run(), 77) << ChunkTypeName(type);
   }
   SetDirectoryHandlers(nullptr, nullptr, nullptr);
-  SetRootHandler(nullptr);
+  SetRootCompletion(nullptr);
   EXPECT_EQ(Run(), ZUL_KEST_ERROR_UNIMPLEMENTED) << "defaults restored";
   EXPECT_EQ(ExecuteNative(CHUNKID_INVALID), ZUL_KEST_ERROR_BAD_ARGUMENT);
 }
