@@ -65,28 +65,28 @@ enum ChunkType : uint8_t {
 
 // Bits of ChunkHeader::flags.
 constexpr uint16_t kChunkLiveMarkMask = 0x003F;
-constexpr uint16_t kChunkLiveMark = 43;  // while allocated
+constexpr uint16_t kChunkLiveMark = 43;                // while allocated
 constexpr uint16_t kChunkSchedulerIndexMask = 0x00C0;  // 0: not yet chosen
 constexpr int kChunkSchedulerIndexShift = 6;
 constexpr uint16_t kChunkScheduled = 1u << 8;
 constexpr uint16_t kChunkPrepared = 1u << 9;
 constexpr uint16_t kChunkCompleted = 1u << 10;
 constexpr uint16_t kChunkCancelled = 1u << 11;
-constexpr uint16_t kChunkPositioned = 1u << 12;  // takes part in seek order
+constexpr uint16_t kChunkPositioned = 1u << 12;       // takes part in seek order
 constexpr uint16_t kChunkArchiveCallback = 1u << 13;  // archive filter's mark
 constexpr uint16_t kChunkExecuting = 1u << 14;
 constexpr uint16_t kChunkNoSplit = 1u << 15;
 
 struct ChunkHeader {
   uint16_t flags;
-  uint8_t type;         // ChunkType
-  int8_t priority;      // effective priority, higher is more urgent
-  ChunkID parent;       // the only parent, or the first CHUNK_PARENT record
-  ChunkID child0;       // first child
-  ChunkID child1;       // second child, or the first CHUNK_CHILD record
-  ChunkID linked;       // CHUNK_CALLBACK consulted before this chunk runs
-  uint32_t pieceCount;  // 64 KiB pieces of a read or write, else 1
-  ZulKestTime deadline; // effective deadline
+  uint8_t type;          // ChunkType
+  int8_t priority;       // effective priority, higher is more urgent
+  ChunkID parent;        // the only parent, or the first CHUNK_PARENT record
+  ChunkID child0;        // first child
+  ChunkID child1;        // second child, or the first CHUNK_CHILD record
+  ChunkID linked;        // CHUNK_CALLBACK consulted before this chunk runs
+  uint32_t pieceCount;   // 64 KiB pieces of a read or write, else 1
+  ZulKestTime deadline;  // effective deadline
 };
 static_assert(sizeof(ChunkHeader) == 24, "");
 
@@ -155,7 +155,7 @@ struct ChunkFhOpenRecord {
   ChunkHeader header;
   uint32_t h;
   const StoredPath* path;
-  int32_t mode;  // -1: the default mode
+  int32_t mode;                  // -1: the default mode
   ZulKestDate modificationDate;  // written by the native open
 };
 
@@ -275,36 +275,6 @@ struct ChunkSyncRecord {
   int32_t flags;
   const StoredPath* path;
 };
-
-// Storage footprint of each type in bytes (header included); a
-// CHUNK_BUFFER adds its data size.
-constexpr uint16_t kChunkFootprint[kChunkTypeCount] = {
-    24, 32, 32, 40, 104, 32, 64, 72, 72, 32, 32, 32, 64, 72, 72, 32, 40, 40,
-    40, 40, 40, 40, 40, 40, 56, 48, 72, 56, 40, 72, 72, 32, 56, 80, 80, 40};
-
-static_assert(sizeof(ChunkRootRecord) <= 32, "");
-static_assert(sizeof(ChunkParentRecord) <= 32, "");
-static_assert(sizeof(ChunkChildRecord) <= 40, "");
-static_assert(sizeof(ChunkCallbackRecord) == 104, "");
-static_assert(sizeof(ChunkBufferRecord) == 32, "");
-static_assert(sizeof(ChunkFhOpenRecord) <= 64, "");
-static_assert(sizeof(ChunkFhIoRecord) == 72, "");
-static_assert(sizeof(ChunkHandleRecord) <= 32, "");
-static_assert(sizeof(ChunkDhOpenRecord) <= 64, "");
-static_assert(sizeof(ChunkDhReadRecord) <= 72, "");
-static_assert(sizeof(ChunkPathResultRecord) <= 40, "");
-static_assert(sizeof(ChunkDirCreateRecord) <= 40, "");
-static_assert(sizeof(ChunkPathRecord) <= 40, "");
-static_assert(sizeof(ChunkStatRecord) <= 56, "");
-static_assert(sizeof(ChunkTruncateRecord) <= 48, "");
-static_assert(sizeof(ChunkPrefetchRecord) <= 72, "");
-static_assert(sizeof(ChunkResolveRecord) <= 56, "");
-static_assert(sizeof(ChunkRenameRecord) <= 40, "");
-static_assert(sizeof(ChunkArchiveRecord) <= 72, "");
-static_assert(sizeof(ChunkChstatRecord) <= 56, "");
-static_assert(sizeof(ChunkDevctlRecord) <= 80, "");
-static_assert(sizeof(ChunkIoctlRecord) <= 80, "");
-static_assert(sizeof(ChunkSyncRecord) <= 40, "");
 
 // "CHUNK_FH_READ" and so on; other values as decimal text in a shared buffer.
 const char* ChunkTypeName(uint8_t type);

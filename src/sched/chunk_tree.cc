@@ -41,6 +41,7 @@
 #include "debug/format.h"
 #include "debug/trace.h"
 #include "kest2.h"
+#include "sched/chunk_types.h"
 
 namespace kest2 {
 namespace {
@@ -62,7 +63,7 @@ uint32_t UnitsFor(uint64_t bytes) {
 
 // Units a live chunk occupies: its type's footprint, and a buffer's data.
 uint32_t ChunkUnits(const ChunkHeader* chunk) {
-  uint64_t bytes = kChunkFootprint[chunk->type];
+  uint64_t bytes = ChunkTypeOf(chunk->type).footprint;
   if (chunk->type == CHUNK_BUFFER)
     bytes += reinterpret_cast<const ChunkBufferRecord*>(chunk)->dataSize;
   return UnitsFor(bytes);
@@ -383,85 +384,6 @@ bool AllChildrenCompletedLocked(ChunkID id) {
   return true;
 }
 
-uint32_t HandleOf(const ChunkHeader* chunk) {
-  switch (chunk->type) {
-    case CHUNK_FH_OPEN:
-      return reinterpret_cast<const ChunkFhOpenRecord*>(chunk)->h;
-    case CHUNK_FH_READ:
-    case CHUNK_FH_WRITE:
-      return reinterpret_cast<const ChunkFhIoRecord*>(chunk)->h;
-    case CHUNK_FH_BARRIER:
-    case CHUNK_FH_SYNC:
-    case CHUNK_FH_CLOSE:
-    case CHUNK_DH_CLOSE:
-    case CHUNK_ARCHIVE_UNMOUNT:
-      return reinterpret_cast<const ChunkHandleRecord*>(chunk)->h;
-    case CHUNK_DH_OPEN:
-      return reinterpret_cast<const ChunkDhOpenRecord*>(chunk)->h;
-    case CHUNK_DH_READ:
-    case CHUNK_DH_READ_BULK:
-      return reinterpret_cast<const ChunkDhReadRecord*>(chunk)->h;
-    case CHUNK_STAT:
-      return reinterpret_cast<const ChunkStatRecord*>(chunk)->h;
-    case CHUNK_TRUNCATE:
-      return reinterpret_cast<const ChunkTruncateRecord*>(chunk)->h;
-    case CHUNK_PREFETCH:
-      return reinterpret_cast<const ChunkPrefetchRecord*>(chunk)->h;
-    case CHUNK_ARCHIVE_MOUNT:
-      return reinterpret_cast<const ChunkArchiveRecord*>(chunk)->h;
-    default:
-      return 0;
-  }
-}
-
-const StoredPath* PathOf(const ChunkHeader* chunk) {
-  switch (chunk->type) {
-    case CHUNK_FH_OPEN:
-      return reinterpret_cast<const ChunkFhOpenRecord*>(chunk)->path;
-    case CHUNK_DH_OPEN:
-      return reinterpret_cast<const ChunkDhOpenRecord*>(chunk)->path;
-    case CHUNK_DIR_EXISTS:
-    case CHUNK_FILE_EXISTS:
-    case CHUNK_FILE_SIZE:
-    case CHUNK_EXISTS:
-      return reinterpret_cast<const ChunkPathResultRecord*>(chunk)->path;
-    case CHUNK_DIR_CREATE:
-      return reinterpret_cast<const ChunkDirCreateRecord*>(chunk)->path;
-    case CHUNK_DIR_DELETE:
-    case CHUNK_FILE_DELETE:
-    case CHUNK_DELETE:
-      return reinterpret_cast<const ChunkPathRecord*>(chunk)->path;
-    case CHUNK_STAT:
-      return reinterpret_cast<const ChunkStatRecord*>(chunk)->path;
-    case CHUNK_TRUNCATE:
-      return reinterpret_cast<const ChunkTruncateRecord*>(chunk)->path;
-    case CHUNK_RESOLVE:
-      return reinterpret_cast<const ChunkResolveRecord*>(chunk)->path;
-    case CHUNK_RENAME:
-      return reinterpret_cast<const ChunkRenameRecord*>(chunk)->path;
-    case CHUNK_ARCHIVE_MOUNT:
-      return reinterpret_cast<const ChunkArchiveRecord*>(chunk)->path;
-    default:
-      return nullptr;
-  }
-}
-
-// The handle table whose pending-I/O count a prepared chunk raises, or -1.
-int PendingIoTable(uint8_t type) {
-  switch (type) {
-    case CHUNK_FH_READ:
-    case CHUNK_FH_WRITE:
-    case CHUNK_FH_BARRIER:
-    case CHUNK_FH_SYNC:
-      return kFhTable;
-    case CHUNK_DH_READ:
-    case CHUNK_DH_READ_BULK:
-      return kDhTable;
-    default:
-      return -1;
-  }
-}
-
 // 64 KiB pieces of a transfer, rounded up, at least one.
 uint32_t PieceCount(int64_t reqCount) {
   if (reqCount <= 0) return 1;
@@ -475,7 +397,8 @@ void PrepareLocked(ChunkID id, int8_t priority, ZulKestTime deadline) {
   if ((LoadChunkFlags(chunk) & kChunkPrepared) != 0) return;
   chunk->priority = priority;
   chunk->deadline = deadline;
-  StoreChunkFlags(chunk, static_cast<uint16_t>((LoadChunkFlags(chunk) | kChunkPrepared) & ~kChunkPositioned));
+  StoreChunkFlags(
+      chunk, static_cast<uint16_t>((LoadChunkFlags(chunk) | kChunkPrepared) & ~kChunkPositioned));
   chunk->pieceCount = 1;
   if (chunk->type == CHUNK_FH_READ || chunk->type == CHUNK_FH_WRITE) {
     StoreChunkFlags(chunk, LoadChunkFlags(chunk) | kChunkPositioned);
@@ -483,18 +406,12 @@ void PrepareLocked(ChunkID id, int8_t priority, ZulKestTime deadline) {
   }
   // A chunk already completed (answered by a filter) never executes, so it
   // must not hold back its handle's close.
-  const int table = (LoadChunkFlags(chunk) & kChunkCompleted) != 0 ? -1 : PendingIoTable(chunk->type);
-  if (table == kFhTable) {
-    FileHandle* fh = Lookup<FileHandle>(kFhTable, HandleOf(chunk));
-    if (fh != nullptr) {
-      const int32_t pending = __atomic_add_fetch(&fh->m_pendingIO, 1, __ATOMIC_ACQ_REL);
-      KEST2_TRACE(kTraceChunk, "FH", "Chunk %d incremented m_pendingIO = %d", id, pending);
-    }
-  } else if (table == kDhTable) {
-    DirHandle* dh = Lookup<DirHandle>(kDhTable, HandleOf(chunk));
-    if (dh != nullptr) {
-      const int32_t pending = __atomic_add_fetch(&dh->m_pendingIO, 1, __ATOMIC_ACQ_REL);
-      KEST2_TRACE(kTraceChunk, "DH", "Chunk %d incremented m_pendingIO = %d", id, pending);
+  if ((LoadChunkFlags(chunk) & kChunkCompleted) == 0 &&
+      ChunkTypeOf(chunk->type).role == HandleRole::kUses) {
+    const HandleMarks marks = RecordHandleMarks(chunk);
+    if (marks.pending != nullptr) {
+      const int32_t pending = __atomic_add_fetch(marks.pending, 1, __ATOMIC_ACQ_REL);
+      KEST2_TRACE(kTraceChunk, marks.tag, "Chunk %d incremented m_pendingIO = %d", id, pending);
     }
   }
   ChildCursor cursor(id);
@@ -597,7 +514,7 @@ void AppendTypeFields(char* buffer, size_t size, ChunkID id) {
     case CHUNK_DH_OPEN:
     case CHUNK_DH_CLOSE:
     case CHUNK_DH_READ:  // its record has no offset or counts
-      AppendHandle(buffer, size, HandleOf(chunk));
+      AppendHandle(buffer, size, RecordHandle(chunk));
       break;
     case CHUNK_FH_READ:
     case CHUNK_FH_WRITE: {
@@ -690,7 +607,7 @@ bool ChunkIsLive(ChunkID id) {
 ChunkID AllocateChunk(uint8_t type, uint32_t size) {
   int64_t index = -1;
   if (type < kChunkTypeCount) {
-    const uint64_t bytes = size > kChunkFootprint[type] ? size : kChunkFootprint[type];
+    const uint64_t bytes = size > ChunkTypeOf(type).footprint ? size : ChunkTypeOf(type).footprint;
     const uint32_t units = UnitsFor(bytes);
     index = PoolAllocate(&g_chunkPool, units);
     if (index >= CHUNKID_INVALID) {  // cannot happen with two-unit minimum
@@ -713,15 +630,15 @@ ChunkID AllocateChunk(uint8_t type, uint32_t size) {
   chunk->linked = CHUNKID_INVALID;
   if (type == CHUNK_FH_READ || type == CHUNK_FH_WRITE) {
     ChunkRecord<ChunkFhIoRecord>(id)->position = INT64_MAX;
-  } else if (type == CHUNK_BUFFER && size > kChunkFootprint[CHUNK_BUFFER]) {
-    ChunkRecord<ChunkBufferRecord>(id)->dataSize = size - kChunkFootprint[CHUNK_BUFFER];
+  } else if (type == CHUNK_BUFFER && size > kChunkTypes[CHUNK_BUFFER].footprint) {
+    ChunkRecord<ChunkBufferRecord>(id)->dataSize = size - kChunkTypes[CHUNK_BUFFER].footprint;
   }
   KEST2_TRACE(kTraceChunk, "Allocate", "%s", DumpChunk(id, nullptr, 0));
   return id;
 }
 
 ChunkID AllocateChunk(uint8_t type) {
-  return AllocateChunk(type, type < kChunkTypeCount ? kChunkFootprint[type] : 0);
+  return AllocateChunk(type, type < kChunkTypeCount ? ChunkTypeOf(type).footprint : 0);
 }
 
 void DeallocateChunk(ChunkID id) {
@@ -760,13 +677,14 @@ ChunkID AllocateChildChunk(ChunkID parent, uint8_t type) {
 
 void* AllocateBufferChunk(ChunkID parent, uint64_t dataSize) {
   if (parent == CHUNKID_INVALID) return nullptr;
-  const uint64_t limit = uint64_t{kChunkMaxUnits} * kChunkUnitSize - kChunkFootprint[CHUNK_BUFFER];
+  const uint64_t limit =
+      uint64_t{kChunkMaxUnits} * kChunkUnitSize - kChunkTypes[CHUNK_BUFFER].footprint;
   if (dataSize > limit) {
     KEST2_TRACE(kTraceChunk, "Allocate", "%s", "(failed)");
     return nullptr;
   }
-  const ChunkID id =
-      AllocateChunk(CHUNK_BUFFER, static_cast<uint32_t>(kChunkFootprint[CHUNK_BUFFER] + dataSize));
+  const ChunkID id = AllocateChunk(
+      CHUNK_BUFFER, static_cast<uint32_t>(kChunkTypes[CHUNK_BUFFER].footprint + dataSize));
   if (id == CHUNKID_INVALID) return nullptr;
   ChunkLocker lock;
   StoreChunkFlags(ChunkAt(id), LoadChunkFlags(ChunkAt(id)) | kChunkScheduled | kChunkCompleted);
@@ -883,12 +801,12 @@ uint32_t CountChildrenNotCompleted(ChunkID id, uint32_t limit) {
 
 uint32_t GetChunkHandle(ChunkID id) {
   if (id == CHUNKID_INVALID) return 0;
-  return HandleOf(ChunkAt(id));
+  return RecordHandle(ChunkAt(id));
 }
 
 const StoredPath* GetChunkPath(ChunkID id) {
   if (id == CHUNKID_INVALID) return nullptr;
-  return PathOf(ChunkAt(id));
+  return RecordPath(ChunkAt(id));
 }
 
 bool AllChildrenCompleted(ChunkID id) {
@@ -927,26 +845,11 @@ bool DeferChunk(ChunkID id, bool force) {
   const ChunkHeader* chunk = ChunkAt(id);
   if ((LoadChunkFlags(chunk) & kChunkScheduled) == 0 && !force) return false;
   if (!AllChildrenCompletedLocked(id)) return false;
-  switch (chunk->type) {
-    case CHUNK_FH_READ:
-    case CHUNK_FH_WRITE:
-    case CHUNK_FH_BARRIER:
-    case CHUNK_FH_SYNC:
-    case CHUNK_FH_CLOSE: {
-      const FileHandle* fh = Lookup<FileHandle>(kFhTable, HandleOf(chunk));
-      return fh == nullptr || HandleAllowsRun(id, &fh->opened, &fh->m_pendingIO,
-                                              chunk->type == CHUNK_FH_CLOSE, "file");
-    }
-    case CHUNK_DH_READ:
-    case CHUNK_DH_READ_BULK:
-    case CHUNK_DH_CLOSE: {
-      const DirHandle* dh = Lookup<DirHandle>(kDhTable, HandleOf(chunk));
-      return dh == nullptr || HandleAllowsRun(id, &dh->opened, &dh->m_pendingIO,
-                                              chunk->type == CHUNK_DH_CLOSE, "dir");
-    }
-    default:
-      return true;
-  }
+  const HandleRole role = ChunkTypeOf(chunk->type).role;
+  if (role != HandleRole::kUses && role != HandleRole::kCloses) return true;
+  const HandleMarks marks = RecordHandleMarks(chunk);
+  return marks.opened == nullptr ||
+         HandleAllowsRun(id, marks.opened, marks.pending, role == HandleRole::kCloses, marks.kind);
 }
 
 void PrepareChunk(ChunkID id, int8_t priority, ZulKestTime deadline) {
@@ -976,7 +879,8 @@ bool CompleteChunk(ChunkID id, int32_t error, ReadyParents* ready) {
   ChunkLocker lock;
   KEST2_TRACE(kTraceChunk, "Complete", "%s", DumpChunk(id, nullptr, 0));
   ChunkHeader* chunk = ChunkAt(id);
-  StoreChunkFlags(chunk, static_cast<uint16_t>((LoadChunkFlags(chunk) | kChunkCompleted) & ~kChunkExecuting));
+  StoreChunkFlags(
+      chunk, static_cast<uint16_t>((LoadChunkFlags(chunk) | kChunkCompleted) & ~kChunkExecuting));
   if (error != 0) PropagateErrorLocked(id, error, false);
   if (ready != nullptr) {
     // Decided under the lock that marks the chunk completed, so of two

@@ -7,6 +7,7 @@
 #include "debug/dump.h"
 #include "debug/trace.h"
 #include "sched/chunk_tree.h"
+#include "sched/chunk_types.h"
 #include "sched/scheduler.h"
 #include "sched/scheduler_event.h"
 
@@ -29,28 +30,14 @@ void DecrementPending(int32_t* pending, ChunkID id, const char* kind, const char
 }
 
 void UpdateHandleBookkeeping(ChunkID id, const ChunkHeader* chunk) {
-  const uint32_t handle = GetChunkHandle(id);
-  switch (chunk->type) {
-    case CHUNK_DH_OPEN:
-      if (DirHandle* dir = Lookup<DirHandle>(kDhTable, handle)) MarkOpened(&dir->opened);
-      break;
-    case CHUNK_FH_OPEN:
-      if (FileHandle* file = Lookup<FileHandle>(kFhTable, handle)) MarkOpened(&file->opened);
-      break;
-    case CHUNK_FH_READ:
-    case CHUNK_FH_WRITE:
-    case CHUNK_FH_BARRIER:
-    case CHUNK_FH_SYNC:
-      if (FileHandle* file = Lookup<FileHandle>(kFhTable, handle))
-        DecrementPending(&file->m_pendingIO, id, "FH", "Chunk  %d decremented m_pendingIO = %d");
-      break;
-    case CHUNK_DH_READ:
-    case CHUNK_DH_READ_BULK:
-      if (DirHandle* dir = Lookup<DirHandle>(kDhTable, handle))
-        DecrementPending(&dir->m_pendingIO, id, "DH", "Chunk %d decremented m_pendingIO = %d");
-      break;
-    default:
-      break;
+  const HandleRole role = ChunkTypeOf(chunk->type).role;
+  if (role != HandleRole::kOpens && role != HandleRole::kUses) return;
+  const HandleMarks marks = RecordHandleMarks(chunk);
+  if (marks.opened == nullptr) return;
+  if (role == HandleRole::kOpens) {
+    MarkOpened(marks.opened);
+  } else {
+    DecrementPending(marks.pending, id, marks.tag, marks.decremented);
   }
 }
 
