@@ -1,5 +1,8 @@
 #include "test_support.h"
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -57,6 +60,16 @@ void WriteFile(const std::string& path, const std::vector<uint8_t>& bytes) {
   std::ofstream(path, std::ios::binary)
       .write(reinterpret_cast<const char*>(bytes.data()),
              static_cast<std::streamsize>(bytes.size()));
+}
+
+pid_t SystemThreadId() { return static_cast<pid_t>(syscall(SYS_gettid)); }
+
+bool AsleepInFutex(pid_t thread) {
+  // /proc names the system call a sleeping thread is in, and says
+  // "running" for one that is not in any.
+  std::ifstream call("/proc/self/task/" + std::to_string(thread) + "/syscall");
+  long number = -1;
+  return static_cast<bool>(call >> number) && number == SYS_futex;
 }
 
 void SetDebugFlags(uint32_t flags) {

@@ -2,9 +2,13 @@
 #ifndef KEST2_TESTS_TEST_SUPPORT_H_
 #define KEST2_TESTS_TEST_SUPPORT_H_
 
+#include <sys/types.h>
+
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "kest2.h"
@@ -36,6 +40,27 @@ class OutputCapture {
 std::vector<uint8_t> ReadFile(const std::string& path);
 // Writes a file whole, making its directories first.
 void WriteFile(const std::string& path, const std::vector<uint8_t>& bytes);
+
+// Waits until condition() holds, yielding between looks; false when it
+// still does not after 30 s.  The bound only turns a hang into a failure:
+// what a test checks must never depend on how long the wait took.
+template <typename Condition>
+bool WaitUntil(Condition condition) {
+  const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > giveUp) return condition();
+    std::this_thread::yield();
+  }
+  return true;
+}
+
+// The calling thread's id as the system knows it, for AsleepInFutex.
+pid_t SystemThreadId();
+// Whether a thread of this process sleeps in the futex call, where every
+// contended lock and condition of the system's blocks.  A thread that has
+// reached a blocking call may not be asleep in it yet; a test that needs
+// the sleep (a wake-up order, a lock that must be contended) asks this.
+bool AsleepInFutex(pid_t thread);
 
 // Switches trace modules while the library's threads may be reading them.
 void SetDebugFlags(uint32_t flags);

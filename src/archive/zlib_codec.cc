@@ -332,4 +332,15 @@ const Codec kZlibCodec = {
 
 const Codec* ZlibCodec() { return &kZlibCodec; }
 
+ZlibCodecSleepers CountZlibCodecSleepers() {
+  ZlibCodecSleepers sleepers{0, 0};
+  if (!IsRunning()) return sleepers;
+  MutexLocker lock(&g_zlib.mutex);
+  for (int i = 0; i < g_zlib.workerCount; ++i) {
+    if (!g_zlib.workers[i].busy) ++sleepers.parkedWorkers;
+  }
+  sleepers.waitingThreads = g_zlib.waiting;
+  return sleepers;
+}
+
 }  // namespace kest2

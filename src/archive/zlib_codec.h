@@ -31,6 +31,18 @@ namespace kest2 {
 // alignment.
 const Codec* ZlibCodec();
 
+// For tests, which cannot see the workers otherwise: how many workers are
+// asleep on their own condition (not busy) and how many threads are
+// blocked in wait(), read under the codec's lock (zeros when it is not
+// running).  A test must know that the workers have gone to sleep before it
+// checks which one a submission wakes, and that its waiters are blocked
+// before their jobs finish.
+struct ZlibCodecSleepers {
+  int parkedWorkers;
+  int waitingThreads;
+};
+ZlibCodecSleepers CountZlibCodecSleepers();
+
 }  // namespace kest2
 
 #endif  // KEST2_SRC_ARCHIVE_ZLIB_CODEC_H_

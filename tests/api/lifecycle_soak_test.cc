@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -28,13 +27,13 @@ size_t ThreadCount() {
 }
 
 // A joined thread can stay listed for a moment while the system finishes
-// its exit: waits up to a second for the count to come back to `expected`.
+// its exit: waits for the count to come back to `expected`.
 size_t ThreadCountSettledAt(size_t expected) {
-  size_t count = ThreadCount();
-  for (int wait = 0; wait < 1000 && count != expected; ++wait) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  size_t count = 0;
+  kest2_test::WaitUntil([&] {
     count = ThreadCount();
-  }
+    return count == expected;
+  });
   return count;
 }
 

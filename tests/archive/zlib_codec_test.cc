@@ -94,13 +94,10 @@ void RecordWorkerName(DecompressionJob*, void*, JobEvent) {
 
 // Polls like the dearchiver does; false when the job never finishes.
 bool AwaitDone(DecompressionJob* job) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (!Zlib()->isDone(job)) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::yield();
-  }
-  return true;
+  return kest2_test::WaitUntil([job] { return Zlib()->isDone(job); });
 }
+
+kest2::ZlibCodecSleepers Sleepers() { return kest2::CountZlibCodecSleepers(); }
 
 class ZlibCodecTest : public ::testing::Test {
  protected:
@@ -266,8 +263,7 @@ TEST_F(ZlibCodecTest, CompletionHearsInflatedBeforeTheDoneBitThenPublished) {
   ASSERT_EQ(Zlib()->submit(&job), &job);
   ASSERT_TRUE(AwaitDone(&job));
   // The published event follows the done bit, which the owner may see first.
-  for (int i = 0; i < 1000 && g_sightings < 2; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  ASSERT_TRUE(kest2_test::WaitUntil([] { return g_sightings.load() >= 2; }));
   ASSERT_EQ(g_sightings.load(), 2);
   EXPECT_EQ(g_sighting.job, &job);
   EXPECT_FALSE(g_sighting.doneAtInflated);
@@ -289,6 +285,8 @@ TEST_F(ZlibCodecTest, JobsFromSeveralThreadsAllFinishWhileTheCountChanges) {
     const uint8_t counts[] = {1, 0, 2, 200, 3, 1};
     for (int i = 0; !stop; ++i) {
       Zlib()->setThreadCount(counts[i % 6]);
+      // Only paces the changes so that the submitters get the lock too; the
+      // test orders nothing by it and holds at any pace.
       std::this_thread::sleep_for(std::chrono::microseconds(300));
     }
   });
@@ -327,9 +325,8 @@ TEST_F(ZlibCodecTest, JobsFromSeveralThreadsAllFinishWhileTheCountChanges) {
 }
 
 TEST_F(ZlibCodecTest, WakesOnlyActiveWorkers) {
-  // Let every worker reach its first sleep, so that none picks up the queue
-  // on its own.
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  // Every worker asleep first, so that none picks up the queue on its own.
+  ASSERT_TRUE(kest2_test::WaitUntil([] { return Sleepers().parkedWorkers == 3; }));
   Zlib()->setThreadCount(1);
   g_workerNames.clear();
   const Block block = MakeCompressedBlock(40000, 4);
@@ -358,23 +355,36 @@ TEST(ZlibCodecWaitTest, EveryFinishedJobWakesEveryWaiter) {
       MakeJob(first.compressed, firstOut.data(), 1000, firstOut.data(), 0, 1000);
   DecompressionJob secondJob =
       MakeJob(second.compressed, secondOut.data(), 1 << 20, secondOut.data(), 0, 1 << 20);
+  // Asleep in wait() in this order before either job is submitted: counted
+  // there, and asleep in the system (a waiter still on its way to sleep
+  // would take the first wake-up whoever it was meant for).
+  auto asleepInWait = [](int waiters, const std::atomic<pid_t>& waiter) {
+    return kest2_test::WaitUntil([&] {
+      return Sleepers().waitingThreads == waiters && waiter != 0 &&
+             kest2_test::AsleepInFutex(waiter);
+    });
+  };
+  std::atomic<pid_t> secondWaiterId{0}, firstWaiterId{0};
   std::atomic<bool> secondWaiterBack{false};
   std::thread secondWaiter([&] {
+    secondWaiterId = kest2_test::SystemThreadId();
     EXPECT_EQ(Zlib()->wait(&secondJob, nullptr), Z_OK);
     secondWaiterBack = true;
   });
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  std::thread firstWaiter([&] { EXPECT_EQ(Zlib()->wait(&firstJob, nullptr), Z_OK); });
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_TRUE(asleepInWait(1, secondWaiterId));
+  std::thread firstWaiter([&] {
+    firstWaiterId = kest2_test::SystemThreadId();
+    EXPECT_EQ(Zlib()->wait(&firstJob, nullptr), Z_OK);
+  });
+  EXPECT_TRUE(asleepInWait(2, firstWaiterId));
   ASSERT_EQ(Zlib()->submit(&firstJob), &firstJob);
   ASSERT_EQ(Zlib()->submit(&secondJob), &secondJob);
   firstWaiter.join();
   ASSERT_TRUE(AwaitDone(&secondJob));
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (!secondWaiterBack && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  EXPECT_TRUE(secondWaiterBack) << "a waiter missed the end of its job";
+  // A missed wake-up leaves the waiter asleep for good; only a bound on the
+  // wait can tell that from a slow one.
+  EXPECT_TRUE(kest2_test::WaitUntil([&] { return secondWaiterBack.load(); }))
+      << "a waiter missed the end of its job";
   // Free a stuck waiter with more finished jobs, so that the test ends.
   while (!secondWaiterBack) {
     DecompressionJob extra = MakeJob(first.compressed, firstOut.data(), 1000, nullptr, 0, 0);

@@ -4,7 +4,6 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstring>
 #include <thread>
 
@@ -12,6 +11,7 @@
 
 #include "core/platform.h"
 #include "kest2.h"
+#include "test_support.h"
 
 namespace {
 
@@ -167,13 +167,18 @@ TEST(PlatformRwlockTest, ReadersShareWritersExclude) {
   });
   reader.join();
   EXPECT_TRUE(secondReaderIn);
+  std::atomic<pid_t> writerThread{0};
   std::atomic<bool> writerIn{false};
   std::thread writer([&] {
+    writerThread = kest2_test::SystemThreadId();
     RwlockWriteLock(&lock);
     writerIn = true;
     RwlockWriteUnlock(&lock);
   });
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  // The writer has tried while the reader holds the lock: it is asleep in
+  // it, or (wrongly) inside.
+  EXPECT_TRUE(kest2_test::WaitUntil(
+      [&] { return writerIn || (writerThread != 0 && kest2_test::AsleepInFutex(writerThread)); }));
   EXPECT_FALSE(writerIn);
   RwlockReadUnlock(&lock);
   writer.join();

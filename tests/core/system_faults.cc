@@ -167,11 +167,11 @@ ResourceCounts ResourceCounts::Settled() {
 }
 
 void ExpectResourcesBack(const ResourceCounts& before) {
-  ResourceCounts now = ResourceCounts::Now();
-  for (int wait = 0; wait < 2000 && !(now == before); ++wait) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  ResourceCounts now;
+  WaitUntil([&] {
     now = ResourceCounts::Now();
-  }
+    return now == before;
+  });
   EXPECT_EQ(now.operations, before.operations) << "operations";
   EXPECT_EQ(now.fileHandles, before.fileHandles) << "file handles";
   EXPECT_EQ(now.directoryHandles, before.directoryHandles) << "directory handles";

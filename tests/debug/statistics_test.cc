@@ -86,6 +86,7 @@ TEST_F(StatisticsTest, TimeStampsPrintAbsoluteAndDeltaMicroseconds) {
   EXPECT_EQ(output_.text(), "Time stamp dump: no entries\n");
   output_.Clear();
   zulKestSaveTimeStamp("first", 0x2a);
+  // Lets time pass for the delta to measure; no other thread is involved.
   std::this_thread::sleep_for(std::chrono::milliseconds(2));
   zulKestSaveTimeStamp("second", 7);
   zulKestPrintTimeStamps();

@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -403,14 +402,11 @@ TEST_F(EngineTest, SchedulerThreadsCarryTheirNames) {
   };
   // Each thread names itself once it runs.
   std::vector<std::string> names;
-  for (int i = 0; i < 1000; ++i) {
+  kest2_test::WaitUntil([&] {
     names = ThreadNames();
-    if (count(names, "ZulKestIO /") == 2 && count(names, "ZulKestIO") == 2 &&
-        count(names, "ZulKestCallback") == 1) {
-      break;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
+    return count(names, "ZulKestIO /") == 2 && count(names, "ZulKestIO") == 2 &&
+           count(names, "ZulKestCallback") == 1;
+  });
   EXPECT_EQ(count(names, "ZulKestCallback"), 1);
   EXPECT_EQ(count(names, "ZulKestIO"), 2);
   EXPECT_EQ(count(names, "ZulKestIO /"), 2);
@@ -436,8 +432,7 @@ TEST_F(EngineTest, ProfilingHookSeesTheSchedulerSteps) {
             1000);
   // The root's execution is reported after its completion has released
   // the waiter, so that last event may still be on its way.
-  for (int i = 0; i < 1000 && g_schedulerEvents[13] < 4; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  kest2_test::WaitUntil([] { return g_schedulerEvents[13] >= 4; });
   EXPECT_EQ(g_schedulerEvents[9], 1);   // one tree scheduled
   EXPECT_GE(g_schedulerEvents[11], 4);  // open, read, close, root
   EXPECT_GE(g_schedulerEvents[13], 4);
@@ -465,8 +460,7 @@ TEST_F(EngineTest, AWideTreeIsQueuedWholeWithOrWithoutTheFastPath) {
     EXPECT_EQ(zulKestOpSyncWaitForIO(zulKestFileRead(&attr, path.c_str(), buffer.data(), kSize, 0)),
               static_cast<int64_t>(kSize));
     EXPECT_EQ(buffer, Pattern(kSize, 21));
-    for (int i = 0; i < 1000 && g_schedulerEvents[13] < 259; ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    kest2_test::WaitUntil([] { return g_schedulerEvents[13] >= 259; });
     // Open, 256 pieces, close and root: each queued (or run at once on the
     // fast path) exactly once, and each executed.
     EXPECT_EQ(g_schedulerEvents[11], 259);

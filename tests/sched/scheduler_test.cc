@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstring>
 #include <fstream>
 #include <mutex>
@@ -31,13 +30,7 @@ size_t CountOf(const std::string& text, const std::string& what) {
   return count;
 }
 
-// Polls until done() or about 10 s have passed.
-template <typename Done>
-bool Eventually(Done done) {
-  for (int i = 0; i < 10000 && !done(); ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  return done();
-}
+using kest2_test::WaitUntil;
 
 class SchedulerTest : public ::testing::Test {
  protected:
@@ -79,14 +72,14 @@ TEST_F(SchedulerTest, FullQueueBlocksTheProducerUntilAnEntryIsTaken) {
     AddToSchedule(scheduler, chunks.back(), 0, false);
     added = true;
   });
-  ASSERT_TRUE(Eventually([&] {
+  ASSERT_TRUE(WaitUntil([&] {
     return output_.text().find("KEST2 scheduler queue is full, waiting...\n") != std::string::npos;
   }));
   EXPECT_FALSE(added);
   zulKestResume();
   producer.join();
   EXPECT_EQ(CountOf(output_.text(), "KEST2 scheduler queue is available again\n"), 1u);
-  ASSERT_TRUE(Eventually([] { return zulKestIsIdle(); }));
+  ASSERT_TRUE(WaitUntil([] { return zulKestIsIdle(); }));
   EXPECT_EQ(scheduler->queueHighWater, 8191u);
   for (ChunkID id : chunks) {
     EXPECT_NE(LoadChunkFlags(ChunkAt(id)) & kChunkCompleted, 0);
@@ -115,11 +108,11 @@ TEST_F(SchedulerTest, BusyChunkIsRetriedAfterTheBackOffAndRunsOnceFree) {
 
   // Refused claims put the chunk back; with no kick the thread looks again
   // every 50 ms.
-  ASSERT_TRUE(Eventually([] { return g_claims >= 3; }));
+  ASSERT_TRUE(WaitUntil([] { return g_claims >= 3; }));
   EXPECT_EQ(LoadChunkFlags(ChunkAt(work)) & kChunkCompleted, 0);
   EXPECT_LE(CountOf(output_.text(), "An unexpected busy state was hit while scheduling!"), 1u);
   g_resourceFree = true;
-  ASSERT_TRUE(Eventually([&] { return (LoadChunkFlags(ChunkAt(work)) & kChunkCompleted) != 0; }));
+  ASSERT_TRUE(WaitUntil([&] { return (LoadChunkFlags(ChunkAt(work)) & kChunkCompleted) != 0; }));
   EXPECT_TRUE(zulKestIsIdle());
   DeallocateChunk(work);
   DeallocateChunk(guard);
@@ -165,8 +158,8 @@ TEST_F(SchedulerTest, LinkedCallbackHearsOnTheIoThreadThatItsChunkRanAndNotThatI
     ChunkAt(g_ranWork)->linked = guard;
     AddToSchedule(AllOtherScheduler(), g_ranWork, 0, false);
     ASSERT_TRUE(
-        Eventually([] { return (LoadChunkFlags(ChunkAt(g_ranWork)) & kChunkCompleted) != 0; }));
-    ASSERT_TRUE(Eventually([] { return zulKestIsIdle(); }));
+        WaitUntil([] { return (LoadChunkFlags(ChunkAt(g_ranWork)) & kChunkCompleted) != 0; }));
+    ASSERT_TRUE(WaitUntil([] { return zulKestIsIdle(); }));
     {
       std::lock_guard<std::mutex> lock(g_ranMutex);
       if (fails) {
@@ -220,16 +213,15 @@ TEST_F(SchedulerTest, SelfKickingCallbackRunsAfterItsChildWhetherBusyThenOrNot) 
     const ChunkID gate = QueueSelfKicking(Gate, 0, true);
     const ChunkID child = GetChild(gate, 0);
     zulKestResume();
-    ASSERT_TRUE(
-        Eventually([&] { return (LoadChunkFlags(ChunkAt(child)) & kChunkCompleted) != 0; }));
+    ASSERT_TRUE(WaitUntil([&] { return (LoadChunkFlags(ChunkAt(child)) & kChunkCompleted) != 0; }));
     if (!openFirst) {
       EXPECT_EQ(g_gateRuns, 0);
       g_gateOpen = true;
       Kick(CallbackScheduler());
     }
-    ASSERT_TRUE(Eventually([&] { return (LoadChunkFlags(ChunkAt(gate)) & kChunkCompleted) != 0; }));
+    ASSERT_TRUE(WaitUntil([&] { return (LoadChunkFlags(ChunkAt(gate)) & kChunkCompleted) != 0; }));
     EXPECT_EQ(g_gateRuns, 1);
-    ASSERT_TRUE(Eventually([] { return zulKestIsIdle(); }));
+    ASSERT_TRUE(WaitUntil([] { return zulKestIsIdle(); }));
     DeallocateTree(gate);
   }
 }
@@ -278,7 +270,7 @@ TEST_F(SchedulerTest, SelfKickedCallbacksRunInQueueOrderAndOnlyWhenFree) {
   zulKestResume();
   // Every child done: every gate waits, busy, for its own kick.
   for (ChunkID gate : gates) {
-    ASSERT_TRUE(Eventually([&] { return AllChildrenCompleted(gate); }));
+    ASSERT_TRUE(WaitUntil([&] { return AllChildrenCompleted(gate); }));
   }
   const std::vector<std::vector<int>> rounds = {{25, 3, 17},
                                                 {39, 1, 30, 8, 22, 12, 35, 5, 27, 14, 19, 33}};
@@ -287,7 +279,7 @@ TEST_F(SchedulerTest, SelfKickedCallbacksRunInQueueOrderAndOnlyWhenFree) {
     g_blockerEntered = false;
     g_blockerReleased = false;
     const ChunkID blocker = QueueSelfKicking(Blocker, 0, false);
-    ASSERT_TRUE(Eventually([] { return g_blockerEntered.load(); }));
+    ASSERT_TRUE(WaitUntil([] { return g_blockerEntered.load(); }));
     for (int number : round) {
       g_numberedOpen[number] = true;
       KickChunk(CallbackScheduler(), gates[number]);
@@ -300,7 +292,7 @@ TEST_F(SchedulerTest, SelfKickedCallbacksRunInQueueOrderAndOnlyWhenFree) {
     g_blockerReleased = true;
     std::vector<int> expected = round;
     std::sort(expected.begin(), expected.end());
-    ASSERT_TRUE(Eventually([&] {
+    ASSERT_TRUE(WaitUntil([&] {
       std::lock_guard<std::mutex> lock(g_gateOrderMutex);
       return g_gateOrder.size() >= expected.size();
     }));
@@ -310,7 +302,7 @@ TEST_F(SchedulerTest, SelfKickedCallbacksRunInQueueOrderAndOnlyWhenFree) {
   }
   for (auto& open : g_numberedOpen) open = true;
   for (ChunkID gate : gates) KickChunk(CallbackScheduler(), gate);
-  ASSERT_TRUE(Eventually([] { return zulKestIsIdle(); }));
+  ASSERT_TRUE(WaitUntil([] { return zulKestIsIdle(); }));
   EXPECT_EQ(g_numberedRuns, kGates);
   EXPECT_EQ(CountOf(output_.text(), "An unexpected busy state"), 0u);
   for (ChunkID gate : gates) DeallocateTree(gate);
@@ -406,21 +398,28 @@ TEST_F(SchedulerTest, ReschedulingToAnEarlierDeadlineMovesWorkAhead) {
   zulKestUpdateParameters(&params);
   g_readOffsets.clear();
 
+  // Reads modelled at 1 s per 64 KiB, about 1.5 s for each read here: a
+  // deadline 2.3 s ahead is met ahead of the other read and missed behind
+  // it, by about 0.75 s either way, however long this thread is held up.
+  // Suspended, nothing runs and no measurement changes the model.
+  zulKestSuspend();
+  for (Scheduler* scheduler = SchedulerListHead(); scheduler != nullptr;
+       scheduler = scheduler->next) {
+    MutexLocker lock(&scheduler->mutex);
+    scheduler->typeEstimate[CHUNK_FH_READ] = 1000000000;
+  }
   std::vector<char> a(100000), b(100000);
   ZulKestOpAttr attr;
   zulKestGetDefaultOpAttr(&attr);
   const ZulKestTime now = zulKestTimeGetCurrent();
-  zulKestSuspend();
   attr.deadline = now + 10000000000LL;
   const ZulKestOp first = zulKestFHPread(&attr, fh, a.data(), 100000, 0);
   attr.deadline = now + 20000000000LL;
   const ZulKestOp second = zulKestFHPread(&attr, fh, b.data(), 100000, 200000);
   // The same deadline changes nothing, even with another priority.
   zulKestOpRescheduleWithPriority(second, now + 20000000000LL, 100);
-  // Behind the first read it would finish too late for 15 ms (by the
-  // initial time model a read of this size takes about 10 ms); ahead of it,
-  // it makes it.
-  zulKestOpReschedule(second, zulKestTimeGetCurrent() + 15000000LL);
+  // Behind the first read it would finish too late; ahead of it, in time.
+  zulKestOpReschedule(second, zulKestTimeGetCurrent() + 2300000000LL);
   zulKestResume();
   EXPECT_EQ(zulKestOpSyncWait(first), ZUL_KEST_OK);
   EXPECT_EQ(zulKestOpSyncWait(second), ZUL_KEST_OK);
