@@ -5,52 +5,47 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
+#include <type_traits>
 
 namespace kest2 {
 namespace {
 
-// A zeroed record of the type, as big as its footprint.
+// Whether a record type has a handle field `h` / a path field `path`.
+template <typename T, typename = void>
+struct HasHandle : std::false_type {};
+template <typename T>
+struct HasHandle<T, std::void_t<decltype(T::h)>> : std::true_type {};
+template <typename T, typename = void>
+struct HasPath : std::false_type {};
+template <typename T>
+struct HasPath<T, std::void_t<decltype(T::path)>> : std::true_type {};
+
+// Fills a zeroed record of the type with handle h and path (where the
+// record has them), then reads both back through the row.
 template <typename Record>
-Record* Blank(unsigned char (&bytes)[128], uint8_t type) {
-  std::memset(bytes, 0, sizeof(bytes));
+void ExpectRead(uint8_t type, uint32_t h, const StoredPath* path) {
+  alignas(8) unsigned char bytes[128] = {};
   Record* record = reinterpret_cast<Record*>(bytes);
   record->header.type = type;
-  return record;
+  if constexpr (HasHandle<Record>::value) record->h = h;
+  if constexpr (HasPath<Record>::value) record->path = path;
+  EXPECT_EQ(RecordHandle(&record->header), HasHandle<Record>::value ? h : 0u)
+      << ChunkTypeName(type);
+  EXPECT_EQ(RecordPath(&record->header), HasPath<Record>::value ? path : nullptr)
+      << ChunkTypeName(type);
 }
 
 TEST(ChunkTypesTest, HandleAndPathAreReadFromTheRecordsOwnFields) {
-  alignas(8) unsigned char bytes[128];
   const StoredPath* path = reinterpret_cast<const StoredPath*>(0x1234);
-  auto open = Blank<ChunkFhOpenRecord>(bytes, CHUNK_FH_OPEN);
-  open->h = 7;
-  open->path = path;
-  EXPECT_EQ(RecordHandle(&open->header), 7u);
-  EXPECT_EQ(RecordPath(&open->header), path);
-  auto read = Blank<ChunkFhIoRecord>(bytes, CHUNK_FH_WRITE);
-  read->h = 8;
-  EXPECT_EQ(RecordHandle(&read->header), 8u);
-  EXPECT_EQ(RecordPath(&read->header), nullptr);
-  auto stat = Blank<ChunkStatRecord>(bytes, CHUNK_STAT);
-  stat->h = 9;
-  stat->path = path;
-  EXPECT_EQ(RecordHandle(&stat->header), 9u);
-  EXPECT_EQ(RecordPath(&stat->header), path);
-  auto truncate = Blank<ChunkTruncateRecord>(bytes, CHUNK_TRUNCATE);
-  truncate->h = 10;
-  truncate->path = path;
-  EXPECT_EQ(RecordHandle(&truncate->header), 10u);
-  EXPECT_EQ(RecordPath(&truncate->header), path);
-  auto mount = Blank<ChunkArchiveRecord>(bytes, CHUNK_ARCHIVE_MOUNT);
-  mount->h = 11;
-  mount->path = path;
-  EXPECT_EQ(RecordHandle(&mount->header), 11u);
-  EXPECT_EQ(RecordPath(&mount->header), path);
-  auto rename = Blank<ChunkRenameRecord>(bytes, CHUNK_RENAME);
-  rename->path = path;
-  EXPECT_EQ(RecordHandle(&rename->header), 0u);
-  EXPECT_EQ(RecordPath(&rename->header), path);
+  ExpectRead<ChunkFhOpenRecord>(CHUNK_FH_OPEN, 7, path);
+  ExpectRead<ChunkFhIoRecord>(CHUNK_FH_WRITE, 8, path);
+  ExpectRead<ChunkStatRecord>(CHUNK_STAT, 9, path);
+  ExpectRead<ChunkTruncateRecord>(CHUNK_TRUNCATE, 10, path);
+  ExpectRead<ChunkArchiveRecord>(CHUNK_ARCHIVE_MOUNT, 11, path);
+  ExpectRead<ChunkRenameRecord>(CHUNK_RENAME, 12, path);
+  ExpectRead<ChunkHandleRecord>(CHUNK_ARCHIVE_UNMOUNT, 13, path);
+  ExpectRead<ChunkDhReadRecord>(CHUNK_DH_READ_BULK, 14, path);
 }
 
 TEST(ChunkTypesTest, RolesMatchTheHandleBookkeeping) {
