@@ -64,6 +64,9 @@
 
 #include "archive/zorba_format.h"
 #include "bench_support.h"
+#include "common/library_storage.h"
+#include "common/random.h"
+#include "common/temp_dir.h"
 #include "kest2.h"
 #include "kest2/archive_writer.h"
 
@@ -102,7 +105,7 @@ std::vector<int64_t> PlanSizes(int64_t total) {
     int64_t lo, hi;
   };
   const Band bands[] = {{0.20, 4 * kKiB, 64 * kKiB}, {0.33, 64 * kKiB, 2 * kMiB}, {0.47, 8 * kMiB, 40 * kMiB}};
-  kest2_bench::Random random(3);
+  kest2_common::Random random(3);
   std::vector<int64_t> sizes;
   int64_t planned = 0;
   for (const Band& band : bands) {
@@ -427,7 +430,8 @@ class KestSession {
  public:
   explicit KestSession(const std::string& archive) {
     const uint32_t operations = 2 * static_cast<uint32_t>(kWindows[std::size(kWindows) - 1]) + 64;
-    ZulKestParams params = kest2_bench::MakeParams(&m_storage, operations, 64, 65536);
+    ZulKestParams params = m_storage.MakeParams(operations, 64, kest2_bench::kDirHandles,
+                                                kest2_bench::kPathMax, 65536);
     params.ioThreadCount = 1;  // reads of a warm archive take microseconds
     params.decompressorThreadCount = 2;
     if (zulKestInitialize(&params) != ZUL_KEST_OK) Fail("zulKestInitialize");
@@ -461,7 +465,7 @@ class KestSession {
     std::fprintf(stderr, "kest2: %s failed\n", what);
     std::exit(1);
   }
-  kest2_bench::KestStorage m_storage;
+  kest2_common::LibraryStorage m_storage;
   std::vector<uint64_t> m_work;
   std::vector<uint64_t> m_mount;
   ZulKestZorbaDearchiverContext m_context{};
@@ -761,7 +765,7 @@ int main(int argc, char** argv) {
       return 2;
     }
   }
-  kest2_bench::TempDir scratch;
+  kest2_common::TempDir scratch("kest2_bench_");
   const std::string dir = keepDir.empty() ? scratch.path() : keepDir;
   std::filesystem::create_directories(dir);
 

@@ -29,50 +29,13 @@ std::atomic<const char*> g_running{nullptr};
 
 }  // namespace
 
-ZulKestParams MakeParams(KestStorage* storage, uint32_t opUnits, uint32_t fhUnits,
-                         uint32_t chunkUnits) {
-  constexpr uint32_t kDhUnits = 4;
-  storage->op.assign(ZUL_KEST_STORAGE_SIZE(opUnits, ZUL_KEST_OP_UNIT_SIZE(kPathMax)) / 8, 0);
-  storage->fh.assign(ZUL_KEST_STORAGE_SIZE(fhUnits, ZUL_KEST_FH_UNIT_SIZE(kPathMax)) / 8, 0);
-  storage->dh.assign(ZUL_KEST_STORAGE_SIZE(kDhUnits, ZUL_KEST_DH_UNIT_SIZE(kPathMax)) / 8, 0);
-  storage->chunk.assign(ZUL_KEST_STORAGE_SIZE(chunkUnits, ZUL_KEST_CHUNK_UNIT_SIZE) / 8, 0);
-  ZulKestParams params{};
-  params.header = ZUL_KEST_PARAMS_HEADER(kPathMax);
-  params.opStorage = storage->op.data();
-  params.opStorageSize = storage->op.size() * 8;
-  params.fhStorage = storage->fh.data();
-  params.fhStorageSize = storage->fh.size() * 8;
-  params.dhStorage = storage->dh.data();
-  params.dhStorageSize = storage->dh.size() * 8;
-  params.chunkStorage = storage->chunk.data();
-  params.chunkStorageSize = storage->chunk.size() * 8;
-  for (int i = 0; i < 3; ++i) params.threadPriority[i] = -1;
-  return params;
-}
-
-TempDir::TempDir() {
-  char pattern[] = "/tmp/kest2_bench_XXXXXX";
-  if (mkdtemp(pattern) == nullptr) Die("mkdtemp", pattern);
-  m_path = pattern;
-}
-
-TempDir::~TempDir() {
-  std::error_code ignored;
-  std::filesystem::remove_all(m_path, ignored);
-}
-
 void WriteFile(const std::string& path, int64_t size, uint32_t seed) {
   const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) Die("open", path);
   std::vector<uint64_t> block(1 << 17);  // 1 MiB
-  uint64_t x = seed * 0x9E3779B97F4A7C15ull + 1;
+  kest2_common::Random random(seed);
   for (int64_t done = 0; done < size;) {
-    for (uint64_t& word : block) {
-      x ^= x << 13;
-      x ^= x >> 7;
-      x ^= x << 17;
-      word = x;
-    }
+    for (uint64_t& word : block) word = random.Next();
     const int64_t want = std::min<int64_t>(size - done, static_cast<int64_t>(block.size() * 8));
     if (::write(fd, block.data(), static_cast<size_t>(want)) != want) Die("write", path);
     done += want;
@@ -99,7 +62,7 @@ TextMaker::TextMaker() {
                                            "tu", "pa",  "zor", "ba",  "ex",  "in", "de", "gra",
                                            "ul", "shi", "qua", "te",  "mo",  "ar", "fi", "ly",
                                            "se", "cro", "pu",  "dan", "el",  "wo", "ti", "nu"};
-  Random random(7);
+  kest2_common::Random random(7);
   for (int w = 0; w < kWords; ++w) {
     std::string word;
     const int parts = 1 + static_cast<int>(random.Below(4));
@@ -110,7 +73,7 @@ TextMaker::TextMaker() {
 }
 
 void TextMaker::Fill(char* out, int64_t size, uint64_t seed) const {
-  Random random(seed);
+  kest2_common::Random random(seed);
   std::vector<std::string> recent(kRecentLines);
   std::string line;
   for (int64_t done = 0; done < size;) {
@@ -131,7 +94,7 @@ void TextMaker::Fill(char* out, int64_t size, uint64_t seed) const {
   }
 }
 
-void TextMaker::AddWords(std::string* line, int count, Random* random) const {
+void TextMaker::AddWords(std::string* line, int count, kest2_common::Random* random) const {
   for (int i = 0; i < count; ++i) {
     if (!line->empty() && line->back() != ' ') *line += ' ';
     if (random->Below(24) == 0) {

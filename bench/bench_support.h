@@ -1,14 +1,15 @@
-// Helpers shared by the benchmark programs: library storage, a scratch
-// directory, test files, text-like data, the clock, small statistics and a
-// watchdog for stalled runs.
+// Helpers shared by the benchmark programs: the library's sizes, test
+// files, text-like data, the clock, small statistics and a watchdog for
+// stalled runs.  Storage, scratch directories and random numbers come from
+// tools/common, shared with the tests.
 #ifndef KEST2_BENCH_BENCH_SUPPORT_H_
 #define KEST2_BENCH_BENCH_SUPPORT_H_
 
-#include <cmath>
 #include <cstdint>
 #include <string>
 #include <vector>
 
+#include "common/random.h"
 #include "kest2.h"
 
 namespace kest2_bench {
@@ -16,32 +17,10 @@ namespace kest2_bench {
 constexpr int64_t kKiB = 1024;
 constexpr int64_t kMiB = 1024 * kKiB;
 
-// The longest path the benchmarks hand the library; keeps the storage small.
+// The longest path the benchmarks hand the library, and the directory
+// handles they need; both keep the storage small.
 constexpr uint32_t kPathMax = 256;
-
-// Caller storage for the library's tables, sized at run time.
-struct KestStorage {
-  std::vector<uint64_t> op, fh, dh, chunk;
-};
-
-// Sizes the storage for the given unit counts and returns a parameters
-// record that points at it (every other field zero or default).
-ZulKestParams MakeParams(KestStorage* storage, uint32_t opUnits, uint32_t fhUnits,
-                         uint32_t chunkUnits);
-
-// A directory made with mkdtemp under /tmp, removed with its contents at
-// destruction.
-class TempDir {
- public:
-  TempDir();
-  ~TempDir();
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  const std::string& path() const { return m_path; }
-
- private:
-  std::string m_path;
-};
+constexpr uint32_t kDirHandles = 4;
 
 // Writes size bytes of seeded noise.  Exits on failure.
 void WriteFile(const std::string& path, int64_t size, uint32_t seed);
@@ -50,25 +29,6 @@ void WriteFile(const std::string& path, int64_t size, uint32_t seed);
 void FlushToDevice();
 // Reads the whole file once, leaving it in the page cache.
 void WarmFile(const std::string& path);
-
-// xorshift64: cheap, and the same data and orders on every run.
-struct Random {
-  uint64_t x;
-  explicit Random(uint64_t seed) : x(seed * 0x9E3779B97F4A7C15ull + 0x2545F4914F6CDD1Dull) {}
-  uint64_t Next() {
-    x ^= x << 13;
-    x ^= x >> 7;
-    x ^= x << 17;
-    return x;
-  }
-  uint64_t Below(uint64_t n) { return Next() % n; }
-  // Log-uniform in [lo, hi]: as many small sizes as large ones per octave.
-  int64_t LogUniform(int64_t lo, int64_t hi) {
-    const double u = static_cast<double>(Next() >> 11) / 9007199254740992.0;
-    return static_cast<int64_t>(static_cast<double>(lo) *
-                                std::pow(static_cast<double>(hi) / static_cast<double>(lo), u));
-  }
-};
 
 // Lines of pseudo-words (syllables, common words far more likely than rare
 // ones, the odd number), most of them echoing a recent line with a new
@@ -85,7 +45,7 @@ class TextMaker {
   static constexpr int kWords = 4096;
   static constexpr uint64_t kRecentLines = 64;
 
-  void AddWords(std::string* line, int count, Random* random) const;
+  void AddWords(std::string* line, int count, kest2_common::Random* random) const;
 
   std::vector<std::string> m_words;
 };

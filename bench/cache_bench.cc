@@ -78,6 +78,9 @@
 
 #include "bench_support.h"
 #include "cache/ram_cache.h"
+#include "common/library_storage.h"
+#include "common/random.h"
+#include "common/temp_dir.h"
 #include "kest2.h"
 #include "kest2/archive_writer.h"
 
@@ -155,7 +158,7 @@ void FinishSet(FileSet* set, const kest2_bench::TextMaker& maker, uint64_t seed)
 // (so most files end in a short block), adding up to about `total`.
 FileSet MakeTree(const std::string& root, int64_t total, const kest2_bench::TextMaker& maker) {
   FileSet set;
-  kest2_bench::Random random(3);
+  kest2_common::Random random(3);
   for (int i = 0; set.bytes < total; ++i) {
     int64_t size = std::min(random.LogUniform(64 * kKiB, 6 * kMiB), total - set.bytes);
     size = std::max<int64_t>(size, 4 * kKiB) | 1;
@@ -282,7 +285,7 @@ std::vector<Piece> AllPieces(const FileSet& set, int64_t readSize) {
 }
 
 std::vector<Piece> Shuffled(std::vector<Piece> pieces, uint64_t seed) {
-  kest2_bench::Random random(seed);
+  kest2_common::Random random(seed);
   for (size_t i = pieces.size(); i > 1; --i) std::swap(pieces[i - 1], pieces[random.Below(i)]);
   return pieces;
 }
@@ -570,7 +573,7 @@ int main(int argc, char** argv) {
     return only.empty() || only == group || std::string(name).find(only) != std::string::npos;
   };
 
-  kest2_bench::TempDir dir;
+  kest2_common::TempDir dir("kest2_bench_");
   const std::string archive = dir.path() + "/tree.zorba";
   const kest2_bench::TextMaker maker;
 
@@ -687,8 +690,9 @@ int main(int argc, char** argv) {
 
   // The library, once: the dearchiver at index 1 throughout, the cache
   // added at index 0 for the "on" runs only.
-  kest2_bench::KestStorage storage;
-  ZulKestParams params = kest2_bench::MakeParams(&storage, 256, 256, 16384);
+  kest2_common::LibraryStorage storage;
+  ZulKestParams params =
+      storage.MakeParams(256, 256, kest2_bench::kDirHandles, kest2_bench::kPathMax, 16384);
   params.ioThreadCount = ioThreads;
   params.decompressorThreadCount = 2;
   int32_t result = zulKestInitialize(&params);

@@ -35,6 +35,9 @@
 #include <vector>
 
 #include "bench_support.h"
+#include "common/library_storage.h"
+#include "common/random.h"
+#include "common/temp_dir.h"
 #include "fifo_pool.h"
 #include "kest2.h"
 #include "sched/scheduler.h"
@@ -182,7 +185,7 @@ Workload MakeWorkload(const Config& config, const std::string& dir) {
 // A request list drawn from seed: the waves, and small reads arriving with
 // uniformly jittered gaps for as long as waves do.
 void DrawRequests(const Config& config, uint64_t seed, Workload* workload) {
-  std::mt19937_64 random(seed);
+  kest2_common::Random random(seed);
   std::vector<Request>& requests = workload->requests;
   requests.clear();
   for (int wave = 0; wave < config.waves; ++wave) {
@@ -303,11 +306,12 @@ TimeModel ReadTimeModel() {
 ZulKestTime RunKest2(const Workload& workload, const Config& config, int threads, bool profile,
                      std::vector<Outcome>* outcomes, TimeModel* model = nullptr) {
   const std::vector<Request>& requests = workload.requests;
-  KestStorage storage;
+  kest2_common::LibraryStorage storage;
   // Operations stay allocated until the run ends; chunks are freed as
   // their trees finish, and the chunk table takes at most 65536 units.
-  ZulKestParams params = MakeParams(&storage, static_cast<uint32_t>(requests.size()) + 16,
-                                    static_cast<uint32_t>(workload.paths.size()) + 8, 65536);
+  ZulKestParams params = storage.MakeParams(static_cast<uint32_t>(requests.size()) + 16,
+                                            static_cast<uint32_t>(workload.paths.size()) + 8,
+                                            kDirHandles, kPathMax, 65536);
   params.ioThreadCount = static_cast<uint32_t>(threads);
   if (profile) {
     g_smallPaths.assign(workload.paths.begin() + kLargeFiles, workload.paths.end());
@@ -491,7 +495,7 @@ int main(int argc, char** argv) {
   }
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
 
-  TempDir dir;
+  kest2_common::TempDir dir("kest2_bench_");
   Workload workload = MakeWorkload(config, dir.path());
   WarmAll(workload);
   DrawRequests(config, kBaseSeed, &workload);

@@ -75,6 +75,9 @@
 #endif
 
 #include "bench_support.h"
+#include "common/library_storage.h"
+#include "common/random.h"
+#include "common/temp_dir.h"
 #include "kest2.h"
 
 namespace {
@@ -213,7 +216,7 @@ Workload MakeWholeFiles(const std::string& dir, int64_t total) {
   Workload workload;
   workload.wholeFiles = true;
   ::mkdir(dir.c_str(), 0755);
-  Random random(41);
+  kest2_common::Random random(41);
   std::vector<Job> files;
   for (int64_t written = 0; written < total;) {
     const int64_t size = std::min(random.LogUniform(kMinFile, kMaxFile), total - written);
@@ -243,7 +246,7 @@ Workload MakePieces(const std::string& dir, int64_t fileSize, int64_t reads) {
       pieceHashes[f].push_back(Hash64(bytes.data() + at, kPiece));
     }
   }
-  Random random(97);
+  kest2_common::Random random(97);
   const uint64_t piecesPerFile = static_cast<uint64_t>(fileSize / kPiece);
   for (int64_t i = 0; i < reads; ++i) {
     const int32_t file = static_cast<int32_t>(random.Below(kBigFiles));
@@ -440,9 +443,9 @@ int32_t OnKestEvent(void* context, ZulKestOp op, uint8_t event, int32_t error) {
 Sample RunKest(const Cell& cell, const char* method, uint32_t ioThreads,
                std::vector<char*>* buffers) {
   const uint32_t inFlight = static_cast<uint32_t>(cell.inFlight);
-  KestStorage storage;
-  ZulKestParams params =
-      MakeParams(&storage, inFlight + 64, inFlight + 64, kChunksPerRequest * inFlight + 1024);
+  kest2_common::LibraryStorage storage;
+  ZulKestParams params = storage.MakeParams(inFlight + 64, inFlight + 64, kDirHandles, kPathMax,
+                                            kChunksPerRequest * inFlight + 1024);
   params.ioThreadCount = ioThreads;
   int32_t rc = zulKestInitialize(&params);
   if (rc != ZUL_KEST_OK)
@@ -825,7 +828,7 @@ int main(int argc, char** argv) {
     setrlimit(RLIMIT_NOFILE, &files);
   }
 
-  TempDir dir;
+  kest2_common::TempDir dir("kest2_bench_");
   g_scratch = dir.path();
   StartStallWatchdog(dir.path(), kStallSeconds, "read");
   SetRunning("writing the files");

@@ -28,6 +28,8 @@
 #include <vector>
 
 #include "bench_support.h"
+#include "common/library_storage.h"
+#include "common/temp_dir.h"
 #include "kest2.h"
 
 namespace {
@@ -103,7 +105,7 @@ constexpr double kTarget[kModes] = {0.0, 2.0, 6.0};
 
 int main() {
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
-  TempDir dir;
+  kest2_common::TempDir dir("kest2_bench_");
   std::vector<std::string> paths;
   char name[32];
   for (int i = 0; i < kFiles; ++i) {
@@ -114,8 +116,8 @@ int main() {
   FlushToDevice();
   for (const std::string& path : paths) WarmFile(path);
 
-  KestStorage storage;
-  ZulKestParams params = MakeParams(&storage, 64, 16, 4096);
+  kest2_common::LibraryStorage storage;
+  ZulKestParams params = storage.MakeParams(64, 16, kDirHandles, kPathMax, 4096);
   params.ioThreadCount = 1;
   const int32_t rc = zulKestInitialize(&params);
   if (rc != ZUL_KEST_OK) {

@@ -24,6 +24,8 @@
 #include <vector>
 
 #include "bench_support.h"
+#include "common/library_storage.h"
+#include "common/temp_dir.h"
 #include "kest2.h"
 
 namespace {
@@ -157,8 +159,9 @@ void Report(const char* what, const char* target, double baseline, double kest, 
 // Runs one measurement inside its own library session.
 template <typename Measure>
 double WithLibrary(uint32_t maxChunk, Measure measure) {
-  kest2_bench::KestStorage storage;
-  ZulKestParams params = kest2_bench::MakeParams(&storage, 256, 16, 16384);
+  kest2_common::LibraryStorage storage;
+  ZulKestParams params =
+      storage.MakeParams(256, 16, kest2_bench::kDirHandles, kest2_bench::kPathMax, 16384);
   params.ioThreadCount = kThreads;
   params.maxChunk = maxChunk;
   if (zulKestInitialize(&params) != ZUL_KEST_OK) {
@@ -174,7 +177,7 @@ double WithLibrary(uint32_t maxChunk, Measure measure) {
 
 int main(int argc, char** argv) {
   const int64_t fileMiB = argc > 1 ? std::atoll(argv[1]) : 1024;
-  kest2_bench::TempDir dir;
+  kest2_common::TempDir dir("kest2_bench_");
   const std::string big = dir.path() + "/sequential";
   std::printf("kest2 throughput: %lld MiB sequential file, %d files of %lld MiB for 64 KiB reads,"
               " warm page cache, %d I/O threads\n",

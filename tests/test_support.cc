@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -76,31 +75,6 @@ void SetDebugFlags(uint32_t flags) {
   __atomic_store_n(&kest2::g_KestParams.debugFlags, flags, __ATOMIC_RELAXED);
 }
 
-ZulKestParams MakeParams(TestStorage* storage, uint32_t opUnits,
-                         uint32_t fhUnits, uint32_t dhUnits, uint32_t pathMax,
-                         uint32_t chunkUnits) {
-  const uint32_t effectivePathMax = pathMax == 0 || pathMax > 1024 ? 1024 : pathMax;
-  storage->op.assign(
-      ZUL_KEST_STORAGE_SIZE(opUnits, ZUL_KEST_OP_UNIT_SIZE(effectivePathMax)) / 8, 0);
-  storage->fh.assign(
-      ZUL_KEST_STORAGE_SIZE(fhUnits, ZUL_KEST_FH_UNIT_SIZE(effectivePathMax)) / 8, 0);
-  storage->dh.assign(
-      ZUL_KEST_STORAGE_SIZE(dhUnits, ZUL_KEST_DH_UNIT_SIZE(effectivePathMax)) / 8, 0);
-  storage->chunk.assign(ZUL_KEST_STORAGE_SIZE(chunkUnits, ZUL_KEST_CHUNK_UNIT_SIZE) / 8, 0);
-  ZulKestParams params{};
-  params.header = ZUL_KEST_PARAMS_HEADER(pathMax);
-  params.opStorage = storage->op.data();
-  params.opStorageSize = storage->op.size() * 8;
-  params.fhStorage = storage->fh.data();
-  params.fhStorageSize = storage->fh.size() * 8;
-  params.dhStorage = storage->dh.data();
-  params.dhStorageSize = storage->dh.size() * 8;
-  params.chunkStorage = storage->chunk.data();
-  params.chunkStorageSize = storage->chunk.size() * 8;
-  for (int i = 0; i < 3; ++i) params.threadPriority[i] = -1;
-  return params;
-}
-
 DearchiverWork::DearchiverWork() {
   constexpr uint64_t kBytes = 3 * 70000;
   constexpr uintptr_t kAlignment = 64;
@@ -109,19 +83,6 @@ DearchiverWork::DearchiverWork() {
   m_context.workBufferSize = kBytes;
   m_context.pWorkBuffer = reinterpret_cast<void*>(
       (reinterpret_cast<uintptr_t>(m_buffer.data()) + kAlignment - 1) & ~(kAlignment - 1));
-}
-
-TempDir::TempDir() {
-  std::string pattern =
-      (std::filesystem::temp_directory_path() / "kest2_test_XXXXXX").string();
-  char* made = mkdtemp(pattern.data());
-  if (made == nullptr) std::abort();
-  m_path = made;
-}
-
-TempDir::~TempDir() {
-  std::error_code ignored;
-  std::filesystem::remove_all(m_path, ignored);
 }
 
 size_t OpenDescriptors() {

@@ -1,4 +1,6 @@
-// Small helpers shared by the tests.
+// Small helpers shared by the tests.  The library's storage, scratch
+// directories and random numbers come from tools/common, which the
+// benchmarks, the fuzz targets and the kest2 program share.
 #ifndef KEST2_TESTS_TEST_SUPPORT_H_
 #define KEST2_TESTS_TEST_SUPPORT_H_
 
@@ -65,15 +67,6 @@ bool AsleepInFutex(pid_t thread);
 // Switches trace modules while the library's threads may be reading them.
 void SetDebugFlags(uint32_t flags);
 
-// Caller storage for the three handle tables and the chunks, sized for the
-// given unit counts, and a parameters record that points at it.
-struct TestStorage {
-  std::vector<uint64_t> op, fh, dh, chunk;
-};
-ZulKestParams MakeParams(TestStorage* storage, uint32_t opUnits = 64,
-                         uint32_t fhUnits = 32, uint32_t dhUnits = 16,
-                         uint32_t pathMax = 1024, uint32_t chunkUnits = 1024);
-
 // A dearchiver context over its work buffer: three parts of 70,000 bytes
 // (a 64 KiB block and its row each), 64-byte aligned as the filter wants.
 class DearchiverWork {
@@ -91,18 +84,6 @@ class DearchiverWork {
 // The process's open descriptors, counted in /proc/self/fd (the count
 // includes the one the listing itself holds, the same in every call).
 size_t OpenDescriptors();
-
-// A directory under the system's temporary directory, removed with its
-// contents at destruction.
-class TempDir {
- public:
-  TempDir();
-  ~TempDir();
-  const std::string& path() const { return m_path; }
-
- private:
-  std::string m_path;
-};
 
 }  // namespace kest2_test
 

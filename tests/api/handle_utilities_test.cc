@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/library_storage.h"
 #include "core/handletable.h"
 #include "core/records.h"
 #include "kest2.h"
@@ -18,11 +19,11 @@ namespace {
 class HandleUtilitiesTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ZulKestParams params = kest2_test::MakeParams(&storage_);
+    ZulKestParams params = storage_.MakeParams();
     ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
   }
   void TearDown() override { zulKestTerminate(); }
-  kest2_test::TestStorage storage_;
+  kest2_common::LibraryStorage storage_;
 };
 
 TEST_F(HandleUtilitiesTest, Validity) {

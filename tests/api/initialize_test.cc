@@ -6,6 +6,7 @@
 
 #include <cstring>
 
+#include "common/library_storage.h"
 #include "core/globals.h"
 #include "core/handletable.h"
 #include "core/records.h"
@@ -14,9 +15,8 @@
 
 namespace {
 
-using kest2_test::MakeParams;
+using kest2_common::LibraryStorage;
 using kest2_test::OutputCapture;
-using kest2_test::TestStorage;
 
 class InitializeTest : public ::testing::Test {
  protected:
@@ -25,7 +25,7 @@ class InitializeTest : public ::testing::Test {
     zulKestDataTerm();
   }
 
-  TestStorage storage_;
+  LibraryStorage storage_;
 };
 
 TEST_F(InitializeTest, NullParametersAreRefused) {
@@ -36,7 +36,7 @@ TEST_F(InitializeTest, NullParametersAreRefused) {
 }
 
 TEST_F(InitializeTest, WrongRecordSizeIsRefused) {
-  ZulKestParams params = MakeParams(&storage_);
+  ZulKestParams params = storage_.MakeParams();
   params.paramsSize = 100;
   OutputCapture out;
   EXPECT_EQ(zulKestInitialize(&params), ZUL_KEST_ERROR_BAD_SIZE);
@@ -48,7 +48,7 @@ TEST_F(InitializeTest, WrongRecordSizeIsRefused) {
 }
 
 TEST_F(InitializeTest, DefaultsAndClampsAreApplied) {
-  ZulKestParams params = MakeParams(&storage_, 64, 32, 16, 0);
+  ZulKestParams params = storage_.MakeParams(64, 32, 16, 0);
   params.schedulerCount = 7;
   params.ioThreadCount = 0;
   params.decompressorThreadCount = 9;
@@ -77,7 +77,7 @@ TEST_F(InitializeTest, DefaultsAndClampsAreApplied) {
 
 TEST_F(InitializeTest, PathMaxAboveLimitIsClamped) {
   // Storage sized for 1024-byte paths; 2000 is cut back to that.
-  ZulKestParams params = MakeParams(&storage_, 64, 32, 16, 1024);
+  ZulKestParams params = storage_.MakeParams(64, 32, 16, 1024);
   params.pathMax = 2000;
   ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
   ZulKestParams active;
@@ -98,7 +98,7 @@ TEST_F(InitializeTest, ReservedFieldsMustBeZero) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    ZulKestParams params = MakeParams(&storage_);
+    ZulKestParams params = storage_.MakeParams();
     c.spoil(&params);
     OutputCapture out;
     params.pVprintf = OutputCapture::Hook();  // the copy is made before the check
@@ -108,7 +108,7 @@ TEST_F(InitializeTest, ReservedFieldsMustBeZero) {
               "zero.\n");
     EXPECT_FALSE(zulKestIsInitialized(nullptr));
   }
-  ZulKestParams params = MakeParams(&storage_);
+  ZulKestParams params = storage_.MakeParams();
   params.reservedMode = 1;
   params.spare = 0xAB;  // never checked
   EXPECT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
@@ -138,7 +138,7 @@ TEST_F(InitializeTest, StorageFailuresUnwindAndDestroyOwnLocks) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    ZulKestParams params = MakeParams(&storage_);
+    ZulKestParams params = storage_.MakeParams();
     c.spoil(&params);
     EXPECT_EQ(zulKestInitialize(&params), c.expected);
     EXPECT_FALSE(zulKestIsInitialized(nullptr));
@@ -151,12 +151,12 @@ TEST_F(InitializeTest, StorageFailuresUnwindAndDestroyOwnLocks) {
 TEST_F(InitializeTest, FailureKeepsLocksCreatedByTheHost) {
   zulKestDataInit();
   ASSERT_TRUE(kest2::LocksCreated());
-  ZulKestParams params = MakeParams(&storage_);
+  ZulKestParams params = storage_.MakeParams();
   params.opStorageSize = 10;
   EXPECT_EQ(zulKestInitialize(&params), ZUL_KEST_ERROR_BAD_SIZE);
   EXPECT_TRUE(kest2::LocksCreated());
   // And a successful cycle keeps them across terminate as well.
-  params = MakeParams(&storage_);
+  params = storage_.MakeParams();
   ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
   zulKestTerminate();
   EXPECT_TRUE(kest2::LocksCreated());
@@ -165,7 +165,7 @@ TEST_F(InitializeTest, FailureKeepsLocksCreatedByTheHost) {
 }
 
 TEST_F(InitializeTest, RepeatedInitialisationOnlyUpdatesAdjustableFields) {
-  ZulKestParams params = MakeParams(&storage_);
+  ZulKestParams params = storage_.MakeParams();
   ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
 
   ZulKestParams again = params;
@@ -200,7 +200,7 @@ TEST_F(InitializeTest, RepeatedInitialisationOnlyUpdatesAdjustableFields) {
 }
 
 TEST_F(InitializeTest, UpdateParametersIgnoresBadRecordsAndUninitialisedLibrary) {
-  ZulKestParams params = MakeParams(&storage_);
+  ZulKestParams params = storage_.MakeParams();
   params.maxChunk = 0x4000;
   zulKestUpdateParameters(&params);  // not initialised: ignored
   ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
@@ -222,7 +222,7 @@ TEST_F(InitializeTest, TerminateWhileUninitialisedWarns) {
 }
 
 TEST_F(InitializeTest, TerminateClearsHooksAndReportsLeakedOperations) {
-  ZulKestParams params = MakeParams(&storage_);
+  ZulKestParams params = storage_.MakeParams();
   params.debugFlags = 0;
   ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
   // Two operation units left allocated: the table reports them at
@@ -243,7 +243,7 @@ TEST_F(InitializeTest, TerminateClearsHooksAndReportsLeakedOperations) {
 }
 
 TEST_F(InitializeTest, GetAllHandlesCountsAndFills) {
-  ZulKestParams params = MakeParams(&storage_);
+  ZulKestParams params = storage_.MakeParams();
   ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
   uint32_t made[3];
   for (uint32_t& h : made) {
@@ -266,7 +266,7 @@ TEST_F(InitializeTest, GetAllHandlesCountsAndFills) {
 }
 
 TEST_F(InitializeTest, ThousandCyclesLeaveNothingBehind) {
-  ZulKestParams params = MakeParams(&storage_, 16, 16, 16);
+  ZulKestParams params = storage_.MakeParams(16, 16, 16);
   for (int i = 0; i < 1000; ++i) {
     ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK) << "cycle " << i;
     ASSERT_NE(kest2::AllocateHandle(kest2::kDhTable), 0u);

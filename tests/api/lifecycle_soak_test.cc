@@ -13,6 +13,8 @@
 #include <thread>
 #include <vector>
 
+#include "common/library_storage.h"
+#include "common/temp_dir.h"
 #include "kest2.h"
 #include "test_support.h"
 
@@ -45,7 +47,7 @@ size_t Occurrences(const std::string& text, const std::string& needle) {
 }
 
 TEST(LifecycleSoakTest, ThousandCyclesWithRequestsInFlightLeaveNothingBehind) {
-  kest2_test::TempDir dir;
+  kest2_common::TempDir dir;
   std::vector<std::string> paths;
   for (int i = 0; i < kFiles; ++i) {
     paths.push_back(dir.path() + "/f" + std::to_string(i));
@@ -53,11 +55,11 @@ TEST(LifecycleSoakTest, ThousandCyclesWithRequestsInFlightLeaveNothingBehind) {
         << std::string(4096u << i, static_cast<char>('a' + i));
   }
   std::vector<std::vector<char>> buffers(kFiles, std::vector<char>(4096u << (kFiles - 1)));
-  kest2_test::TestStorage storage;
+  kest2_common::LibraryStorage storage;
   // One cycle first: a sanitizer's runtime starts a thread of its own with
   // the process's first new thread, and keeps it.
   {
-    ZulKestParams params = kest2_test::MakeParams(&storage);
+    ZulKestParams params = storage.MakeParams();
     ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
     zulKestTerminate();
   }
@@ -67,7 +69,7 @@ TEST(LifecycleSoakTest, ThousandCyclesWithRequestsInFlightLeaveNothingBehind) {
   for (int cycle = 0; cycle < kCycles; ++cycle) {
     SCOPED_TRACE(cycle);
     kest2_test::OutputCapture output;
-    ZulKestParams params = kest2_test::MakeParams(&storage, 32, 16, 4, 1024, 1024);
+    ZulKestParams params = storage.MakeParams(32, 16, 4, 1024, 1024);
     params.pVprintf = kest2_test::OutputCapture::Hook();
     params.ioThreadCount = 1 + cycle % 2;
     ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);

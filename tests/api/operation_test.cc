@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "api/request_support.h"
+#include "common/library_storage.h"
 #include "core/handletable.h"
 #include "debug/trace.h"
 #include "kest2.h"
@@ -46,7 +47,7 @@ int32_t RecordingCallback(void* context, ZulKestOp op, uint8_t event, int32_t er
 class OperationTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ZulKestParams params = kest2_test::MakeParams(&storage_, 64, 8, 4);
+    ZulKestParams params = storage_.MakeParams(64, 8, 4);
     ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
   }
   void TearDown() override {
@@ -68,7 +69,7 @@ class OperationTest : public ::testing::Test {
     while (__atomic_load_n(&op->waiters, __ATOMIC_ACQUIRE) < n) std::this_thread::yield();
   }
 
-  kest2_test::TestStorage storage_;
+  kest2_common::LibraryStorage storage_;
 };
 
 TEST_F(OperationTest, FailCompletesAtOnceAndCallsBackOnce) {

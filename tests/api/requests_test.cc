@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include "common/library_storage.h"
+#include "common/temp_dir.h"
 #include "kest2.h"
 #include "test_support.h"
 
@@ -33,7 +35,7 @@ int CountCallback(void*, ZulKestOp, uint8_t event, int32_t error) {
 class RequestsTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ZulKestParams params = kest2_test::MakeParams(&storage_, 16, 4, 4);
+    ZulKestParams params = storage_.MakeParams(16, 4, 4);
     params.pVprintf = kest2_test::OutputCapture::Hook();
     ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
     file_ = dir_.path() + "/file";
@@ -46,8 +48,8 @@ class RequestsTest : public ::testing::Test {
   }
 
   kest2_test::OutputCapture output_;
-  kest2_test::TempDir dir_;
-  kest2_test::TestStorage storage_;
+  kest2_common::TempDir dir_;
+  kest2_common::LibraryStorage storage_;
   std::string file_;
   ZulKestFH readOnly_ = 0;
 };

@@ -14,6 +14,8 @@
 
 #include <gtest/gtest.h>
 
+#include "common/library_storage.h"
+#include "common/temp_dir.h"
 #include "kest2.h"
 #include "test_support.h"
 
@@ -31,7 +33,7 @@ class SyncRequestsTest : public ::testing::TestWithParam<bool> {
  protected:
   void SetUp() override {
     if (GetParam()) {
-      ZulKestParams params = kest2_test::MakeParams(&storage_);
+      ZulKestParams params = storage_.MakeParams();
       params.pVprintf = kest2_test::OutputCapture::Hook();
       ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
     }
@@ -42,8 +44,8 @@ class SyncRequestsTest : public ::testing::TestWithParam<bool> {
   std::string Path(const std::string& name) const { return dir_.path() + "/" + name; }
 
   kest2_test::OutputCapture output_;
-  kest2_test::TempDir dir_;
-  kest2_test::TestStorage storage_;
+  kest2_common::TempDir dir_;
+  kest2_common::LibraryStorage storage_;
 };
 
 TEST_P(SyncRequestsTest, PathFunctionsRoundTrip) {
@@ -163,8 +165,8 @@ class DescriptorHandlesTest : public ::testing::Test {
   void TearDown() override {
     if (zulKestIsInitialized(nullptr)) zulKestTerminate();
   }
-  kest2_test::TempDir dir_;
-  kest2_test::TestStorage storage_;
+  kest2_common::TempDir dir_;
+  kest2_common::LibraryStorage storage_;
 };
 
 TEST_F(DescriptorHandlesTest, HandleOpenedBeforeInitialisationKeepsWorkingAfterIt) {
@@ -175,7 +177,7 @@ TEST_F(DescriptorHandlesTest, HandleOpenedBeforeInitialisationKeepsWorkingAfterI
   EXPECT_EQ(fh & 0x7FFFC000u, 0x7FFF8000u);
   EXPECT_EQ(zulKestFHTruncateSync(nullptr, fh, 0), ZUL_KEST_ERROR_UNIMPLEMENTED);
 
-  ZulKestParams params = kest2_test::MakeParams(&storage_);
+  ZulKestParams params = storage_.MakeParams();
   ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
   char first[4], second[4];
   const ZulKestBuffer iov[2] = {{first, 4}, {second, 4}};
@@ -215,7 +217,7 @@ TEST_F(DescriptorHandlesTest, TableHoldsTwoHundredFiftySixDescriptors) {
 }
 
 TEST_F(DescriptorHandlesTest, ConcurrentWritersThenReadersLoseNoByte) {
-  ZulKestParams params = kest2_test::MakeParams(&storage_, 256, 64, 16, 1024, 8192);
+  ZulKestParams params = storage_.MakeParams(256, 64, 16, 1024, 8192);
   params.ioThreadCount = 3;
   params.maxChunk = 16384;
   ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);

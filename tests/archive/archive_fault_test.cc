@@ -13,11 +13,13 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "common/library_storage.h"
+#include "common/random.h"
+#include "common/temp_dir.h"
 #include "core/system_faults.h"
 #include "kest2.h"
 #include "kest2/archive_writer.h"
@@ -35,7 +37,7 @@ constexpr uint32_t kBlock = 64 * 1024;
 // as they are, so reads cross both kinds of block.
 std::vector<uint8_t> Text(size_t size, uint32_t seed, bool mixed = false) {
   std::vector<uint8_t> bytes(size);
-  std::mt19937 random(seed);
+  kest2_common::Random random(seed);
   for (size_t i = 0; i < size; ++i) {
     bytes[i] = mixed && (i / kBlock) % 2 == 1
                    ? static_cast<uint8_t>(random())
@@ -47,7 +49,7 @@ std::vector<uint8_t> Text(size_t size, uint32_t seed, bool mixed = false) {
 class ArchiveFaultTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ZulKestParams params = kest2_test::MakeParams(&storage_, 128, 64, 16, 1024, 8192);
+    ZulKestParams params = storage_.MakeParams(128, 64, 16, 1024, 8192);
     params.pVprintf = kest2_test::OutputCapture::Hook();
     params.ioThreadCount = 2;
     ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
@@ -108,8 +110,8 @@ class ArchiveFaultTest : public ::testing::Test {
   }
 
   kest2_test::OutputCapture output_;
-  kest2_test::TempDir dir_;
-  kest2_test::TestStorage storage_;
+  kest2_common::TempDir dir_;
+  kest2_common::LibraryStorage storage_;
   kest2_test::DearchiverWork dearchiver_;
   std::vector<uint64_t> mountBuffer_;
   std::map<std::string, std::vector<uint8_t>> files_;
@@ -256,7 +258,7 @@ TEST_F(ArchiveFaultTest, OverwrittenInPlaceWhileMountedIsADecompressionErrorNotD
   // Same length, every compressed byte changed: the table of contents the
   // mount read stays valid, the blocks it points at are garbage.
   std::vector<uint8_t> bytes(std::filesystem::file_size(archive_));
-  std::mt19937 random(5);
+  kest2_common::Random random(5);
   for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(random());
   {
     std::fstream out(archive_, std::ios::binary | std::ios::in | std::ios::out);

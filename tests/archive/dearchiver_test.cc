@@ -11,13 +11,15 @@
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <random>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "archive/zorba_format.h"
+#include "common/library_storage.h"
+#include "common/random.h"
+#include "common/temp_dir.h"
 #include "kest2.h"
 #include "kest2/archive_writer.h"
 #include "test_support.h"
@@ -29,7 +31,7 @@ using kest2_test::WriteFile;
 
 std::vector<uint8_t> Bytes(size_t size, uint32_t seed, bool compressible) {
   std::vector<uint8_t> bytes(size);
-  std::mt19937 random(seed);
+  kest2_common::Random random(seed);
   for (size_t i = 0; i < size; ++i) {
     bytes[i] = compressible ? static_cast<uint8_t>("kest2 archive text "[(i + seed) % 19] ^ (i / 4096 % 3))
                             : static_cast<uint8_t>(random());
@@ -40,7 +42,7 @@ std::vector<uint8_t> Bytes(size_t size, uint32_t seed, bool compressible) {
 class DearchiverTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ZulKestParams params = kest2_test::MakeParams(&storage_, 256, 64, 16, 1024, 30000);
+    ZulKestParams params = storage_.MakeParams(256, 64, 16, 1024, 30000);
     params.pVprintf = kest2_test::OutputCapture::Hook();
     params.ioThreadCount = 2;
     ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
@@ -115,8 +117,8 @@ class DearchiverTest : public ::testing::Test {
   }
 
   kest2_test::OutputCapture output_;
-  kest2_test::TempDir dir_;
-  kest2_test::TestStorage storage_;
+  kest2_common::TempDir dir_;
+  kest2_common::LibraryStorage storage_;
   kest2_test::DearchiverWork work_;
   // Tests change fields of the context (and copy it) in place.
   ZulKestZorbaDearchiverContext& context_ = *work_.context();
@@ -190,7 +192,7 @@ TEST_F(DearchiverTest, RandomRangesOfABigFileAndConcurrentReaders) {
   options.blockSize = 4096;
   ZulKestFH fh = 0;
   ASSERT_EQ(Mount(Pack(tree, "big.zorba", options), "/big", &fh), ZUL_KEST_OK);
-  std::mt19937 random(11);
+  kest2_common::Random random(11);
   for (int i = 0; i < 60; ++i) {
     const int64_t offset = static_cast<int64_t>(random() % big.size());
     const int64_t length = static_cast<int64_t>(random() % 50000);
@@ -208,7 +210,7 @@ TEST_F(DearchiverTest, RandomRangesOfABigFileAndConcurrentReaders) {
   std::vector<std::thread> readers;
   for (int t = 0; t < 4; ++t) {
     readers.emplace_back([&, t] {
-      std::mt19937 local(100 + t);
+      kest2_common::Random local(100 + t);
       std::vector<uint8_t> buffer(40000);
       for (int i = 0; i < 25; ++i) {
         const bool useNoise = (i + t) % 3 == 0;

@@ -15,7 +15,6 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
-#include <random>
 #include <set>
 #include <string>
 #include <thread>
@@ -23,6 +22,7 @@
 
 #include "archive/decompression_job.h"
 #include "archive/zorba_format.h"
+#include "common/random.h"
 #include "kest2.h"
 #include "test_support.h"
 
@@ -43,7 +43,7 @@ struct Block {
 
 // Letters with frequent short back-references, compressed by zlib.
 Block MakeCompressedBlock(size_t size, uint32_t seed) {
-  std::mt19937 random(seed);
+  kest2_common::Random random(seed);
   Block block{Bytes(size), Bytes(compressBound(size))};
   Bytes& data = block.plain;
   for (size_t i = 0; i < size; ++i) {
@@ -294,7 +294,7 @@ TEST_F(ZlibCodecTest, JobsFromSeveralThreadsAllFinishWhileTheCountChanges) {
   std::vector<std::thread> submitters;
   for (int t = 0; t < kThreads; ++t) {
     submitters.emplace_back([&, t] {
-      std::mt19937 random(100 + t);
+      kest2_common::Random random(100 + t);
       for (int n = 0; n < kJobsPerThread; ++n) {
         const Block& block = blocks[random() % blocks.size()];
         const uint32_t size = static_cast<uint32_t>(block.plain.size());

@@ -17,6 +17,8 @@
 #include <vector>
 
 #include "cache/ram_cache.h"
+#include "common/library_storage.h"
+#include "common/temp_dir.h"
 #include "core/system_faults.h"
 #include "kest2.h"
 #include "test_support.h"
@@ -40,7 +42,7 @@ std::vector<uint8_t> Pattern(size_t size, uint32_t seed) {
 class CachedReadTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ZulKestParams params = kest2_test::MakeParams(&storage_, 64, 16, 4, 1024, 8192);
+    ZulKestParams params = storage_.MakeParams(64, 16, 4, 1024, 8192);
     params.pVprintf = kest2_test::OutputCapture::Hook();
     params.maxChunk = maxChunk_;
     ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
@@ -99,8 +101,8 @@ class CachedReadTest : public ::testing::Test {
 
   uint32_t maxChunk_ = 0;
   kest2_test::OutputCapture capture_;
-  kest2_test::TestStorage storage_;
-  kest2_test::TempDir dir_;
+  kest2_common::LibraryStorage storage_;
+  kest2_common::TempDir dir_;
   std::string path_;
   std::vector<uint8_t> bytes_;
   // Deques: installed contexts must not move.

@@ -15,13 +15,15 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "common/library_storage.h"
+#include "common/random.h"
+#include "common/temp_dir.h"
 #include "kest2.h"
 #include "kest2/archive_writer.h"
 #include "test_support.h"
@@ -36,17 +38,12 @@ constexpr uint64_t kHeaderBytes = (1024 + 80) & ~uint64_t{7};
 // layer reports them in seconds.
 constexpr time_t kEpoch = 1600000000;
 
-std::vector<uint8_t> Bytes(size_t size, uint32_t seed) {
-  std::vector<uint8_t> bytes(size);
-  std::mt19937 random(seed);
-  for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(random());
-  return bytes;
-}
+using kest2_common::RandomBytes;
 
 // Bytes of four random bits each: zlib halves them, so compressed archive
 // blocks are tens of kilobytes.
 std::vector<uint8_t> Nibbles(size_t size, uint32_t seed) {
-  std::vector<uint8_t> bytes = Bytes(size, seed);
+  std::vector<uint8_t> bytes = RandomBytes(size, seed);
   for (uint8_t& byte : bytes) byte &= 0x0F;
   return bytes;
 }
@@ -119,7 +116,7 @@ struct Counters {
 class RamCacheTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ZulKestParams params = kest2_test::MakeParams(&storage_, 256, 64, 16, 1024, 30000);
+    ZulKestParams params = storage_.MakeParams(256, 64, 16, 1024, 30000);
     params.pVprintf = kest2_test::OutputCapture::Hook();
     params.ioThreadCount = 3;
     ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
@@ -223,7 +220,7 @@ class RamCacheTest : public ::testing::Test {
       const int64_t size = static_cast<int64_t>(bytes.size());
       for (int64_t offset = 0; offset < size; offset += 70001) EXPECT_TRUE(ReadMatches(fh, bytes, offset, 70001));
       for (int pass = 0; pass < 2; ++pass) {
-        std::mt19937 random(70);
+        kest2_common::Random random(70);
         for (int i = 0; i < 30; ++i) {
           ASSERT_TRUE(ReadMatches(fh, bytes, random() % size, 1 + random() % 200000)) << name << " pass " << pass;
         }
@@ -234,11 +231,12 @@ class RamCacheTest : public ::testing::Test {
     std::vector<std::thread> readers;
     for (int t = 0; t < 3; ++t) {
       readers.emplace_back([&, t] {
-        std::mt19937 random(80 + t);
+        kest2_common::Random random(80 + t);
         for (const auto& [name, bytes] : files) {
           const ZulKestFH fh = Open("/arc/" + name);
           for (int i = 0; i < 25; ++i) {
-            if (!ReadMatches(fh, bytes, random() % bytes.size(), 1 + random() % 150000)) ++mismatches;
+            if (!ReadMatches(fh, bytes, random() % bytes.size(), 1 + random() % 150000))
+              ++mismatches;
           }
           Close(fh);
         }
@@ -255,8 +253,8 @@ class RamCacheTest : public ::testing::Test {
   };
 
   kest2_test::OutputCapture output_;
-  kest2_test::TempDir dir_;
-  kest2_test::TestStorage storage_;
+  kest2_common::TempDir dir_;
+  kest2_common::LibraryStorage storage_;
   std::vector<std::unique_ptr<Cache>> caches_;
   kest2_test::DearchiverWork dearchiver_;
   std::vector<uint64_t> mountBuffer_;
@@ -265,7 +263,7 @@ class RamCacheTest : public ::testing::Test {
 
 TEST_F(RamCacheTest, SequentialAndRandomReadsMatchTheFileAndAreServedFromTheCache) {
   ASSERT_EQ(Install(0, NewCache(kBlock, 8, dir_.path())), ZUL_KEST_OK);
-  const std::vector<uint8_t> file = Bytes(1600000, 1);  // six full blocks and a short one
+  const std::vector<uint8_t> file = RandomBytes(1600000, 1);  // six full blocks and a short one
   const int64_t size = static_cast<int64_t>(file.size());
   const std::string path = MakeFile("data.bin", file);
   const ZulKestFH fh = Open(path);
@@ -307,7 +305,7 @@ TEST_F(RamCacheTest, SequentialAndRandomReadsMatchTheFileAndAreServedFromTheCach
   // With the whole file cached, random, vectored and end-of-file reads are
   // all served from the cache: no more misses.
   const Counters before = ReadCounters(dir_.path());
-  std::mt19937 random(2);
+  kest2_common::Random random(2);
   for (int i = 0; i < 150; ++i) {
     ASSERT_TRUE(ReadMatches(fh, file, random() % size, 1 + random() % 400000));
   }
@@ -328,7 +326,7 @@ TEST_F(RamCacheTest, SequentialAndRandomReadsMatchTheFileAndAreServedFromTheCach
 
 TEST_F(RamCacheTest, BypassAndStreamReadsNeitherUseNorFillTheCache) {
   ASSERT_EQ(Install(0, NewCache(kBlock, 4, dir_.path())), ZUL_KEST_OK);
-  const std::vector<uint8_t> file = Bytes(600000, 3);
+  const std::vector<uint8_t> file = RandomBytes(600000, 3);
   const std::string path = MakeFile("bypassed.bin", file);
   const ZulKestFH fh = Open(path);
   for (uint32_t flag : {ZUL_KEST_OPFLAG_CACHE_BYPASS, ZUL_KEST_OPFLAG_CACHE_STREAM}) {
@@ -360,7 +358,7 @@ TEST_F(RamCacheTest, BypassAndStreamReadsNeitherUseNorFillTheCache) {
 TEST_F(RamCacheTest, FileChangedOnDiskIsNotServedStaleAfterReopening) {
   ASSERT_EQ(Install(0, NewCache(kBlock, 4, dir_.path())), ZUL_KEST_OK);
   const std::string path = dir_.path() + "/changing.bin";
-  const std::vector<uint8_t> first = Bytes(600000, 4);
+  const std::vector<uint8_t> first = RandomBytes(600000, 4);
   WriteFile(path, first, kEpoch);
   ZulKestFH fh = Open(path);
   EXPECT_TRUE(ReadMatches(fh, first, 0, 100000));
@@ -374,7 +372,7 @@ TEST_F(RamCacheTest, FileChangedOnDiskIsNotServedStaleAfterReopening) {
 
   // New bytes, a different size and a later time: the reopened file is read
   // afresh.
-  const std::vector<uint8_t> second = Bytes(400000, 5);
+  const std::vector<uint8_t> second = RandomBytes(400000, 5);
   WriteFile(path, second, kEpoch + 60);
   fh = Open(path);
   EXPECT_EQ(Contains(path, 0, 1), ZUL_KEST_ERROR_BAD_INDEX);
@@ -384,7 +382,7 @@ TEST_F(RamCacheTest, FileChangedOnDiskIsNotServedStaleAfterReopening) {
 
   // An open that trusts the cache skips the check, so the first block (now
   // holding the second version) is what it reads; a plain open drops it.
-  const std::vector<uint8_t> third = Bytes(400000, 6);
+  const std::vector<uint8_t> third = RandomBytes(400000, 6);
   WriteFile(path, third, kEpoch + 120);
   const ZulKestOpAttr trust = Attr(ZUL_KEST_OPFLAG_CACHE_TRUST);
   fh = Open(path, &trust);
@@ -398,7 +396,7 @@ TEST_F(RamCacheTest, FileChangedOnDiskIsNotServedStaleAfterReopening) {
 
 TEST_F(RamCacheTest, WritesThroughTheLibraryAreSeenByTheNextRead) {
   ASSERT_EQ(Install(0, NewCache(kBlock, 4, dir_.path())), ZUL_KEST_OK);
-  std::vector<uint8_t> file = Bytes(600000, 7);
+  std::vector<uint8_t> file = RandomBytes(600000, 7);
   const std::string path = MakeFile("written.bin", file);
   const ZulKestFH writer = Open(path, nullptr, ZUL_KEST_O_READ | ZUL_KEST_O_WRITE);
   const ZulKestFH reader = Open(path);
@@ -407,7 +405,7 @@ TEST_F(RamCacheTest, WritesThroughTheLibraryAreSeenByTheNextRead) {
   EXPECT_EQ(Contains(path, 0, 2 * kBlock), 0);
 
   // A positional write into the first block, seen through both handles.
-  const std::vector<uint8_t> patch = Bytes(5000, 8);
+  const std::vector<uint8_t> patch = RandomBytes(5000, 8);
   std::copy(patch.begin(), patch.end(), file.begin() + 40000);
   EXPECT_EQ(zulKestFHPwriteSync(nullptr, writer, patch.data(), 5000, 40000), 5000);
   EXPECT_EQ(Contains(path, 0, 1), ZUL_KEST_ERROR_BAD_INDEX);
@@ -415,7 +413,7 @@ TEST_F(RamCacheTest, WritesThroughTheLibraryAreSeenByTheNextRead) {
   EXPECT_TRUE(ReadMatches(writer, file, 30000, 30000));
 
   // A vectored write across the boundary of the first two blocks.
-  const std::vector<uint8_t> left = Bytes(1500, 9), right = Bytes(2500, 10);
+  const std::vector<uint8_t> left = RandomBytes(1500, 9), right = RandomBytes(2500, 10);
   std::copy(left.begin(), left.end(), file.begin() + kBlock - 1500);
   std::copy(right.begin(), right.end(), file.begin() + kBlock);
   const ZulKestBuffer iov[2] = {{const_cast<uint8_t*>(left.data()), 1500},
@@ -425,14 +423,14 @@ TEST_F(RamCacheTest, WritesThroughTheLibraryAreSeenByTheNextRead) {
 
   // A write by path while both handles keep the file open and cached.
   EXPECT_TRUE(ReadMatches(reader, file, 300000, 100000));
-  const std::vector<uint8_t> byPath = Bytes(3000, 11);
+  const std::vector<uint8_t> byPath = RandomBytes(3000, 11);
   std::copy(byPath.begin(), byPath.end(), file.begin() + 350000);
   EXPECT_EQ(zulKestFileWriteSync(nullptr, path.c_str(), byPath.data(), 3000, 350000), 3000);
   EXPECT_TRUE(ReadMatches(reader, file, 300000, 100000));
   EXPECT_TRUE(ReadMatches(writer, file, 340000, 20000));
 
   // A write that extends the file, read back through the writing handle.
-  const std::vector<uint8_t> tail = Bytes(50000, 12);
+  const std::vector<uint8_t> tail = RandomBytes(50000, 12);
   EXPECT_TRUE(ReadMatches(writer, file, 550000, 50000));
   file.insert(file.end(), tail.begin(), tail.end());
   EXPECT_EQ(zulKestFHPwriteSync(nullptr, writer, tail.data(), 50000, 600000), 50000);
@@ -453,7 +451,7 @@ TEST_F(RamCacheTest, DeletesRenamesAndTruncatesInvalidateTheFile) {
     ZulKestFH fh;
   };
   auto cacheFirstBlock = [&](const std::string& name, uint16_t flags = 0) {
-    Cached cached{"", Bytes(300000, seed++), 0};
+    Cached cached{"", RandomBytes(300000, seed++), 0};
     cached.path = MakeFile(name, cached.bytes);
     cached.fh = Open(cached.path, nullptr, flags);
     EXPECT_TRUE(ReadMatches(cached.fh, cached.bytes, 0, 100000));
@@ -462,7 +460,7 @@ TEST_F(RamCacheTest, DeletesRenamesAndTruncatesInvalidateTheFile) {
   };
   auto expectFresh = [&](const std::string& path) {
     EXPECT_EQ(Contains(path, 0, 1), ZUL_KEST_ERROR_BAD_INDEX) << path;
-    const std::vector<uint8_t> fresh = Bytes(300000, 1000 + seed);
+    const std::vector<uint8_t> fresh = RandomBytes(300000, 1000 + seed);
     WriteFile(path, fresh, kEpoch);
     const ZulKestFH fh = Open(path);
     EXPECT_TRUE(ReadMatches(fh, fresh, 0, 300000)) << path;
@@ -503,7 +501,7 @@ TEST_F(RamCacheTest, DeletesRenamesAndTruncatesInvalidateTheFile) {
 
 TEST_F(RamCacheTest, AFileThatShrinksUnderAnOpenHandleYieldsNoBytesPastItsNewEnd) {
   ASSERT_EQ(Install(0, NewCache(kBlock, 4, dir_.path())), ZUL_KEST_OK);
-  const std::vector<uint8_t> file = Bytes(600000, 25);
+  const std::vector<uint8_t> file = RandomBytes(600000, 25);
   const std::string path = MakeFile("shrinking.bin", file);
   const ZulKestFH fh = Open(path);
   // Another program cuts the file inside the second block while the handle
@@ -523,7 +521,7 @@ TEST_F(RamCacheTest, AFileThatShrinksUnderAnOpenHandleYieldsNoBytesPastItsNewEnd
 
 TEST_F(RamCacheTest, ACompletedWriteIsSeenWhileOtherThreadsKeepFillingItsBlock) {
   ASSERT_EQ(Install(0, NewCache(kBlock, 4, dir_.path())), ZUL_KEST_OK);
-  const std::vector<uint8_t> file = Bytes(600000, 26);
+  const std::vector<uint8_t> file = RandomBytes(600000, 26);
   const std::string path = MakeFile("rewritten.bin", file);
   // Readers keep missing on and refilling the first block, which every
   // write invalidates.
@@ -533,7 +531,7 @@ TEST_F(RamCacheTest, ACompletedWriteIsSeenWhileOtherThreadsKeepFillingItsBlock) 
     readers.emplace_back([&, t] {
       const ZulKestFH fh = Open(path);
       std::vector<uint8_t> buffer(kBlock);
-      std::mt19937 random(90 + t);
+      kest2_common::Random random(90 + t);
       while (!done) {
         const int64_t offset = random() % 200000;
         zulKestFHPreadSync(nullptr, fh, buffer.data(), 1 + random() % (kBlock - 1 - offset), offset);
@@ -572,7 +570,7 @@ TEST_F(RamCacheTest, ConcurrentReadersGetTheRightBytesWhileBlocksAreFilledAndEvi
   std::vector<std::string> paths;
   std::vector<ZulKestFH> shared;
   for (int i = 0; i < 3; ++i) {
-    files.push_back(Bytes(1000000 + 333 * i, 30 + i));
+    files.push_back(RandomBytes(1000000 + 333 * i, 30 + i));
     paths.push_back(MakeFile("shared" + std::to_string(i) + ".bin", files.back()));
     shared.push_back(Open(paths.back()));
   }
@@ -584,7 +582,7 @@ TEST_F(RamCacheTest, ConcurrentReadersGetTheRightBytesWhileBlocksAreFilledAndEvi
     readers.emplace_back([&, t] {
       std::vector<ZulKestFH> own;
       for (const std::string& path : paths) own.push_back(Open(path));
-      std::mt19937 random(40 + t);
+      kest2_common::Random random(40 + t);
       for (int i = 0; i < 80; ++i) {
         const size_t f = random() % files.size();
         const ZulKestFH fh = (i + t) % 2 == 0 ? shared[f] : own[f];
@@ -609,7 +607,7 @@ TEST_F(RamCacheTest, ConcurrentReadersGetTheRightBytesWhileBlocksAreFilledAndEvi
 
 TEST_F(RamCacheTest, ReadsOfABlockBeingFilledShareTheFillAndSurviveCancellationAndFlushes) {
   ASSERT_EQ(Install(0, NewCache(kBlock, 8, dir_.path())), ZUL_KEST_OK);
-  const std::vector<uint8_t> file = Bytes(1600000, 13);
+  const std::vector<uint8_t> file = RandomBytes(1600000, 13);
   const std::string path = MakeFile("busy.bin", file);
   const ZulKestFH fh = Open(path);
   struct Pending {
@@ -684,7 +682,7 @@ TEST_F(RamCacheTest, ReadsOfABlockBeingFilledShareTheFillAndSurviveCancellationA
 
 TEST_F(RamCacheTest, FlushesAndPurgingWritesWhileOtherThreadsRead) {
   ASSERT_EQ(Install(0, NewCache(kBlock, 8, dir_.path())), ZUL_KEST_OK);
-  const std::vector<uint8_t> file = Bytes(1500000, 14);
+  const std::vector<uint8_t> file = RandomBytes(1500000, 14);
   const std::string path = MakeFile("flushed.bin", file);
   std::atomic<bool> readersDone{false};
   std::atomic<int> mismatches{0}, invalidations{0};
@@ -692,7 +690,7 @@ TEST_F(RamCacheTest, FlushesAndPurgingWritesWhileOtherThreadsRead) {
   for (int t = 0; t < 3; ++t) {
     readers.emplace_back([&, t] {
       const ZulKestFH fh = Open(path);
-      std::mt19937 random(50 + t);
+      kest2_common::Random random(50 + t);
       for (int i = 0; i < 100; ++i) {
         if (!ReadMatches(fh, file, random() % file.size(), 1 + random() % 300000)) ++mismatches;
       }
@@ -703,7 +701,7 @@ TEST_F(RamCacheTest, FlushesAndPurgingWritesWhileOtherThreadsRead) {
   // already holds (which purge its blocks without changing what is right).
   std::thread invalidator([&] {
     const ZulKestFH writer = Open(path, nullptr, ZUL_KEST_O_READ | ZUL_KEST_O_WRITE);
-    std::mt19937 random(60);
+    kest2_common::Random random(60);
     for (int i = 0; !readersDone || i < 30; ++i) {
       const int64_t offset = static_cast<int64_t>(random() % file.size());
       const int64_t length = std::min<int64_t>(1 + random() % 200000, static_cast<int64_t>(file.size()) - offset);
@@ -766,7 +764,7 @@ TEST_F(RamCacheTest, ContextChecksRefuseWithTheirMessages) {
   ZulKestRamCacheContext* tiny = NewCache(kBlock, 0, dir_.path());
   ASSERT_EQ(tiny->workBufferSize, 0x20000u);
   ASSERT_EQ(Install(0, tiny), ZUL_KEST_OK);
-  const std::vector<uint8_t> file = Bytes(600000, 15);
+  const std::vector<uint8_t> file = RandomBytes(600000, 15);
   const std::string path = MakeFile("uncached.bin", file);
   const ZulKestFH fh = Open(path);
   for (int pass = 0; pass < 2; ++pass) {
@@ -782,7 +780,7 @@ TEST_F(RamCacheTest, ContextChecksRefuseWithTheirMessages) {
 TEST_F(RamCacheTest, ADamagedContextDisablesTheCacheWhileReadsGoOn) {
   ZulKestRamCacheContext* context = NewCache(kBlock, 4, dir_.path());
   ASSERT_EQ(Install(0, context), ZUL_KEST_OK);
-  const std::vector<uint8_t> file = Bytes(600000, 16);
+  const std::vector<uint8_t> file = RandomBytes(600000, 16);
   const std::string path = MakeFile("damaged.bin", file);
   ZulKestFH fh = Open(path);
   EXPECT_TRUE(ReadMatches(fh, file, 0, 100000));
@@ -826,7 +824,7 @@ TEST_F(RamCacheTest, EachFileBelongsToTheDeepestCacheThatCoversIt) {
   std::map<std::string, std::vector<uint8_t>> files;
   uint32_t seed = 17;
   for (const auto& [name, cache] : owners) {
-    files[name] = Bytes(300000, seed++);
+    files[name] = RandomBytes(300000, seed++);
     const ZulKestFH fh = Open(MakeFile(name, files[name]));
     EXPECT_TRUE(ReadMatches(fh, files[name], 0, 100000)) << name;
     Close(fh);
@@ -855,7 +853,7 @@ TEST_F(RamCacheTest, EachFileBelongsToTheDeepestCacheThatCoversIt) {
 
 TEST_F(RamCacheTest, PrefetchedRangesAreContainedAndServedAsHits) {
   ASSERT_EQ(Install(0, NewCache(kBlock, 12, dir_.path())), ZUL_KEST_OK);
-  const std::vector<uint8_t> first = Bytes(1000000, 18);
+  const std::vector<uint8_t> first = RandomBytes(1000000, 18);
   const std::string a = MakeFile("a.bin", first);
   ZulKestFH fh = Open(a);
   EXPECT_EQ(zulKestCachePrefetchFHRangeSync(nullptr, fh, 300000, 200000), ZUL_KEST_OK);
@@ -874,7 +872,7 @@ TEST_F(RamCacheTest, PrefetchedRangesAreContainedAndServedAsHits) {
 
   // By path: the request's own handle is gone when it completes, and the
   // blocks survive the stale check of the next open.
-  const std::vector<uint8_t> second = Bytes(700000, 19), third = Bytes(900000, 20);
+  const std::vector<uint8_t> second = RandomBytes(700000, 19), third = RandomBytes(900000, 20);
   const std::string b = MakeFile("b.bin", second), c = MakeFile("c.bin", third);
   EXPECT_EQ(zulKestCachePrefetchFileSync(nullptr, b.c_str()), ZUL_KEST_OK);
   EXPECT_EQ(zulKestCacheContainsFileSync(b.c_str(), &size), 0);
@@ -892,8 +890,8 @@ TEST_F(RamCacheTest, PrefetchedRangesAreContainedAndServedAsHits) {
 }
 
 TEST_F(RamCacheTest, AboveTheDearchiverArchivedFilesAreCachedDecompressed) {
-  const std::map<std::string, std::vector<uint8_t>> files = {{"text.txt", Text(1300007, 21)},
-                                                             {"noise.bin", Bytes(400001, 22)}};
+  const std::map<std::string, std::vector<uint8_t>> files = {
+      {"text.txt", Text(1300007, 21)}, {"noise.bin", RandomBytes(400001, 22)}};
   const ZulKestFH archive = MountWithCache(0, "/arc", 1, files);
   ReadArchivedFiles(files);
   // Every block of the decompressed file is cached, and survived the stale
@@ -911,7 +909,9 @@ TEST_F(RamCacheTest, BelowTheDearchiverTheArchiveFileItselfIsCached) {
   // several cache blocks, which are often still being filled by another
   // reader or evicted around the reads that copy from them.
   const std::map<std::string, std::vector<uint8_t>> files = {
-      {"text.txt", Text(1300007, 23)}, {"nibbles.bin", Nibbles(600001, 24)}, {"noise.bin", Bytes(400001, 25)}};
+      {"text.txt", Text(1300007, 23)},
+      {"nibbles.bin", Nibbles(600001, 24)},
+      {"noise.bin", RandomBytes(400001, 25)}};
   const ZulKestFH archive = MountWithCache(1, dir_.path(), 0, files, 32 * kKiB, 6);
   ReadArchivedFiles(files);
   // The dearchiver's reads of compressed blocks were served from the cache;
@@ -935,10 +935,11 @@ TEST_F(RamCacheTest, BelowTheDearchiverReadersWaitingOnEachOthersFillsAllFinish)
     std::vector<std::thread> readers;
     for (int t = 0; t < 3; ++t) {
       readers.emplace_back([&, round, t] {
-        std::mt19937 random(100 * round + t);
+        kest2_common::Random random(100 * round + t);
         const ZulKestFH fh = Open("/arc/nibbles.bin");
         for (int i = 0; i < 6; ++i) {
-          if (!ReadMatches(fh, nibbles, random() % nibbles.size(), 1 + random() % 150000)) ++mismatches;
+          if (!ReadMatches(fh, nibbles, random() % nibbles.size(), 1 + random() % 150000))
+            ++mismatches;
         }
         Close(fh);
       });

@@ -4,12 +4,12 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
-#include <random>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "common/random.h"
 #include "core/pool.h"
 #include "kest2.h"
 #include "test_support.h"
@@ -156,7 +156,7 @@ TEST_F(PoolTest, ConcurrentAllocateAndFreeNeverHandOutAUnitTwice) {
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
-      std::mt19937 rng(1234 + t);
+      kest2_common::Random rng(1234 + t);
       std::vector<std::pair<uint32_t, uint32_t>> held;
       for (int i = 0; i < 20000; ++i) {
         if (held.size() < 20 && rng() % 2 == 0) {

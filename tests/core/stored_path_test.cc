@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "common/random.h"
 #include "core/globals.h"
 #include "core/md5.h"
 #include "kest2.h"
@@ -221,7 +222,7 @@ Reference ReferenceNormalize(const std::string& source) {
 TEST(PathNormalizeTest, MatchesReferenceOnRandomPaths) {
   const uint32_t seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 random(seed);
+  kest2_common::Random random(seed);
   static const char kAlphabet[] = {'a', 'b', '.', '/', '\\'};
   for (int round = 0; round < 20000; ++round) {
     std::string source;

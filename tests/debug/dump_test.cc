@@ -8,6 +8,7 @@
 #include <cstring>
 #include <set>
 
+#include "common/library_storage.h"
 #include "core/handletable.h"
 #include "core/records.h"
 #include "core/stored_path.h"
@@ -16,8 +17,7 @@
 
 namespace {
 
-using kest2_test::MakeParams;
-using kest2_test::TestStorage;
+using kest2_common::LibraryStorage;
 
 TEST(DumpErrorTest, NamesAndHexFallback) {
   char text[64];
@@ -96,14 +96,14 @@ TEST(DumpTypeNameTest, OperationTypes) {
 class HandleDumpTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ZulKestParams params = MakeParams(&storage_, 4, 4, 4);
+    ZulKestParams params = storage_.MakeParams(4, 4, 4);
     ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
   }
   void TearDown() override {
     kest2_test::OutputCapture quiet;
     zulKestTerminate();
   }
-  TestStorage storage_;
+  LibraryStorage storage_;
 };
 
 TEST_F(HandleDumpTest, OperationStates) {

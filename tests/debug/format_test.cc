@@ -1,6 +1,7 @@
 // The bounded formatter against the C library's printf for the supported
 // subset, truncation at every size, and the string, sort and search helpers.
 
+#include "common/random.h"
 #include "debug/format.h"
 
 #include <gtest/gtest.h>
@@ -261,7 +262,7 @@ int CompareTriples(const void* a, const void* b) { return std::memcmp(a, b, 3); 
 TEST(SortTest, RandomArraysMatchStdSort) {
   const unsigned seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 rng(seed);
+  kest2_common::Random rng(seed);
   static_assert(sizeof(Triple) == 3, "packed element");
   for (int round = 0; round < 300; ++round) {
     std::vector<int> values(rng() % 200);

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "common/library_storage.h"
 #include "kest2.h"
 #include "test_support.h"
 
@@ -27,7 +28,7 @@ class StatisticsTest : public ::testing::Test {
     zulKestClearTimeStamps();
   }
   kest2_test::OutputCapture output_;
-  kest2_test::TestStorage storage_;
+  kest2_common::LibraryStorage storage_;
 };
 
 TEST_F(StatisticsTest, BeforeInitialisationEverythingIsZero) {
@@ -42,7 +43,7 @@ TEST_F(StatisticsTest, BeforeInitialisationEverythingIsZero) {
 }
 
 TEST_F(StatisticsTest, PoolsAndQueuesReportUseAndHighWater) {
-  ZulKestParams params = kest2_test::MakeParams(&storage_, 64, 32, 16, 1024, 1024);
+  ZulKestParams params = storage_.MakeParams(64, 32, 16, 1024, 1024);
   params.pVprintf = kest2_test::OutputCapture::Hook();
   params.schedulerCount = 2;
   ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);

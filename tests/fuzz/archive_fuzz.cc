@@ -21,14 +21,15 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "archive/zorba_format.h"
+#include "common/library_storage.h"
+#include "common/random.h"
+#include "common/temp_dir.h"
 #include "fuzz_output.h"
 #include "kest2.h"
-#include "test_support.h"
 
 const char kest2_fuzz::kTargetName[] = "archive_fuzz";
 
@@ -97,7 +98,7 @@ struct ParserRun {
 };
 
 // Walks every block of one entry (capped), with and without the index.
-void WalkEntry(ParserRun* run, const uint8_t* entry, bool validated, std::mt19937_64* random) {
+void WalkEntry(ParserRun* run, const uint8_t* entry, bool validated, kest2_common::Random* random) {
   const ZorbaHeader& header = run->header;
   const uint64_t size = kest2::GetEntrySize(entry);
   const uint64_t blocks = kest2::GetEntryBlockCount(header, entry);
@@ -243,7 +244,7 @@ void RunParser(const uint8_t* data, size_t size, uint64_t seed) {
   }
   if (manifest != nullptr) WalkManifest(run, manifest);
 
-  std::mt19937_64 random(seed);
+  kest2_common::Random random(seed);
   for (uint32_t i = 0; i < header.tocEntryCount && i < kMaxEntriesVisited && run.locateCalls < kMaxLocateCalls;
        ++i) {
     const uint8_t* entry = run.toc + uint64_t{i} * header.tocEntrySize;
@@ -257,41 +258,32 @@ void RunParser(const uint8_t* data, size_t size, uint64_t seed) {
 // --- Part two: mounting through the library -------------------------------
 
 struct Library {
-  kest2_test::TestStorage storage;
+  kest2_common::LibraryStorage storage;
   void* workBuffer = nullptr;
   uint64_t workPart = 0;
   ZulKestZorbaDearchiverContext context{};
-  std::string directory;
   std::string archivePath;
   std::string mountPoint;
   std::vector<uint64_t> listingBuffer;
 };
 
 Library* g_library = nullptr;
-void RemoveDirectory() {
-  if (g_library == nullptr) return;
-  unlink(g_library->archivePath.c_str());
-  rmdir(g_library->directory.c_str());
-}
 
 // Initialised once per process; never terminated between inputs (that would
 // cost thread start-up on every input).
 Library* SetUpLibrary() {
   auto* library = new Library;
-  const char* tmp = std::getenv("TMPDIR");
-  std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/kest2_fuzz_XXXXXX";
-  if (mkdtemp(pattern.data()) == nullptr) Fail("mkdtemp");
-  library->directory = pattern;
-  library->archivePath = pattern + "/input.zorba";
+  // Static, so that it is removed at exit: the library runs until then.
+  static const kest2_common::TempDir scratch("kest2_fuzz_");
+  library->archivePath = scratch.path() + "/input.zorba";
   // Inside the temporary directory and absent from the disk: a path below it
   // that the archive does not answer falls through to a native lookup that
   // finds nothing, never to a real file.
-  library->mountPoint = pattern + "/m";
+  library->mountPoint = scratch.path() + "/m";
 
   constexpr uint32_t kPathMax = 1024;
   constexpr uint32_t kOps = 256, kFhs = 64, kDhs = 16, kChunks = 30000;
-  ZulKestParams params =
-      kest2_test::MakeParams(&library->storage, kOps, kFhs, kDhs, kPathMax, kChunks);
+  ZulKestParams params = library->storage.MakeParams(kOps, kFhs, kDhs, kPathMax, kChunks);
   params.ioThreadCount = 2;
   params.pVprintf = QuietPrintf;
   // Library trace modules (ZUL_KEST_DEBUG_*) when replaying an artifact.
@@ -301,7 +293,6 @@ Library* SetUpLibrary() {
   if (zulKestInitialize(&params) != ZUL_KEST_OK) Fail("zulKestInitialize");
 
   library->listingBuffer.assign(0x10000 / 8, 0);
-  std::atexit(RemoveDirectory);
   return library;
 }
 
@@ -355,7 +346,7 @@ bool PlainName(const char* name) {
 }
 
 struct MountRun {
-  std::mt19937_64 random;
+  kest2_common::Random random;
   int listed = 0;
   int64_t readTotal = 0;
   int handlesOpened = 0;
@@ -468,7 +459,7 @@ void RunMount(const uint8_t* data, size_t size, uint64_t seed) {
   Library* library = g_library;
   UseWorkPart(WorkPartFor(data, size));
   if (!WriteInput(library->archivePath, data, size)) return;
-  MountRun run{std::mt19937_64(seed)};
+  MountRun run{kest2_common::Random(seed)};
 
   const int64_t need = zulKestArchiveGetMountBufferSizeSync(nullptr, library->archivePath.c_str(), nullptr);
   RequireNoHandles("after a mount buffer query");

@@ -52,13 +52,14 @@
 
 #include "archive/archive_tracker.h"
 #include "archive/zorba_format.h"
+#include "common/library_storage.h"
+#include "common/temp_dir.h"
 #include "core/globals.h"
 #include "core/md5.h"
 #include "core/stored_path.h"
 #include "fuzz_output.h"
 #include "kest2.h"
 #include "kest2/archive_writer.h"
-#include "test_support.h"
 
 const char kest2_fuzz::kTargetName[] = "path_fuzz";
 
@@ -352,7 +353,7 @@ struct Sandbox {
   // Per context, newest first, as the dearchiver searches them.
   std::vector<MountRecord*> mounts[2];
   std::vector<std::unique_ptr<MountRecord>> owned;
-  kest2_test::TestStorage storage;
+  kest2_common::LibraryStorage storage;
   std::vector<uint64_t> listingBuffer;
   int fixedMounts = 0;
   // Per input.
@@ -361,12 +362,6 @@ struct Sandbox {
 };
 
 Sandbox* g_box = nullptr;
-
-void RemoveSandbox() {
-  if (g_box == nullptr) return;
-  std::error_code ignored;
-  std::filesystem::remove_all(g_box->root, ignored);
-}
 
 void WriteFile(const std::string& path, const std::string& content) {
   std::filesystem::create_directories(std::filesystem::path(path).parent_path());
@@ -472,14 +467,11 @@ void InstallDearchiver(Sandbox* box, int context, uint64_t flags) {
 
 Sandbox* SetUp() {
   auto* box = new Sandbox;
-  const char* tmp = std::getenv("TMPDIR");
-  std::string pattern =
-      std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/kest2_path_XXXXXX";
-  if (mkdtemp(pattern.data()) == nullptr) Fail("mkdtemp");
+  // Static, so that it is removed at exit: the library runs until then.
+  static const kest2_common::TempDir scratch("kest2_path_");
   // The sandbox is named by its normal form, as the library keeps paths.
-  box->root = ReferenceNormalize(pattern).text;
+  box->root = ReferenceNormalize(scratch.path()).text;
   g_box = box;
-  std::atexit(RemoveSandbox);
 
   for (const ArchiveRecipe& recipe : Recipes()) BuildArchive(box, recipe);
   for (const TreeFile& file : LooseFiles()) {
@@ -488,7 +480,7 @@ Sandbox* SetUp() {
   }
 
   constexpr uint32_t kOps = 256, kFhs = 64, kDhs = 16, kChunks = 30000;
-  ZulKestParams params = kest2_test::MakeParams(&box->storage, kOps, kFhs, kDhs, kPathMax, kChunks);
+  ZulKestParams params = box->storage.MakeParams(kOps, kFhs, kDhs, kPathMax, kChunks);
   params.ioThreadCount = 2;
   params.pVprintf = QuietPrintf;
   if (const char* flags = std::getenv("KEST2_FUZZ_DEBUG_FLAGS")) {

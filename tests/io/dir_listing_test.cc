@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "common/library_storage.h"
+#include "common/temp_dir.h"
 #include "io/native_handlers.h"
 #include "io/overlay_dir_listing.h"
 #include "kest2.h"
@@ -39,7 +41,7 @@ void CountEvent(const ZulKestIOEvent* event) {
 class DirListingTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ZulKestParams params = kest2_test::MakeParams(&storage_);
+    ZulKestParams params = storage_.MakeParams();
     params.pVprintf = kest2_test::OutputCapture::Hook();
     params.pEventCallback = CountEvent;
     for (auto& count : g_events) count = 0;
@@ -75,8 +77,8 @@ class DirListingTest : public ::testing::Test {
   }
 
   kest2_test::OutputCapture output_;
-  kest2_test::TempDir dir_;
-  kest2_test::TestStorage storage_;
+  kest2_common::TempDir dir_;
+  kest2_common::LibraryStorage storage_;
   std::vector<std::vector<uint64_t>> buffers_;
 };
 

@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include "common/library_storage.h"
 #include "io/filter_chain.h"
 #include "kest2.h"
 #include "sched/chunk_tree.h"
@@ -83,7 +84,7 @@ int32_t TestFilterFunction(void* context, int32_t event, void* argument) {
 class FilterChainTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ZulKestParams params = kest2_test::MakeParams(&storage_);
+    ZulKestParams params = storage_.MakeParams();
     ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
   }
   void TearDown() override { zulKestTerminate(); }
@@ -96,7 +97,7 @@ class FilterChainTest : public ::testing::Test {
     return root;
   }
 
-  kest2_test::TestStorage storage_;
+  kest2_common::LibraryStorage storage_;
 };
 
 TEST_F(FilterChainTest, InstallationRules) {
@@ -227,7 +228,7 @@ TEST_F(FilterChainTest, TerminationRemovesEveryFilterInIndexOrder) {
   EXPECT_EQ(a.terminates.load(), 1);
   EXPECT_EQ(b.terminates.load(), 1);
   EXPECT_EQ(FilterCount(), 0);
-  ZulKestParams params = kest2_test::MakeParams(&storage_);
+  ZulKestParams params = storage_.MakeParams();
   ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);  // for TearDown
 }
 

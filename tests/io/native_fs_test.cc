@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "common/temp_dir.h"
 #include "core/globals.h"
 #include "core/platform.h"
 #include "test_support.h"
@@ -84,7 +85,7 @@ TEST(SystemOpenFlagsTest, AccessOptionsAndCreationMode) {
 }
 
 TEST(NativeFsTest, PositionalTransfersAndBadOffset) {
-  kest2_test::TempDir dir;
+  kest2_common::TempDir dir;
   const std::string path = dir.path() + "/f";
   int32_t fd = 7;
   EXPECT_EQ(NativeOpen(path.c_str(), ZUL_KEST_O_READ, -1, &fd), KernelResultFromErrno(ENOENT));
@@ -102,7 +103,7 @@ TEST(NativeFsTest, PositionalTransfersAndBadOffset) {
 }
 
 TEST(NativeDirTest, ListsThreeThousandEntriesExactlyOnce) {
-  kest2_test::TempDir dir;
+  kest2_common::TempDir dir;
   std::set<std::string> expected{"a_directory"};
   ASSERT_EQ(NativeMkdir((dir.path() + "/a_directory").c_str(), -1), 0);
   for (int i = 0; i < 3000; ++i) {
@@ -137,7 +138,7 @@ TEST(NativeDirTest, ListsThreeThousandEntriesExactlyOnce) {
 }
 
 TEST(NativeDirTest, OpenAndReadFailures) {
-  kest2_test::TempDir dir;
+  kest2_common::TempDir dir;
   auto state = std::make_unique<NativeDirState>();
   const std::string file = dir.path() + "/file";
   ::close(::open(file.c_str(), O_CREAT | O_WRONLY, 0644));

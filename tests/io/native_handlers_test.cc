@@ -20,6 +20,8 @@
 #include <thread>
 #include <vector>
 
+#include "common/library_storage.h"
+#include "common/temp_dir.h"
 #include "core/globals.h"
 #include "core/handletable.h"
 #include "core/records.h"
@@ -70,7 +72,7 @@ class NativeHandlersTest : public ::testing::Test {
  protected:
   void SetUp() override {
     zulKestDataInit();
-    ZulKestParams params = kest2_test::MakeParams(&storage_);
+    ZulKestParams params = storage_.MakeParams();
     ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
     g_events.clear();
     g_requests.clear();
@@ -174,8 +176,8 @@ class NativeHandlersTest : public ::testing::Test {
     return Run();
   }
 
-  kest2_test::TestStorage storage_;
-  kest2_test::TempDir dir_;
+  kest2_common::LibraryStorage storage_;
+  kest2_common::TempDir dir_;
   std::deque<std::vector<char>> paths_;
   std::vector<uint32_t> handles_;
   std::vector<ChunkID> chunks_;

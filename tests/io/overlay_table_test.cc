@@ -17,6 +17,8 @@
 
 #include <gtest/gtest.h>
 
+#include "common/library_storage.h"
+#include "common/temp_dir.h"
 #include "kest2.h"
 #include "kest2/archive_writer.h"
 #include "test_support.h"
@@ -47,7 +49,7 @@ ZulKestOverlay MakeOverlay(uint8_t type, int8_t order, const std::string& dst, c
 class OverlayTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ZulKestParams params = kest2_test::MakeParams(&storage_);
+    ZulKestParams params = storage_.MakeParams();
     params.pVprintf = kest2_test::OutputCapture::Hook();
     ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
     root_ = dir_.path();
@@ -88,8 +90,8 @@ class OverlayTest : public ::testing::Test {
   }
 
   kest2_test::OutputCapture capture_;
-  kest2_test::TestStorage storage_;
-  kest2_test::TempDir dir_;
+  kest2_common::LibraryStorage storage_;
+  kest2_common::TempDir dir_;
   std::string root_;
 };
 

@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "common/library_storage.h"
+#include "common/temp_dir.h"
 #include "core/system_faults.h"
 #include "io/native_dir_buffer.h"
 #include "io/overlay_dir_listing.h"
@@ -48,7 +50,7 @@ std::vector<char> ReadBytes(const std::string& path) {
 class SystemFaultTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ZulKestParams params = kest2_test::MakeParams(&storage_, 128, 64, 16, 1024, 4096);
+    ZulKestParams params = storage_.MakeParams(128, 64, 16, 1024, 4096);
     params.pVprintf = kest2_test::OutputCapture::Hook();
     params.maxChunk = kPiece;  // reads and writes split into 64 KiB pieces
     ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
@@ -75,8 +77,8 @@ class SystemFaultTest : public ::testing::Test {
   void ExpectNothingLeaked() { kest2_test::ExpectResourcesBack(before_); }
 
   kest2_test::OutputCapture output_;
-  kest2_test::TempDir dir_;
-  kest2_test::TestStorage storage_;
+  kest2_common::TempDir dir_;
+  kest2_common::LibraryStorage storage_;
   kest2_test::ResourceCounts before_;
 };
 

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/random.h"
 #include "debug/trace.h"
 #include "sched/chunk_tree_fixture.h"
 
@@ -47,7 +48,7 @@ TEST_F(ChunkTreeTest, ChildListsKeepInsertionOrderAndFreeEmptiedRecords) {
 
   const uint32_t seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 rng(seed);
+  kest2_common::Random rng(seed);
   for (int step = 0; step < 200; ++step) {
     if (!model.empty() && rng() % 2 == 0) {
       remove(rng() % model.size());
@@ -163,7 +164,7 @@ TEST_F(ChunkTreeTest, ThreadsBuildLinkAndFreeTreesConcurrently) {
   SCOPED_TRACE("seed " + std::to_string(seed));
 
   auto worker = [&](uint32_t threadSeed) {
-    std::mt19937 rng(threadSeed);
+    kest2_common::Random rng(threadSeed);
     Ids alive;  // this thread's trees
     for (int round = 0; round < 150; ++round) {
       const ChunkID root = AllocateChildChunk(global, CHUNK_ROOT);

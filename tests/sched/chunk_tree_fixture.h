@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "common/library_storage.h"
 #include "core/pool.h"
 #include "debug/dump.h"
 #include "kest2.h"
@@ -37,7 +38,7 @@ class ChunkTreeTest : public ::testing::Test {
   void Start(uint32_t units, bool withHandles = false) {
     chunks_.assign(ZUL_KEST_STORAGE_SIZE(units, ZUL_KEST_CHUNK_UNIT_SIZE) / 8, 0);
     if (withHandles) {
-      ZulKestParams params = kest2_test::MakeParams(&handles_, 8, 8, 8);
+      ZulKestParams params = handles_.MakeParams(8, 8, 8);
       params.chunkStorage = chunks_.data();
       params.chunkStorageSize = chunks_.size() * 8;
       ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
@@ -58,7 +59,7 @@ class ChunkTreeTest : public ::testing::Test {
   static uint32_t Used() { return PoolAllocatedCount(ChunkPool()); }
 
   std::vector<uint64_t> chunks_;
-  kest2_test::TestStorage handles_;
+  kest2_common::LibraryStorage handles_;
   bool libraryStarted_ = false;
 };
 

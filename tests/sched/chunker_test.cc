@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "api/operation.h"
+#include "common/library_storage.h"
 #include "core/handletable.h"
 #include "kest2.h"
 #include "sched/chunk_tree.h"
@@ -19,7 +20,7 @@ using namespace kest2;
 class ChunkerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ZulKestParams params = kest2_test::MakeParams(&storage_, 64, 16, 4, 1024, 8192);
+    ZulKestParams params = storage_.MakeParams(64, 16, 4, 1024, 8192);
     params.maxChunk = 524288;
     ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
     baseline_ = PoolAllocatedCount(ChunkPool());
@@ -58,7 +59,7 @@ class ChunkerTest : public ::testing::Test {
     zulKestOpDelete(op->h);
   }
 
-  kest2_test::TestStorage storage_;
+  kest2_common::LibraryStorage storage_;
   uint32_t baseline_ = 0;
 };
 

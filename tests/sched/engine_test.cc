@@ -15,6 +15,8 @@
 #include <thread>
 #include <vector>
 
+#include "common/library_storage.h"
+#include "common/temp_dir.h"
 #include "core/handletable.h"
 #include "core/records.h"
 #include "kest2.h"
@@ -74,7 +76,7 @@ ZulKestOpAttr LoggingAttr(CallbackLog* log) {
 class EngineTest : public ::testing::Test {
  protected:
   void Start(uint32_t ioThreads = 1, uint32_t maxChunk = 0, uint32_t schedulers = 1) {
-    ZulKestParams params = kest2_test::MakeParams(&storage_, 512, 64, 16, 1024, 16384);
+    ZulKestParams params = storage_.MakeParams(512, 64, 16, 1024, 16384);
     params.ioThreadCount = ioThreads;
     params.maxChunk = maxChunk;
     params.schedulerCount = schedulers;
@@ -92,8 +94,8 @@ class EngineTest : public ::testing::Test {
   }
 
   kest2_test::OutputCapture output_;
-  kest2_test::TempDir dir_;
-  kest2_test::TestStorage storage_;
+  kest2_common::TempDir dir_;
+  kest2_common::LibraryStorage storage_;
 };
 
 TEST_F(EngineTest, PathReadSplitIntoPiecesArrivesWholeAndCallsBackOnTheCallbackThread) {
@@ -313,7 +315,7 @@ TEST_F(EngineTest, CancelledOpensLeaveNoHandleAndNoDescriptor) {
 
 TEST_F(EngineTest, ExhaustedChunkStorageFailsTheRequestAndLeaksNothing) {
   // Room for a few small trees, not for a read split into hundreds of pieces.
-  ZulKestParams params = kest2_test::MakeParams(&storage_, 64, 32, 16, 1024, 200);
+  ZulKestParams params = storage_.MakeParams(64, 32, 16, 1024, 200);
   params.maxChunk = 4096;
   params.pVprintf = kest2_test::OutputCapture::Hook();
   ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);

@@ -9,6 +9,7 @@
 #include <atomic>
 
 #include "api/operation.h"
+#include "common/library_storage.h"
 #include "core/handletable.h"
 #include "core/records.h"
 #include "debug/trace.h"
@@ -30,7 +31,7 @@ int32_t FailingHandler(ChunkID) { return ZUL_KEST_ERROR_ACCESS; }
 class ExecuteTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ZulKestParams params = kest2_test::MakeParams(&storage_);
+    ZulKestParams params = storage_.MakeParams();
     ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
     g_handled = 0;
   }
@@ -64,7 +65,7 @@ class ExecuteTest : public ::testing::Test {
     return root;
   }
 
-  kest2_test::TestStorage storage_;
+  kest2_common::LibraryStorage storage_;
 };
 
 TEST_F(ExecuteTest, CancelledReadIsSkippedButCountedAndTheCloseStillRuns) {

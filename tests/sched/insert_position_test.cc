@@ -11,6 +11,8 @@
 #include <random>
 #include <vector>
 
+#include "common/library_storage.h"
+#include "common/random.h"
 #include "core/handletable.h"
 #include "kest2.h"
 #include "sched/chunk_tree.h"
@@ -28,7 +30,7 @@ constexpr int64_t k64K = 65536;
 class InsertPositionTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ZulKestParams params = kest2_test::MakeParams(&storage_, 8, 8, 4, 1024, 4096);
+    ZulKestParams params = storage_.MakeParams(8, 8, 4, 1024, 4096);
     ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
     scheduler_.reset(new Scheduler{});
     MutexInitialize(&scheduler_->mutex, 0, "ZulKestScheduler");
@@ -66,7 +68,7 @@ class InsertPositionTest : public ::testing::Test {
 
   uint64_t Place(ChunkID id) { return FindInsertPosition(scheduler_.get(), id); }
 
-  kest2_test::TestStorage storage_;
+  kest2_common::LibraryStorage storage_;
   std::unique_ptr<Scheduler> scheduler_;
 };
 
@@ -194,7 +196,7 @@ uint64_t ReferencePlace(Scheduler* s, ChunkID id) {
 TEST_F(InsertPositionTest, PlacementMatchesTheRuleSimulatedAtEveryIndex) {
   Scheduler* s = scheduler_.get();
   const unsigned seed = std::random_device{}();
-  std::mt19937 rng(seed);
+  kest2_common::Random rng(seed);
   const int8_t priorities[] = {-128, -127, -1, 0, 0, 1, 126, 127};  // neighbours on purpose
   uint64_t spread = 0;  // deadlines reach as far as the queue's simulated end
   auto randomChunk = [&](int64_t* streamEnd) {
@@ -259,7 +261,7 @@ TEST_F(InsertPositionTest, PlacementMatchesTheRuleSimulatedAtEveryIndex) {
 TEST_F(InsertPositionTest, PlacementWithoutTheWalkMatchesTheRule) {
   Scheduler* s = scheduler_.get();
   const unsigned seed = std::random_device{}();
-  std::mt19937 rng(seed);
+  kest2_common::Random rng(seed);
   RebuildQueueSummary(s);
   auto pseudo = [](uint64_t stream, int64_t offset) {
     return static_cast<int64_t>((uint64_t{1} << 63) | ((stream << 36) & 0x6FFFFFF000000000ULL)) +
@@ -328,7 +330,7 @@ TEST_F(InsertPositionTest, RingMatchesADequeAcrossTheWrap) {
   s->queuePosition = kQueueSize - 40;  // start close to the wrap
   std::deque<ChunkID> model;
   const unsigned seed = std::random_device{}();
-  std::mt19937 rng(seed);
+  kest2_common::Random rng(seed);
   for (int step = 0; step < 20000; ++step) {
     const bool insert = model.empty() || (model.size() < 300 && rng() % 2 == 0);
     if (insert) {

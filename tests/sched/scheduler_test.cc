@@ -16,6 +16,8 @@
 #include <thread>
 #include <vector>
 
+#include "common/library_storage.h"
+#include "common/temp_dir.h"
 #include "kest2.h"
 #include "sched/chunk_tree.h"
 #include "test_support.h"
@@ -35,7 +37,7 @@ using kest2_test::WaitUntil;
 class SchedulerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ZulKestParams params = kest2_test::MakeParams(&storage_, 64, 32, 16, 1024, 20000);
+    ZulKestParams params = storage_.MakeParams(64, 32, 16, 1024, 20000);
     params.pVprintf = kest2_test::OutputCapture::Hook();
     ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
   }
@@ -53,7 +55,7 @@ class SchedulerTest : public ::testing::Test {
   }
 
   kest2_test::OutputCapture output_;
-  kest2_test::TestStorage storage_;
+  kest2_common::LibraryStorage storage_;
 };
 
 TEST_F(SchedulerTest, FullQueueBlocksTheProducerUntilAnEntryIsTaken) {
@@ -142,7 +144,7 @@ int32_t RecordRan(ChunkCallbackRecord*, int32_t event) {
 // read them, before the read completes and wakes anybody; a read that
 // failed has nothing to hand on.
 TEST_F(SchedulerTest, LinkedCallbackHearsOnTheIoThreadThatItsChunkRanAndNotThatItFailed) {
-  kest2_test::TempDir dir;
+  kest2_common::TempDir dir;
   const std::string path = dir.path() + "/synced";
   std::ofstream(path) << "x";
   ZulKestFH fh = 0;
@@ -319,7 +321,7 @@ int RecordThread(void*, ZulKestOp, uint8_t event, int32_t) {
 }
 
 TEST_F(SchedulerTest, FastPathRunsASingleStepRequestOnTheCallersThread) {
-  kest2_test::TempDir dir;
+  kest2_common::TempDir dir;
   const std::string path = dir.path() + "/small";
   std::ofstream(path) << "hello";
   g_completionThreads.clear();
@@ -341,7 +343,7 @@ TEST_F(SchedulerTest, FastPathRunsASingleStepRequestOnTheCallersThread) {
 // the end of such an execution must wake it, or the queued read waits
 // forever.
 TEST_F(SchedulerTest, ExecutionsOnCallersThreadsNeverStrandQueuedWork) {
-  kest2_test::TempDir dir;
+  kest2_common::TempDir dir;
   const std::string path = dir.path() + "/data";
   std::ofstream(path) << std::string(65536, 'q');
   ZulKestFH fh = 0;
@@ -387,7 +389,7 @@ void RecordRead(const ZulKestIOEvent* event) {
 }
 
 TEST_F(SchedulerTest, ReschedulingToAnEarlierDeadlineMovesWorkAhead) {
-  kest2_test::TempDir dir;
+  kest2_common::TempDir dir;
   const std::string path = dir.path() + "/data";
   std::ofstream(path) << std::string(300000, 'x');
   ZulKestFH fh = 0;

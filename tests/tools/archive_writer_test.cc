@@ -16,11 +16,12 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "archive/zorba_format.h"
+#include "common/random.h"
+#include "common/temp_dir.h"
 #include "kest2.h"
 #include "test_support.h"
 
@@ -31,10 +32,8 @@ using Files = std::map<std::string, std::string>;  // archive name -> content
 using Bytes = std::vector<uint8_t>;
 
 std::string Random(size_t length, uint32_t seed) {
-  std::mt19937 generator(seed);
-  std::string text(length, '\0');
-  for (char& c : text) c = static_cast<char>(generator());
-  return text;
+  const std::vector<uint8_t> bytes = kest2_common::RandomBytes(length, seed);
+  return std::string(bytes.begin(), bytes.end());
 }
 
 std::string Text(size_t length) {
@@ -189,7 +188,7 @@ class ArchiveWriterTest : public testing::Test {
     return {content, stored};
   }
 
-  kest2_test::TempDir dir_;
+  kest2_common::TempDir dir_;
   Files files_;
   int compressed_ = 0, raw_ = 0;
 };

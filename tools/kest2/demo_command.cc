@@ -19,10 +19,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "cache/ram_cache.h"
+#include "common/random.h"
+#include "common/temp_dir.h"
 #include "kest2.h"
 #include "kest2/archive_session.h"
 #include "kest2/archive_writer.h"
@@ -44,18 +48,8 @@ constexpr ZulKestTime kBackgroundDeadline = 3000ll * 1000 * 1000;  // 3 s
 constexpr int kPasses = 2;
 constexpr double kMiB = 1024.0 * 1024.0;
 
-// xorshift64: the same data set on every run.
-struct Random {
-  uint64_t x;
-  explicit Random(uint64_t seed) : x(seed * 0x9E3779B97F4A7C15ull + 1) {}
-  uint64_t Next() {
-    x ^= x << 13;
-    x ^= x >> 7;
-    x ^= x << 17;
-    return x;
-  }
-  uint64_t Below(uint64_t n) { return Next() % n; }
-};
+// Seeded: the same data set on every run.
+using kest2_common::Random;
 
 struct DemoFile {
   std::string relative;
@@ -408,21 +402,18 @@ int Demo(const Arguments& arguments) {
     std::fprintf(stderr, "Usage: kest2 [OPTIONS] demo [--files N] [--dir DIR]\n");
     return 2;
   }
-  const bool temporary = directory.empty();
-  if (temporary) {
-    std::string pattern = (fs::temp_directory_path() / "kest2-demo-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) {
-      std::fprintf(stderr, "kest2 demo: cannot make a temporary directory: %s\n", std::strerror(errno));
+  std::unique_ptr<kest2_common::TempDir> scratch;  // removed on return
+  if (directory.empty()) {
+    try {
+      scratch = std::make_unique<kest2_common::TempDir>("kest2-demo-");
+    } catch (const std::system_error& error) {
+      std::fprintf(stderr, "kest2 demo: cannot make a temporary directory: %s\n",
+                   error.code().message().c_str());
       return 1;
     }
-    directory = pattern;
+    directory = scratch->path();
   }
-  const int status = RunDemo(directory, count, isatty(STDOUT_FILENO) != 0);
-  if (temporary) {
-    std::error_code ignored;
-    fs::remove_all(directory, ignored);
-  }
-  return status;
+  return RunDemo(directory, count, isatty(STDOUT_FILENO) != 0);
 }
 
 }  // namespace kest2_cli

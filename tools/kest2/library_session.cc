@@ -17,28 +17,11 @@ constexpr uint32_t kChunks = 16384;
 
 int ToStandardError(const char* format, va_list args) { return std::vfprintf(stderr, format, args); }
 
-void Carve(std::vector<uint64_t>* storage, uint64_t bytes, void** where, uint64_t* size) {
-  storage->assign(bytes / 8, 0);
-  *where = storage->data();
-  *size = storage->size() * 8;
-}
-
 }  // namespace
 
 LibrarySession::LibrarySession(const SessionOptions& options)
     : m_printStatistics(options.printStatistics) {
-  ZulKestParams params;
-  std::memset(&params, 0, sizeof(params));
-  params.header = ZUL_KEST_PARAMS_HEADER(kPathMax);
-  Carve(&m_ops, ZUL_KEST_STORAGE_SIZE(kOps, ZUL_KEST_OP_UNIT_SIZE(kPathMax)), &params.opStorage,
-        &params.opStorageSize);
-  Carve(&m_fhs, ZUL_KEST_STORAGE_SIZE(kFileHandles, ZUL_KEST_FH_UNIT_SIZE(kPathMax)),
-        &params.fhStorage, &params.fhStorageSize);
-  Carve(&m_dhs, ZUL_KEST_STORAGE_SIZE(kDirHandles, ZUL_KEST_DH_UNIT_SIZE(kPathMax)),
-        &params.dhStorage, &params.dhStorageSize);
-  Carve(&m_chunks, ZUL_KEST_STORAGE_SIZE(kChunks, ZUL_KEST_CHUNK_UNIT_SIZE), &params.chunkStorage,
-        &params.chunkStorageSize);
-  for (int i = 0; i < 3; ++i) params.threadPriority[i] = -1;
+  ZulKestParams params = m_storage.MakeParams(kOps, kFileHandles, kDirHandles, kPathMax, kChunks);
   params.ioThreadCount = options.ioThreads;
   params.debugFlags = options.debugFlags;
   params.pVprintf = ToStandardError;

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "common/library_storage.h"
 #include "kest2.h"
 
 namespace kest2_cli {
@@ -43,7 +44,7 @@ class LibrarySession {
   int32_t status() const { return m_status; }
 
  private:
-  std::vector<uint64_t> m_ops, m_fhs, m_dhs, m_chunks;
+  kest2_common::LibraryStorage m_storage;
   bool m_printStatistics;
   int32_t m_status;
 };
