@@ -18,12 +18,13 @@
 #include "sched/chunk_types.h"
 
 namespace kest2 {
+
+Pool g_chunkPool;
+
 namespace {
 
 constexpr uint64_t kChunkAlignment = 8;
 
-// Set up by InitializeChunkStorage; read-only until TerminateChunkStorage.
-Pool g_chunkPool;
 uint64_t g_chunkStorageSize;
 ChunkID g_globalRoot = CHUNKID_INVALID;
 thread_local int t_privateTreeDepth;  // PrivateTreeScope nesting
@@ -93,12 +94,6 @@ void TerminateChunkStorage() {
 }
 
 ChunkID GlobalRootChunk() { return g_globalRoot; }
-
-Pool* ChunkPool() { return &g_chunkPool; }
-
-ChunkHeader* ChunkAt(ChunkID id) {
-  return reinterpret_cast<ChunkHeader*>(PoolUnitAddress(&g_chunkPool, id));
-}
 
 ChunkID ChunkIdOf(const void* record) {
   const uintptr_t offset =

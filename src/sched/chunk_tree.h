@@ -44,11 +44,16 @@ int32_t InitializeChunkStorage(void* storage, uint64_t size);
 void TerminateChunkStorage();
 
 ChunkID GlobalRootChunk();
-// The chunk pool, for statistics.
-Pool* ChunkPool();
+// The chunk pool; set up by InitializeChunkStorage, read-only until
+// TerminateChunkStorage.  Visible here so that ChunkAt, which every link
+// walk calls at each step, inlines in every file.
+extern Pool g_chunkPool;
+inline Pool* ChunkPool() { return &g_chunkPool; }
 
 // The record of a chunk (no checks).
-ChunkHeader* ChunkAt(ChunkID id);
+inline ChunkHeader* ChunkAt(ChunkID id) {
+  return reinterpret_cast<ChunkHeader*>(PoolUnitAddress(&g_chunkPool, id));
+}
 template <typename T>
 T* ChunkRecord(ChunkID id) {
   return reinterpret_cast<T*>(ChunkAt(id));
