@@ -41,7 +41,8 @@ int32_t Initialize(ZulKestZorbaDearchiverContext* context) {
   if (context == nullptr || context->pWorkBuffer == nullptr) return ZUL_KEST_ERROR_BAD_PTR;
   if (context->sizeOfContext != kContextSize) {
     zulKestPrintf("KEST2 ERROR: sizeOfContext %lld != expected %lld.\n",
-                  static_cast<long long>(context->sizeOfContext), static_cast<long long>(kContextSize));
+                  static_cast<long long>(context->sizeOfContext),
+                  static_cast<long long>(kContextSize));
     return ZUL_KEST_ERROR_BAD_SIZE;
   }
   if (context->workBufferSize == 0) {
@@ -98,7 +99,8 @@ bool StateIsSound(const ZulKestZorbaDearchiverContext* context) {
                      __atomic_load_n(&context->reserved[0], __ATOMIC_ACQUIRE) % 8 == 0 &&
                      __atomic_load_n(&context->reserved[1], __ATOMIC_ACQUIRE) <= 7;
   if (!sound) {
-    zulKestPrintf("KEST2 ERROR: The dearchiver's internal state is corrupt and it will be disabled!\n");
+    zulKestPrintf(
+        "KEST2 ERROR: The dearchiver's internal state is corrupt and it will be disabled!\n");
     zulKestPrintf(
         "KEST2 ERROR: A common cause of this problem is declaring the "
         "ZulKestZorbaDearchiverContext on the stack. Both the ZulKestZorbaDearchiverContext and "
@@ -111,14 +113,6 @@ bool StateIsSound(const ZulKestZorbaDearchiverContext* context) {
 // --- Answers ---------------------------------------------------------------
 
 using Outcome = FilterOutcome;
-
-Outcome Answer(ChunkID id, int32_t result, ChunkID* replacement) {
-  return AnswerChunk(kTraceZorba, id, result, replacement);
-}
-
-Outcome Replace(ChunkID id, ChunkID by, ChunkID* replacement) {
-  return ReplaceChunkWith(kTraceZorba, id, by, replacement);
-}
 
 // Whether a loose listing has also read its native directory to the end.
 bool ListingFinished(uint32_t dh) {
@@ -155,200 +149,291 @@ const char* ChunkPathText(ChunkID id) {
   return path != nullptr ? GetPath(path) : nullptr;
 }
 
-// Path changes: create, delete, rename.
-Outcome FilterChange(ZulKestZorbaDearchiverContext* context, ChunkID id, uint8_t type, FindResult found,
-                     ChunkID* replacement) {
-  switch (found) {
+// One chunk offered to the dearchiver, and the archive entry its path or
+// handle leads to once a step has looked it up.
+struct Offer {
+  ZulKestZorbaDearchiverContext* context;
+  ChunkID id;
+  uint8_t type;
+  uint32_t handle;
+  bool loose;
+  ChunkID* replacement;
+  ArchiveTracker* tracker;
+  const uint8_t* entry;
+
+  FindResult LookUpPath() {
+    const char* path = ChunkPathText(id);
+    if (path == nullptr || ArchiveList(context) == nullptr) return FINDRESULT_NOT_OURS;
+    return LookupPath(context, path, &tracker, &entry);
+  }
+  bool LookUpFile() { return LookupFH(context, handle, &tracker, &entry); }
+  bool HandleIsOurs() { return LookupFH(context, handle, nullptr, nullptr); }
+
+  Outcome Answer(int32_t result) { return AnswerChunk(kTraceZorba, id, result, replacement); }
+  Outcome Replace(ChunkID by) { return ReplaceChunkWith(kTraceZorba, id, by, replacement); }
+  // What a builder made (by) stands in for this chunk, or its error
+  // (result) answers it.
+  Outcome ReplaceOrAnswer(int32_t result, ChunkID by) {
+    return result == ZUL_KEST_OK ? Replace(by) : Answer(result);
+  }
+};
+
+// For a path that must name an archived file: true with *refusal set when
+// the chunk is answered or goes down here, false when the file was found.
+bool NotAFile(Offer& offer, FindResult found, Outcome* refusal) {
+  if (found == FINDRESULT_FILE) return false;
+  if (found == FINDRESULT_DIR) {
+    *refusal = offer.Answer(ZUL_KEST_ERROR_NOT_A_FILE);
+  } else if (found == FINDRESULT_MISSING && !offer.loose) {
+    *refusal = offer.Answer(ZUL_KEST_ERROR_BAD_PATH);
+  } else {
+    *refusal = Outcome::kDown;
+  }
+  return true;
+}
+
+// --- Steps, one per chunk type --------------------------------------------
+
+Outcome OpenFile(Offer& offer) {
+  Outcome refusal;
+  if (NotAFile(offer, offer.LookUpPath(), &refusal)) return refusal;
+  FileHandle* file = Lookup<FileHandle>(kFhTable, offer.handle);
+  if (file == nullptr) return offer.Answer(ZUL_KEST_ERROR_BAD_FH);
+  KEST2_TRACE(kTraceZorba, "Open", "\"%s\" owns %s", offer.tracker->mountPoint,
+              ChunkPathText(offer.id));
+  BindFile(offer.context, file, offer.tracker, offer.entry);
+  if ((file->openParams.openFlags & (ZUL_KEST_O_WRITE | ZUL_KEST_O_APPEND | ZUL_KEST_O_TRUNC)) != 0)
+    return offer.Answer(ZUL_KEST_ERROR_READ_ONLY);
+  __atomic_store_n(&file->opened, 1u, __ATOMIC_RELEASE);
+  ChunkRecord<ChunkFhOpenRecord>(offer.id)->modificationDate =
+      offer.tracker->archiveStat.modificationDate;
+  return offer.Answer(ZUL_KEST_OK);
+}
+
+// A read becomes block reads and inflating.
+Outcome ReadFile(Offer& offer) {
+  if (!offer.LookUpFile()) return Outcome::kDown;
+  const FileHandle* file = Lookup<FileHandle>(kFhTable, offer.handle);
+  KEST2_TRACE(kTraceZorba, "FilterChunk", "reading from archive \"%s\" for %s",
+              offer.tracker->mountPoint, GetPath(&file->path));
+  const ChunkFhIoRecord* io = ChunkRecord<ChunkFhIoRecord>(offer.id);
+  ChunkID read = CHUNKID_INVALID;
+  const int32_t result =
+      CreateReadChunksUnlocked(offer.context, &read, offer.tracker, offer.entry, io->buffer,
+                               io->offset, io->reqCount, io->actCount);
+  if (result != ZUL_KEST_OK || read == CHUNKID_INVALID) return offer.Answer(result);
+  return offer.Replace(read);
+}
+
+Outcome RefuseWrite(Offer& offer) {
+  return offer.HandleIsOurs() ? offer.Answer(ZUL_KEST_ERROR_READ_ONLY) : Outcome::kDown;
+}
+
+Outcome SyncFile(Offer& offer) {
+  return offer.HandleIsOurs() ? offer.Answer(ZUL_KEST_OK) : Outcome::kDown;
+}
+
+// Closing an archive's own handle unmounts the archive.
+Outcome CloseFile(Offer& offer) {
+  if (FindArchiveByHandle(offer.context, offer.handle) != nullptr) {
+    char dump[kDumpBufferSize];
+    KEST2_TRACE(kTraceZorba, "FilterChunk",
+                "attempt to close an archive FH. Unmounting instead: %s\n",
+                zulKestDebugDumpFH(offer.handle, dump, sizeof(dump)));
+    ChunkID close = CHUNKID_INVALID;
+    const int32_t result = UnmountArchive(offer.context, offer.handle, &close);
+    return offer.ReplaceOrAnswer(result, close);
+  }
+  const FileHandle* file = Lookup<FileHandle>(kFhTable, offer.handle);
+  if (file == nullptr || file->filterContext != offer.context) return Outcome::kDown;
+  ReleaseHandle(kFhTable, offer.handle);
+  return offer.Answer(ZUL_KEST_OK);
+}
+
+// With loose files the native directory of the same path is opened too.
+Outcome OpenDir(Offer& offer) {
+  const FindResult found = offer.LookUpPath();
+  if (found == FINDRESULT_FILE) return offer.Answer(ZUL_KEST_ERROR_NOT_A_DIRECTORY);
+  if (found == FINDRESULT_MISSING && !offer.loose) return offer.Answer(ZUL_KEST_ERROR_BAD_PATH);
+  if (found == FINDRESULT_NOT_OURS) return Outcome::kDown;
+  DirHandle* dir = Lookup<DirHandle>(kDhTable, offer.handle);
+  if (dir == nullptr) return offer.Answer(ZUL_KEST_ERROR_BAD_DH);
+  KEST2_TRACE(kTraceZorba, "DHOpen", "pDH: %p, h: %d, path: %s", static_cast<void*>(dir),
+              static_cast<int>(offer.handle), ChunkPathText(offer.id));
+  BindDir(offer.context, dir, offer.tracker);
+  __atomic_store_n(&dir->opened, 1u, __ATOMIC_RELEASE);
+  if (!offer.loose) return offer.Answer(ZUL_KEST_OK);
+  ChunkID chain = CHUNKID_INVALID;
+  const int32_t result = BuildLooseOpen(offer.context, offer.id, &chain);
+  return offer.ReplaceOrAnswer(result, chain);
+}
+
+// The archive's entries first; with loose files the native listing after.
+Outcome ReadDir(Offer& offer) {
+  if (!LookupDH(offer.context, offer.handle, &offer.tracker)) return Outcome::kDown;
+  const int32_t listed =
+      ReadArchiveDirectory(offer.context, offer.id, offer.type == CHUNK_DH_READ_BULK);
+  if (listed != ZUL_KEST_ERROR_EOF || !offer.loose || ListingFinished(offer.handle))
+    return offer.Answer(listed);
+  ChunkID chain = CHUNKID_INVALID;
+  const int32_t result = BuildLooseRead(offer.context, offer.id, &chain);
+  return offer.ReplaceOrAnswer(result, chain);
+}
+
+Outcome CloseDir(Offer& offer) {
+  DirHandle* dir = Lookup<DirHandle>(kDhTable, offer.handle);
+  if (dir == nullptr || dir->filterContext != offer.context) return Outcome::kDown;
+  const uint32_t native = LooseListing(offer.handle);
+  KEST2_TRACE(kTraceZorba, "DHClose", "pDH: %p, h: %d, m_nativeDH: %lld\n", static_cast<void*>(dir),
+              static_cast<int>(offer.handle), static_cast<long long>(native));
+  ReleaseHandle(kDhTable, offer.handle);
+  if (native == 0 || LookupHandle(kDhTable, native) == nullptr) return offer.Answer(ZUL_KEST_OK);
+  // The native listing is closed (and its handle released) natively.
+  const ChunkID close = AllocateChunk(CHUNK_DH_CLOSE);
+  if (close == CHUNKID_INVALID) {
+    ReleaseHandle(kDhTable, native);
+    return offer.Answer(ZUL_KEST_OK);
+  }
+  ChunkRecord<ChunkHandleRecord>(close)->h = native;
+  return offer.Replace(close);
+}
+
+Outcome AnswerExists(Offer& offer) {
+  const FindResult found = offer.LookUpPath();
+  if (found == FINDRESULT_NOT_OURS || (found == FINDRESULT_MISSING && offer.loose))
+    return Outcome::kDown;
+  const bool exists = offer.type == CHUNK_DIR_EXISTS    ? found == FINDRESULT_DIR
+                      : offer.type == CHUNK_FILE_EXISTS ? found == FINDRESULT_FILE
+                                                        : found != FINDRESULT_MISSING;
+  StoreBool(ChunkRecord<ChunkPathResultRecord>(offer.id)->result, exists);
+  return offer.Answer(ZUL_KEST_OK);
+}
+
+Outcome AnswerFileSize(Offer& offer) {
+  Outcome refusal;
+  if (NotAFile(offer, offer.LookUpPath(), &refusal)) return refusal;
+  auto* size = static_cast<int64_t*>(ChunkRecord<ChunkPathResultRecord>(offer.id)->result);
+  if (size != nullptr) *size = static_cast<int64_t>(GetEntrySize(offer.entry));
+  return offer.Answer(ZUL_KEST_OK);
+}
+
+// A stat names either a handle or a path.
+Outcome AnswerStat(Offer& offer) {
+  ChunkStatRecord* stat = ChunkRecord<ChunkStatRecord>(offer.id);
+  if (stat->h != 0) {
+    offer.handle = stat->h;
+    if (!offer.LookUpFile()) return Outcome::kDown;
+  } else {
+    const FindResult found = offer.LookUpPath();
+    if (found == FINDRESULT_MISSING && !offer.loose) return offer.Answer(ZUL_KEST_ERROR_BAD_PATH);
+    if (found != FINDRESULT_FILE && found != FINDRESULT_DIR) return Outcome::kDown;
+  }
+  if (stat->stat != nullptr) GetStat(offer.tracker, offer.entry, stat->stat);
+  return offer.Answer(ZUL_KEST_OK);
+}
+
+Outcome RefuseTruncate(Offer& offer) {
+  if (offer.handle != 0 && offer.HandleIsOurs()) return offer.Answer(ZUL_KEST_ERROR_READ_ONLY);
+  const FindResult found = offer.LookUpPath();
+  if (found == FINDRESULT_DIR) return offer.Answer(ZUL_KEST_ERROR_NOT_A_FILE);
+  if (found == FINDRESULT_FILE) return offer.Answer(ZUL_KEST_ERROR_READ_ONLY);
+  if (found == FINDRESULT_MISSING && !offer.loose) return offer.Answer(ZUL_KEST_ERROR_BAD_PATH);
+  return Outcome::kDown;
+}
+
+// Path changes (create, delete, rename): archives are read-only.
+Outcome RefuseChange(Offer& offer) {
+  switch (offer.LookUpPath()) {
     case FINDRESULT_NOT_OURS:
       return Outcome::kDown;
     case FINDRESULT_MISSING:
-      if (LooseFiles(context) || type == CHUNK_DIR_CREATE) return Outcome::kDown;
-      return Answer(id, ZUL_KEST_ERROR_BAD_PATH, replacement);
+      if (offer.loose || offer.type == CHUNK_DIR_CREATE) return Outcome::kDown;
+      return offer.Answer(ZUL_KEST_ERROR_BAD_PATH);
     case FINDRESULT_FILE:
-      return Answer(id, type == CHUNK_DIR_DELETE ? ZUL_KEST_ERROR_NOT_A_DIRECTORY : ZUL_KEST_ERROR_READ_ONLY,
-                    replacement);
+      return offer.Answer(offer.type == CHUNK_DIR_DELETE ? ZUL_KEST_ERROR_NOT_A_DIRECTORY
+                                                         : ZUL_KEST_ERROR_READ_ONLY);
     case FINDRESULT_DIR:
-      return Answer(id,
-                    type == CHUNK_FILE_DELETE  ? ZUL_KEST_ERROR_NOT_A_FILE
-                    : type == CHUNK_DIR_CREATE ? ZUL_KEST_ERROR_BAD_PATH
-                                               : ZUL_KEST_ERROR_READ_ONLY,
-                    replacement);
+      return offer.Answer(offer.type == CHUNK_FILE_DELETE  ? ZUL_KEST_ERROR_NOT_A_FILE
+                          : offer.type == CHUNK_DIR_CREATE ? ZUL_KEST_ERROR_BAD_PATH
+                                                           : ZUL_KEST_ERROR_READ_ONLY);
   }
   return Outcome::kDown;
 }
 
-// Answers one chunk, or replaces it.  REQUIRES: dearchiver mutex held.
-Outcome FilterChunk(ZulKestZorbaDearchiverContext* context, ChunkID id, ChunkID* replacement) {
-  ChunkHeader* chunk = ChunkAt(id);
-  const uint8_t type = chunk->type;
-  const bool loose = LooseFiles(context);
-  const uint32_t handle = GetChunkHandle(id);
-  ArchiveTracker* tracker = nullptr;
-  const uint8_t* entry = nullptr;
-  auto lookupPath = [&]() -> FindResult {
-    const char* path = ChunkPathText(id);
-    if (path == nullptr || ArchiveList(context) == nullptr) return FINDRESULT_NOT_OURS;
-    return LookupPath(context, path, &tracker, &entry);
-  };
+Outcome RefuseResolve(Offer& offer) { return offer.Answer(ZUL_KEST_ERROR_UNIMPLEMENTED); }
+
+// A query or a mount becomes its chain of reads and checks.
+Outcome Mount(Offer& offer) {
+  ChunkID chain = CHUNKID_INVALID;
+  const int32_t result = BuildMountChain(offer.context, offer.id, &chain);
+  return offer.ReplaceOrAnswer(result, chain);
+}
+
+Outcome Unmount(Offer& offer) {
+  ChunkID close = CHUNKID_INVALID;
+  const int32_t result = UnmountArchive(offer.context, offer.handle, &close);
+  return offer.ReplaceOrAnswer(result, close);
+}
+
+using Step = Outcome (*)(Offer& offer);
+
+// The step for a chunk type; null for types that always go down.
+Step StepFor(uint8_t type) {
   switch (type) {
-    case CHUNK_FH_OPEN: {
-      const FindResult found = lookupPath();
-      if (found == FINDRESULT_DIR) return Answer(id, ZUL_KEST_ERROR_NOT_A_FILE, replacement);
-      if (found == FINDRESULT_MISSING && !loose) return Answer(id, ZUL_KEST_ERROR_BAD_PATH, replacement);
-      if (found != FINDRESULT_FILE) return Outcome::kDown;
-      FileHandle* file = Lookup<FileHandle>(kFhTable, handle);
-      if (file == nullptr) return Answer(id, ZUL_KEST_ERROR_BAD_FH, replacement);
-      KEST2_TRACE(kTraceZorba, "Open", "\"%s\" owns %s", tracker->mountPoint, ChunkPathText(id));
-      BindFile(context, file, tracker, entry);
-      if ((file->openParams.openFlags & (ZUL_KEST_O_WRITE | ZUL_KEST_O_APPEND | ZUL_KEST_O_TRUNC)) != 0)
-        return Answer(id, ZUL_KEST_ERROR_READ_ONLY, replacement);
-      __atomic_store_n(&file->opened, 1u, __ATOMIC_RELEASE);
-      ChunkRecord<ChunkFhOpenRecord>(id)->modificationDate = tracker->archiveStat.modificationDate;
-      return Answer(id, ZUL_KEST_OK, replacement);
-    }
-    case CHUNK_FH_READ: {
-      if (!LookupFH(context, handle, &tracker, &entry)) return Outcome::kDown;
-      const FileHandle* file = Lookup<FileHandle>(kFhTable, handle);
-      KEST2_TRACE(kTraceZorba, "FilterChunk", "reading from archive \"%s\" for %s", tracker->mountPoint,
-                  GetPath(&file->path));
-      const ChunkFhIoRecord* io = ChunkRecord<ChunkFhIoRecord>(id);
-      ChunkID read = CHUNKID_INVALID;
-      const int32_t result = CreateReadChunksUnlocked(context, &read, tracker, entry, io->buffer,
-                                                      io->offset, io->reqCount, io->actCount);
-      if (result != ZUL_KEST_OK || read == CHUNKID_INVALID) return Answer(id, result, replacement);
-      return Replace(id, read, replacement);
-    }
+    case CHUNK_FH_OPEN:
+      return OpenFile;
+    case CHUNK_FH_READ:
+      return ReadFile;
     case CHUNK_FH_WRITE:
-      if (!LookupFH(context, handle, nullptr, nullptr)) return Outcome::kDown;
-      return Answer(id, ZUL_KEST_ERROR_READ_ONLY, replacement);
+      return RefuseWrite;
     case CHUNK_FH_SYNC:
-      if (!LookupFH(context, handle, nullptr, nullptr)) return Outcome::kDown;
-      return Answer(id, ZUL_KEST_OK, replacement);
-    case CHUNK_FH_CLOSE: {
-      if (FindArchiveByHandle(context, handle) != nullptr) {
-        char dump[kDumpBufferSize];
-        KEST2_TRACE(kTraceZorba, "FilterChunk", "attempt to close an archive FH. Unmounting instead: %s\n",
-                    zulKestDebugDumpFH(handle, dump, sizeof(dump)));
-        ChunkID close = CHUNKID_INVALID;
-        const int32_t result = UnmountArchive(context, handle, &close);
-        return result == ZUL_KEST_OK ? Replace(id, close, replacement) : Answer(id, result, replacement);
-      }
-      const FileHandle* file = Lookup<FileHandle>(kFhTable, handle);
-      if (file == nullptr || file->filterContext != context) return Outcome::kDown;
-      ReleaseHandle(kFhTable, handle);
-      return Answer(id, ZUL_KEST_OK, replacement);
-    }
-    case CHUNK_DH_OPEN: {
-      const FindResult found = lookupPath();
-      if (found == FINDRESULT_FILE) return Answer(id, ZUL_KEST_ERROR_NOT_A_DIRECTORY, replacement);
-      if (found == FINDRESULT_MISSING && !loose) return Answer(id, ZUL_KEST_ERROR_BAD_PATH, replacement);
-      if (found == FINDRESULT_NOT_OURS) return Outcome::kDown;
-      DirHandle* dir = Lookup<DirHandle>(kDhTable, handle);
-      if (dir == nullptr) return Answer(id, ZUL_KEST_ERROR_BAD_DH, replacement);
-      KEST2_TRACE(kTraceZorba, "DHOpen", "pDH: %p, h: %d, path: %s", static_cast<void*>(dir),
-                  static_cast<int>(handle), ChunkPathText(id));
-      BindDir(context, dir, tracker);
-      __atomic_store_n(&dir->opened, 1u, __ATOMIC_RELEASE);
-      if (!loose) return Answer(id, ZUL_KEST_OK, replacement);
-      ChunkID chain = CHUNKID_INVALID;
-      const int32_t result = BuildLooseOpen(context, id, &chain);
-      return result == ZUL_KEST_OK ? Replace(id, chain, replacement) : Answer(id, result, replacement);
-    }
+      return SyncFile;
+    case CHUNK_FH_CLOSE:
+      return CloseFile;
+    case CHUNK_DH_OPEN:
+      return OpenDir;
     case CHUNK_DH_READ:
-    case CHUNK_DH_READ_BULK: {
-      if (!LookupDH(context, handle, &tracker)) return Outcome::kDown;
-      const bool bulk = type == CHUNK_DH_READ_BULK;
-      const int32_t result = ReadArchiveDirectory(context, id, bulk);
-      if (result != ZUL_KEST_ERROR_EOF || !loose || ListingFinished(handle))
-        return Answer(id, result, replacement);
-      ChunkID chain = CHUNKID_INVALID;
-      const int32_t built = BuildLooseRead(context, id, &chain);
-      return built == ZUL_KEST_OK ? Replace(id, chain, replacement) : Answer(id, built, replacement);
-    }
-    case CHUNK_DH_CLOSE: {
-      DirHandle* dir = Lookup<DirHandle>(kDhTable, handle);
-      if (dir == nullptr || dir->filterContext != context) return Outcome::kDown;
-      const uint32_t native = LooseListing(handle);
-      KEST2_TRACE(kTraceZorba, "DHClose", "pDH: %p, h: %d, m_nativeDH: %lld\n", static_cast<void*>(dir),
-                  static_cast<int>(handle), static_cast<long long>(native));
-      ReleaseHandle(kDhTable, handle);
-      if (native == 0 || LookupHandle(kDhTable, native) == nullptr) return Answer(id, ZUL_KEST_OK, replacement);
-      // The native listing is closed (and its handle released) natively.
-      const ChunkID close = AllocateChunk(CHUNK_DH_CLOSE);
-      if (close == CHUNKID_INVALID) {
-        ReleaseHandle(kDhTable, native);
-        return Answer(id, ZUL_KEST_OK, replacement);
-      }
-      ChunkRecord<ChunkHandleRecord>(close)->h = native;
-      return Replace(id, close, replacement);
-    }
+    case CHUNK_DH_READ_BULK:
+      return ReadDir;
+    case CHUNK_DH_CLOSE:
+      return CloseDir;
     case CHUNK_DIR_EXISTS:
     case CHUNK_FILE_EXISTS:
-    case CHUNK_EXISTS: {
-      const FindResult found = lookupPath();
-      if (found == FINDRESULT_NOT_OURS || (found == FINDRESULT_MISSING && loose)) return Outcome::kDown;
-      const bool exists = type == CHUNK_DIR_EXISTS    ? found == FINDRESULT_DIR
-                          : type == CHUNK_FILE_EXISTS ? found == FINDRESULT_FILE
-                                                      : found != FINDRESULT_MISSING;
-      StoreBool(ChunkRecord<ChunkPathResultRecord>(id)->result, exists);
-      return Answer(id, ZUL_KEST_OK, replacement);
-    }
-    case CHUNK_FILE_SIZE: {
-      const FindResult found = lookupPath();
-      if (found == FINDRESULT_DIR) return Answer(id, ZUL_KEST_ERROR_NOT_A_FILE, replacement);
-      if (found == FINDRESULT_MISSING && !loose) return Answer(id, ZUL_KEST_ERROR_BAD_PATH, replacement);
-      if (found != FINDRESULT_FILE) return Outcome::kDown;
-      auto* size = static_cast<int64_t*>(ChunkRecord<ChunkPathResultRecord>(id)->result);
-      if (size != nullptr) *size = static_cast<int64_t>(GetEntrySize(entry));
-      return Answer(id, ZUL_KEST_OK, replacement);
-    }
-    case CHUNK_STAT: {
-      ChunkStatRecord* stat = ChunkRecord<ChunkStatRecord>(id);
-      if (stat->h != 0) {
-        if (!LookupFH(context, stat->h, &tracker, &entry)) return Outcome::kDown;
-      } else {
-        const FindResult found = lookupPath();
-        if (found == FINDRESULT_MISSING && !loose) return Answer(id, ZUL_KEST_ERROR_BAD_PATH, replacement);
-        if (found != FINDRESULT_FILE && found != FINDRESULT_DIR) return Outcome::kDown;
-      }
-      if (stat->stat != nullptr) GetStat(tracker, entry, stat->stat);
-      return Answer(id, ZUL_KEST_OK, replacement);
-    }
-    case CHUNK_TRUNCATE: {
-      if (handle != 0 && LookupFH(context, handle, nullptr, nullptr))
-        return Answer(id, ZUL_KEST_ERROR_READ_ONLY, replacement);
-      const FindResult found = lookupPath();
-      if (found == FINDRESULT_DIR) return Answer(id, ZUL_KEST_ERROR_NOT_A_FILE, replacement);
-      if (found == FINDRESULT_FILE) return Answer(id, ZUL_KEST_ERROR_READ_ONLY, replacement);
-      if (found == FINDRESULT_MISSING && !loose) return Answer(id, ZUL_KEST_ERROR_BAD_PATH, replacement);
-      return Outcome::kDown;
-    }
+    case CHUNK_EXISTS:
+      return AnswerExists;
+    case CHUNK_FILE_SIZE:
+      return AnswerFileSize;
+    case CHUNK_STAT:
+      return AnswerStat;
+    case CHUNK_TRUNCATE:
+      return RefuseTruncate;
     case CHUNK_DIR_CREATE:
     case CHUNK_DIR_DELETE:
     case CHUNK_FILE_DELETE:
     case CHUNK_DELETE:
     case CHUNK_RENAME:
-      return FilterChange(context, id, type, lookupPath(), replacement);
+      return RefuseChange;
     case CHUNK_RESOLVE:
-      return Answer(id, ZUL_KEST_ERROR_UNIMPLEMENTED, replacement);
+      return RefuseResolve;
     case CHUNK_ARCHIVE_QUERY:
-    case CHUNK_ARCHIVE_MOUNT: {
-      ChunkID chain = CHUNKID_INVALID;
-      const int32_t result = BuildMountChain(context, id, &chain);
-      return result == ZUL_KEST_OK ? Replace(id, chain, replacement) : Answer(id, result, replacement);
-    }
-    case CHUNK_ARCHIVE_UNMOUNT: {
-      ChunkID close = CHUNKID_INVALID;
-      const int32_t result = UnmountArchive(context, handle, &close);
-      return result == ZUL_KEST_OK ? Replace(id, close, replacement) : Answer(id, result, replacement);
-    }
+    case CHUNK_ARCHIVE_MOUNT:
+      return Mount;
+    case CHUNK_ARCHIVE_UNMOUNT:
+      return Unmount;
     default:
-      return Outcome::kDown;
+      return nullptr;
   }
 }
 
+// Answers one chunk, or replaces it.  REQUIRES: dearchiver mutex held.
 Outcome FilterOne(void* context, ChunkID id, ChunkID* replacement) {
-  return FilterChunk(static_cast<ZulKestZorbaDearchiverContext*>(context), id, replacement);
+  const uint8_t type = ChunkAt(id)->type;
+  const Step step = StepFor(type);
+  if (step == nullptr) return Outcome::kDown;
+  auto* dearchiver = static_cast<ZulKestZorbaDearchiverContext*>(context);
+  Offer offer{dearchiver,  id,      type,   GetChunkHandle(id), LooseFiles(dearchiver),
+              replacement, nullptr, nullptr};
+  return step(offer);
 }
 
 }  // namespace
