@@ -43,9 +43,9 @@ static_assert(sizeof(DeferredCopy) == 16, "");
 struct FillRecord {
   ZulKestRamCacheContext* context;
   CacheHeader* cache;
-  int64_t filled;           // the fill reads' accumulator
-  int64_t* readActCount;    // the read's, or null
-  ZulKestDate knownDate;    // from another valid block of the file, or 0
+  int64_t filled;         // the fill reads' accumulator
+  int64_t* readActCount;  // the read's, or null
+  ZulKestDate knownDate;  // from another valid block of the file, or 0
   uint16_t flags;
   int32_t block;
   int64_t tailLength;
@@ -81,7 +81,9 @@ T* StateOf(ChunkCallbackRecord* record) {
   return reinterpret_cast<T*>(record->filterData);
 }
 
-CacheHeader* CacheOf(ChunkCallbackRecord* record) { return static_cast<CacheHeader*>(record->context); }
+CacheHeader* CacheOf(ChunkCallbackRecord* record) {
+  return static_cast<CacheHeader*>(record->context);
+}
 
 bool Cancelled(ChunkID id) { return (LoadChunkFlags(ChunkAt(id)) & kChunkCancelled) != 0; }
 
@@ -89,7 +91,9 @@ void AddActCount(int64_t* actCount, int64_t bytes) {
   if (actCount != nullptr && bytes != 0) __atomic_add_fetch(actCount, bytes, __ATOMIC_ACQ_REL);
 }
 
-char* Dump(const CacheBlock* block, char* buffer, size_t size) { return DumpCacheBlock(block, buffer, size); }
+char* Dump(const CacheBlock* block, char* buffer, size_t size) {
+  return DumpCacheBlock(block, buffer, size);
+}
 
 ZulKestDate FillDate(const FillRecord* fill) {
   return fill->knownDate != 0 ? fill->knownDate : fill->stat.modificationDate;
@@ -102,8 +106,10 @@ ZulKestDate FillDate(const FillRecord* fill) {
 void SettleFilledBlock(CacheHeader* cache, const FillRecord* fill) {
   CacheBlock* block = &cache->table[fill->block];
   block->fillCallback = CHUNKID_INVALID;
-  if (fill->filled < static_cast<int64_t>(block->length)) block->length = static_cast<uint32_t>(fill->filled);
-  if (AddBlockRef(block, -1) <= 0 && (LoadBlockState(block) == kCACHE_PURGE || block->length == 0)) {
+  if (fill->filled < static_cast<int64_t>(block->length))
+    block->length = static_cast<uint32_t>(fill->filled);
+  if (AddBlockRef(block, -1) <= 0 &&
+      (LoadBlockState(block) == kCACHE_PURGE || block->length == 0)) {
     ClearBlock(cache, fill->block);
     return;
   }
@@ -244,8 +250,8 @@ int32_t CallbackHandler(ChunkCallbackRecord* record, int32_t event) {
       }
       if (TraceEnabled(kTraceCache)) {
         char dump[256];
-        TraceLine(kTraceCache, "CallbackHandler", "read/filled block [%d] %s {%s}\n", fill->block, "",
-                  Dump(&cache->table[fill->block], dump, sizeof(dump)));
+        TraceLine(kTraceCache, "CallbackHandler", "read/filled block [%d] %s {%s}\n", fill->block,
+                  "", Dump(&cache->table[fill->block], dump, sizeof(dump)));
       }
     }
   }
@@ -276,9 +282,11 @@ struct ReadRewrite {
   bool deferred() const { return linked != CHUNKID_INVALID; }
 };
 
-void RecordCopy(ReadRewrite* rw, int32_t block, int64_t offsetInBlock, int64_t offsetInBuffer, int64_t length) {
-  rw->copies[rw->copyCount++] = DeferredCopy{block, static_cast<int32_t>(offsetInBlock),
-                                             static_cast<int32_t>(offsetInBuffer), static_cast<int32_t>(length)};
+void RecordCopy(ReadRewrite* rw, int32_t block, int64_t offsetInBlock, int64_t offsetInBuffer,
+                int64_t length) {
+  rw->copies[rw->copyCount++] =
+      DeferredCopy{block, static_cast<int32_t>(offsetInBlock), static_cast<int32_t>(offsetInBuffer),
+                   static_cast<int32_t>(length)};
   AddBlockRef(&rw->cache->table[block], 1);
 }
 
@@ -287,7 +295,9 @@ void DropCollector(ReadRewrite* rw) {
   if (rw->collector == CHUNKID_INVALID) return;
   ChunkLocker lock;
   for (ChunkID child; (child = GetChild(rw->collector, 0)) != CHUNKID_INVALID;) {
-    AddBlockRef(&rw->cache->table[StateOf<LinkedFillState>(ChunkRecord<ChunkCallbackRecord>(child))->block], -1);
+    AddBlockRef(
+        &rw->cache->table[StateOf<LinkedFillState>(ChunkRecord<ChunkCallbackRecord>(child))->block],
+        -1);
     UnlinkChunks(rw->collector, child);
     DeallocateTree(child);
   }
@@ -298,7 +308,8 @@ void DropCollector(ReadRewrite* rw) {
 
 // A callback below the read's collector that copies [offsetInBlock, +n)
 // of a busy block to destination once its fill has finished.
-bool LinkToRunningFill(ReadRewrite* rw, int32_t index, int64_t offsetInBlock, uint8_t* destination, int64_t n) {
+bool LinkToRunningFill(ReadRewrite* rw, int32_t index, int64_t offsetInBlock, uint8_t* destination,
+                       int64_t n) {
   CacheBlock* block = &rw->cache->table[index];
   if (rw->collector == CHUNKID_INVALID) {
     rw->collector = AllocateChunk(CHUNK_NULL);
@@ -314,8 +325,9 @@ bool LinkToRunningFill(ReadRewrite* rw, int32_t index, int64_t offsetInBlock, ui
   ChunkCallbackRecord* record = ChunkRecord<ChunkCallbackRecord>(callback);
   record->callback = LinkedFillHandler;
   record->context = rw->cache;
-  *StateOf<LinkedFillState>(record) = LinkedFillState{destination, index, static_cast<int32_t>(offsetInBlock),
-                                                      static_cast<int32_t>(n), rw->io->actCount};
+  *StateOf<LinkedFillState>(record) =
+      LinkedFillState{destination, index, static_cast<int32_t>(offsetInBlock),
+                      static_cast<int32_t>(n), rw->io->actCount};
   AddBlockRef(block, 1);
   if (!LinkChunks(callback, block->fillCallback)) {
     AddBlockRef(block, -1);
@@ -373,9 +385,10 @@ FrontResult FrontPass(ReadRewrite* rw) {
     CacheBlock* block = &rw->cache->table[index];
     if (TraceEnabled(kTraceCache)) {
       char dump[256];
-      TraceLine(kTraceCache, "ExecuteRead", "Chunk %d found in block[%d] {%s} refcnt %d callback %d\n", id, index,
-                Dump(block, dump, sizeof(dump)), __atomic_load_n(&block->refcount, __ATOMIC_RELAXED),
-                block->fillCallback);
+      TraceLine(kTraceCache, "ExecuteRead",
+                "Chunk %d found in block[%d] {%s} refcnt %d callback %d\n", id, index,
+                Dump(block, dump, sizeof(dump)),
+                __atomic_load_n(&block->refcount, __ATOMIC_RELAXED), block->fillCallback);
     }
     const int64_t offsetInBlock = io->offset - blockOffset;
     int64_t n = static_cast<int64_t>(block->length) - offsetInBlock;
@@ -387,7 +400,8 @@ FrontResult FrontPass(ReadRewrite* rw) {
         if (rw->copyCount == kMaxDeferredCopies) return FrontResult::kMiss;
         RecordCopy(rw, index, offsetInBlock, offsetInBuffer, n);
       } else {
-        std::memcpy(io->buffer, BlockData(rw->cache, index) + offsetInBlock, static_cast<size_t>(n));
+        std::memcpy(io->buffer, BlockData(rw->cache, index) + offsetInBlock,
+                    static_cast<size_t>(n));
         rw->copiedNow += n;
       }
     } else {
@@ -398,16 +412,19 @@ FrontResult FrontPass(ReadRewrite* rw) {
         return FrontResult::kMiss;
       }
       if (rw->deferred()) {
-        if (rw->copyCount == kMaxDeferredCopies || !LinkWaitForFill(rw, block)) return FrontResult::kMiss;
+        if (rw->copyCount == kMaxDeferredCopies || !LinkWaitForFill(rw, block))
+          return FrontResult::kMiss;
         if (TraceEnabled(kTraceCache)) {
           char dump[kDumpBufferSize];
-          TraceLine(kTraceCache, "ExecuteRead",
-                    "Chunk %d block[%d] busy, linking pre-execute %d to existing callback chunk %d\n", id, index,
-                    rw->pre, fill);
+          TraceLine(
+              kTraceCache, "ExecuteRead",
+              "Chunk %d block[%d] busy, linking pre-execute %d to existing callback chunk %d\n", id,
+              index, rw->pre, fill);
           TraceLine(kTraceCache, "ExecuteRead", "%s\n", DumpChunk(fill, dump, sizeof(dump)));
         }
         RecordCopy(rw, index, offsetInBlock, offsetInBuffer, n);
-      } else if (!LinkToRunningFill(rw, index, offsetInBlock, static_cast<uint8_t*>(io->buffer), n)) {
+      } else if (!LinkToRunningFill(rw, index, offsetInBlock, static_cast<uint8_t*>(io->buffer),
+                                    n)) {
         return FrontResult::kUndo;
       }
     }
@@ -423,7 +440,7 @@ FrontResult FrontPass(ReadRewrite* rw) {
 
 // The part of what is left of the read that lies in its last block.
 struct Tail {
-  int64_t block;           // T: file offset of the block
+  int64_t block;  // T: file offset of the block
   int64_t offsetInBlock;
   int64_t offsetInBuffer;  // from the read's original start
   int64_t length;
@@ -450,8 +467,8 @@ bool SecondChance(ReadRewrite* rw, const Tail& tail) {
   const ChunkID id = rw->read;
   if (TraceEnabled(kTraceCache)) {
     char dump[256];
-    TraceLine(kTraceCache, "ExecuteRead", "Chunk %d 2nd chance found in cache block[%d] {%s}\n", id, index,
-              Dump(block, dump, sizeof(dump)));
+    TraceLine(kTraceCache, "ExecuteRead", "Chunk %d 2nd chance found in cache block[%d] {%s}\n", id,
+              index, Dump(block, dump, sizeof(dump)));
   }
   if (tail.offsetInBlock + tail.length > static_cast<int64_t>(block->length)) return true;
   const bool valid = LoadBlockState(block) == kCACHE_VALID;
@@ -465,11 +482,13 @@ bool SecondChance(ReadRewrite* rw, const Tail& tail) {
       ChunkLocker lock;
       const ChunkID fill = block->fillCallback;
       if (fill == CHUNKID_INVALID || Cancelled(fill) || !LinkWaitForFill(rw, block)) {
-        KEST2_TRACE(kTraceCache, "ExecuteRead", "Chunk %d Error linking to existing callback chunk %d\n", id, fill);
+        KEST2_TRACE(kTraceCache, "ExecuteRead",
+                    "Chunk %d Error linking to existing callback chunk %d\n", id, fill);
         return true;
       }
-      KEST2_TRACE(kTraceCache, "ExecuteRead", "Chunk %d block[%d] busy, linking to existing callback chunk %d\n", id,
-                  index, fill);
+      KEST2_TRACE(kTraceCache, "ExecuteRead",
+                  "Chunk %d block[%d] busy, linking to existing callback chunk %d\n", id, index,
+                  fill);
     }
     RecordCopy(rw, index, tail.offsetInBlock, tail.offsetInBuffer, tail.length);
   } else {
@@ -502,8 +521,10 @@ bool AttachDeferredCopies(ReadRewrite* rw, FillRecord* fill) {
   if (!LinkChunks(rw->read, rw->pre)) return false;
   rw->io->header.linked = CHUNKID_INVALID;
   ChunkHeader* linked = ChunkAt(rw->linked);
-  StoreChunkFlags(linked, static_cast<uint16_t>(LoadChunkFlags(linked) & ~(kChunkScheduled | kChunkCompleted)));
-  KEST2_TRACE(kTraceCache, "ExecuteRead", "Chunk %d %d deferred copies, linking callback %d to pre-exec callback %d\n",
+  StoreChunkFlags(
+      linked, static_cast<uint16_t>(LoadChunkFlags(linked) & ~(kChunkScheduled | kChunkCompleted)));
+  KEST2_TRACE(kTraceCache, "ExecuteRead",
+              "Chunk %d %d deferred copies, linking callback %d to pre-exec callback %d\n",
               rw->read, rw->copyCount, rw->pre, rw->linked);
   return true;
 }
@@ -512,8 +533,9 @@ bool AttachDeferredCopies(ReadRewrite* rw, FillRecord* fill) {
 // the fill record and, when the file's date is unknown, a stat.  The fill's
 // root, or CHUNKID_INVALID (the victim then stays empty).  REQUIRES: write
 // lock.
-ChunkID BuildFill(CacheHeader* cache, ZulKestRamCacheContext* context, uint32_t h, const uint8_t* digest,
-                  int64_t fileSize, int64_t blockOffset, int32_t victim, FillRecord** fillOut, ChunkID traceId) {
+ChunkID BuildFill(CacheHeader* cache, ZulKestRamCacheContext* context, uint32_t h,
+                  const uint8_t* digest, int64_t fileSize, int64_t blockOffset, int32_t victim,
+                  FillRecord** fillOut, ChunkID traceId) {
   CacheBlock* block = &cache->table[victim];
   if (LoadBlockState(block) != kCACHE_EMPTY) {
     KEST2_TRACE(kTraceCache, "ExecuteRead", "Chunk %d Flushing cache block[%d]\n", traceId, victim);
@@ -571,8 +593,9 @@ ChunkID BuildFill(CacheHeader* cache, ZulKestRamCacheContext* context, uint32_t 
     statRecord->h = h;
     statRecord->stat = &record->stat;
   }
-  KEST2_TRACE(kTraceCache, "ExecuteRead", "Chunk %d created callback chunk with %d read chunk(s) (%d ...) %s\n",
-              traceId, static_cast<int>(pieces), fill, withStat ? "and a stat chunk" : " ");
+  KEST2_TRACE(kTraceCache, "ExecuteRead",
+              "Chunk %d created callback chunk with %d read chunk(s) (%d ...) %s\n", traceId,
+              static_cast<int>(pieces), fill, withStat ? "and a stat chunk" : " ");
   *fillOut = record;
   return fill;
 }
@@ -597,7 +620,8 @@ void StartFill(CacheHeader* cache, int32_t victim, ChunkID callback) {
   StoreBlockState(block, kCACHE_BUSY);
   // Lookups stop at the last block ever filled: a cold or lightly used
   // cache is not scanned whole on every miss.
-  if (static_cast<uint32_t>(victim) >= cache->usedLimit) cache->usedLimit = static_cast<uint32_t>(victim) + 1;
+  if (static_cast<uint32_t>(victim) >= cache->usedLimit)
+    cache->usedLimit = static_cast<uint32_t>(victim) + 1;
 }
 
 // Step 8: fills the tail block.  REQUIRES: write lock.
@@ -609,16 +633,18 @@ void FillTail(ReadRewrite* rw, const Tail& tail, bool* fillMade, FillRecord** fi
     return;
   }
   if (TraceEnabled(kTraceCache)) {
-    TraceLine(kTraceCache, "ExecuteRead", "Chunk %d filling RAM cache block[%d] with %s (%lld-%lld)\n", id, victim,
+    TraceLine(kTraceCache, "ExecuteRead",
+              "Chunk %d filling RAM cache block[%d] with %s (%lld-%lld)\n", id, victim,
               GetPath(&rw->file->path), static_cast<long long>(tail.block),
-              static_cast<long long>(tail.block + (rw->fileSize - tail.block < rw->cache->blockSize
-                                                       ? rw->fileSize - tail.block
-                                                       : rw->cache->blockSize) -
+              static_cast<long long>(tail.block +
+                                     (rw->fileSize - tail.block < rw->cache->blockSize
+                                          ? rw->fileSize - tail.block
+                                          : rw->cache->blockSize) -
                                      1));
   }
   FillRecord* fill = nullptr;
-  const ChunkID fillRoot =
-      BuildFill(rw->cache, rw->context, rw->io->h, rw->digest, rw->fileSize, tail.block, victim, &fill, id);
+  const ChunkID fillRoot = BuildFill(rw->cache, rw->context, rw->io->h, rw->digest, rw->fileSize,
+                                     tail.block, victim, &fill, id);
   if (fillRoot == CHUNKID_INVALID) {
     ClearBlock(rw->cache, victim);
     return;
@@ -629,7 +655,8 @@ void FillTail(ReadRewrite* rw, const Tail& tail, bool* fillMade, FillRecord** fi
   fill->tailOffset = tail.offsetInBuffer;
   ChunkID fillCallback;
   if (!rw->deferred()) {
-    fill->tailDestination = static_cast<uint8_t*>(rw->io->buffer) + (tail.offsetInBuffer - rw->frontBytes);
+    fill->tailDestination =
+        static_cast<uint8_t*>(rw->io->buffer) + (tail.offsetInBuffer - rw->frontBytes);
     fillCallback = NewFillCallback(fill, fillRoot);
     bool linked = fillCallback != CHUNKID_INVALID;
     if (linked) {
@@ -669,7 +696,8 @@ static uint32_t CacheHintsAbove(ChunkID id, int depth) {
   uint32_t hints = 0;
   const ChunkHeader* chunk = ChunkAt(id);
   if (chunk->type == CHUNK_ROOT) {
-    if (const Operation* op = Lookup<Operation>(kOpTable, reinterpret_cast<const ChunkRootRecord*>(chunk)->op))
+    if (const Operation* op =
+            Lookup<Operation>(kOpTable, reinterpret_cast<const ChunkRootRecord*>(chunk)->op))
       hints |= op->attr.opflags & kCacheHintMask;
   }
   for (uint32_t n = 0;; ++n) {
@@ -682,7 +710,8 @@ static uint32_t CacheHintsAbove(ChunkID id, int depth) {
 
 uint32_t CacheHints(ChunkID id, uint32_t handle) {
   uint32_t hints = 0;
-  if (const FileHandle* file = Lookup<FileHandle>(kFhTable, handle)) hints = file->openParams.opflags & kCacheHintMask;
+  if (const FileHandle* file = Lookup<FileHandle>(kFhTable, handle))
+    hints = file->openParams.opflags & kCacheHintMask;
   ChunkLocker lock;
   return hints | CacheHintsAbove(id, 0);
 }
@@ -717,8 +746,9 @@ int32_t ExecuteRead(ZulKestRamCacheContext* context, ChunkID* readId) {
   rw.collector = CHUNKID_INVALID;
 
   CacheReadLock();
-  KEST2_TRACE(kTraceCache, "ExecuteRead", "Chunk %d looking for  %s (%lld-%lld) in cache\n", id, GetPath(&file->path),
-              static_cast<long long>(io->offset), static_cast<long long>(io->offset + io->reqCount - 1));
+  KEST2_TRACE(kTraceCache, "ExecuteRead", "Chunk %d looking for  %s (%lld-%lld) in cache\n", id,
+              GetPath(&file->path), static_cast<long long>(io->offset),
+              static_cast<long long>(io->offset + io->reqCount - 1));
   if (io->offset + io->reqCount > rw.fileSize) {
     const int64_t clamped = rw.fileSize - io->offset;
     if (clamped < 1) {
@@ -785,12 +815,14 @@ int32_t ExecuteRead(ZulKestRamCacheContext* context, ChunkID* readId) {
         io->offset = cameOffset;
         io->reqCount = cameCount;
       } else if (rw.copyCount == 0) {
-        KEST2_TRACE(kTraceCache, "ExecuteRead", "Chunk %d no deferred copies, linking fill callback %d to original read %d\n",
+        KEST2_TRACE(kTraceCache, "ExecuteRead",
+                    "Chunk %d no deferred copies, linking fill callback %d to original read %d\n",
                     id, rw.pre, id);
       }
     } else {
       if (front == FrontResult::kMiss && !endsOnBoundary)
-        KEST2_TRACE(kTraceCache, "ExecuteRead", "Chunk %d unlinking and restoring pre-exec callback\n", id);
+        KEST2_TRACE(kTraceCache, "ExecuteRead",
+                    "Chunk %d unlinking and restoring pre-exec callback\n", id);
       FreePreExec(rw.pre, rw.linked);
     }
   } else {
@@ -821,8 +853,8 @@ ChunkID StartPrefetchFill(CacheHeader* cache, uint32_t h, int64_t blockOffset, i
       *noVictim = true;
     } else {
       FillRecord* fill = nullptr;
-      const ChunkID fillRoot = BuildFill(cache, nullptr, h, file->path.digest, fileSize, blockOffset, victim, &fill,
-                                         CHUNKID_INVALID);
+      const ChunkID fillRoot = BuildFill(cache, nullptr, h, file->path.digest, fileSize,
+                                         blockOffset, victim, &fill, CHUNKID_INVALID);
       if (fillRoot != CHUNKID_INVALID) callback = NewFillCallback(fill, fillRoot);
       if (callback != CHUNKID_INVALID) {
         StartFill(cache, victim, callback);
