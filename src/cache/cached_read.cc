@@ -279,6 +279,12 @@ struct ReadRewrite {
   // direct mode
   ChunkID collector;
   int64_t copiedNow;
+  // the tail's fill, once made
+  FillRecord* fill;
+  // the read as it came (after clamping to the file), for Undo
+  int64_t cameOffset;
+  int64_t cameCount;
+  void* cameBuffer;
   bool deferred() const { return linked != CHUNKID_INVALID; }
 };
 
@@ -624,8 +630,30 @@ void StartFill(CacheHeader* cache, int32_t victim, ChunkID callback) {
     cache->usedLimit = static_cast<uint32_t>(victim) + 1;
 }
 
-// Step 8: fills the tail block.  REQUIRES: write lock.
-void FillTail(ReadRewrite* rw, const Tail& tail, bool* fillMade, FillRecord** fillOut) {
+// Hangs a direct read's fill beside it: R > C > fill.  C, or
+// CHUNKID_INVALID with nothing of C left.
+ChunkID HangFillBesideRead(ReadRewrite* rw, FillRecord* fill, ChunkID fillRoot, const Tail& tail) {
+  fill->tailDestination =
+      static_cast<uint8_t*>(rw->io->buffer) + (tail.offsetInBuffer - rw->frontBytes);
+  const ChunkID callback = NewFillCallback(fill, fillRoot);
+  if (callback == CHUNKID_INVALID) return callback;
+  ChunkLocker lock;
+  if (LinkChunks(rw->read, callback)) return callback;
+  UnlinkChunks(callback, fillRoot);
+  DeallocateChunk(callback);
+  return CHUNKID_INVALID;
+}
+
+// Hangs a deferred read's fill below K; P settles it.  P, or
+// CHUNKID_INVALID when the link cannot be had.
+ChunkID HangFillBelowLinked(ReadRewrite* rw, ChunkID fillRoot) {
+  ChunkLocker lock;
+  return LinkChunks(rw->linked, fillRoot) ? rw->pre : CHUNKID_INVALID;
+}
+
+// Fills the tail block; the tail then comes out of it.  Nothing is left
+// behind when the fill cannot be had.  REQUIRES: write lock.
+void FillTail(ReadRewrite* rw, const Tail& tail) {
   const ChunkID id = rw->read;
   const int32_t victim = ChooseVictim(rw->cache);
   if (victim < 0) {
@@ -645,47 +673,133 @@ void FillTail(ReadRewrite* rw, const Tail& tail, bool* fillMade, FillRecord** fi
   FillRecord* fill = nullptr;
   const ChunkID fillRoot = BuildFill(rw->cache, rw->context, rw->io->h, rw->digest, rw->fileSize,
                                      tail.block, victim, &fill, id);
-  if (fillRoot == CHUNKID_INVALID) {
+  ChunkID fillCallback = CHUNKID_INVALID;
+  if (fillRoot != CHUNKID_INVALID) {
+    fill->readActCount = rw->io->actCount;
+    fill->tailLength = tail.length;
+    fill->tailSource = BlockData(rw->cache, victim) + tail.offsetInBlock;
+    fill->tailOffset = tail.offsetInBuffer;
+    fillCallback = rw->deferred() ? HangFillBelowLinked(rw, fillRoot)
+                                  : HangFillBesideRead(rw, fill, fillRoot, tail);
+    if (fillCallback == CHUNKID_INVALID) DeallocateTree(fillRoot);
+  }
+  if (fillCallback == CHUNKID_INVALID) {
     ClearBlock(rw->cache, victim);
     return;
-  }
-  fill->readActCount = rw->io->actCount;
-  fill->tailLength = tail.length;
-  fill->tailSource = BlockData(rw->cache, victim) + tail.offsetInBlock;
-  fill->tailOffset = tail.offsetInBuffer;
-  ChunkID fillCallback;
-  if (!rw->deferred()) {
-    fill->tailDestination =
-        static_cast<uint8_t*>(rw->io->buffer) + (tail.offsetInBuffer - rw->frontBytes);
-    fillCallback = NewFillCallback(fill, fillRoot);
-    bool linked = fillCallback != CHUNKID_INVALID;
-    if (linked) {
-      ChunkLocker lock;
-      linked = LinkChunks(rw->read, fillCallback);
-      if (!linked) {
-        UnlinkChunks(fillCallback, fillRoot);
-        DeallocateChunk(fillCallback);
-      }
-    }
-    if (!linked) {
-      DeallocateTree(fillRoot);
-      ClearBlock(rw->cache, victim);
-      return;
-    }
-  } else {
-    fillCallback = rw->pre;
-    ChunkLocker lock;
-    if (!LinkChunks(rw->linked, fillRoot)) {
-      DeallocateTree(fillRoot);
-      ClearBlock(rw->cache, victim);
-      return;
-    }
   }
   KEST2_TRACE(kTraceCache, "ExecuteRead", "Chunk %d Fill callback %d\n", id, fillCallback);
   StartFill(rw->cache, victim, fillCallback);
   rw->io->reqCount -= tail.length;
-  *fillMade = true;
-  *fillOut = fill;
+  rw->fill = fill;
+}
+
+// Puts the read back as it came, to go down whole: every block reference
+// taken is given back, the tail's fill is abandoned, P (with what hangs
+// below K for it) and the collector are freed.  REQUIRES: the cache lock,
+// the write lock when a fill was made.
+void Undo(ReadRewrite* rw) {
+  for (int i = 0; i < rw->copyCount; ++i) AddBlockRef(&rw->cache->table[rw->copies[i].block], -1);
+  rw->copyCount = 0;
+  if (rw->fill != nullptr) AbandonFill(rw->cache, rw->fill);
+  rw->fill = nullptr;
+  DropCollector(rw);
+  if (rw->pre != CHUNKID_INVALID) FreePreExec(rw->pre, rw->linked);
+  rw->pre = CHUNKID_INVALID;
+  rw->io->offset = rw->cameOffset;
+  rw->io->reqCount = rw->cameCount;
+  rw->io->buffer = rw->cameBuffer;
+}
+
+// Whether the read is the cache's to serve: an open file, no hint that
+// leaves reads alone, a cache with blocks, a read of at least a byte.
+bool CacheServes(const CacheHeader* cache, ChunkID id, const ChunkFhIoRecord* io,
+                 const FileHandle* file) {
+  return file != nullptr && __atomic_load_n(&file->opened, __ATOMIC_ACQUIRE) != 0 &&
+         (CacheHints(id, io->h) & kCacheHintsLeaveReads) == 0 && cache->blockSize != 0 &&
+         io->reqCount > 0 && io->offset >= 0;
+}
+
+ReadRewrite NewRewrite(ZulKestRamCacheContext* context, ChunkID id, const FileHandle* file) {
+  ReadRewrite rw{};
+  rw.context = context;
+  rw.cache = HeaderOf(context);
+  rw.read = id;
+  rw.io = ChunkRecord<ChunkFhIoRecord>(id);
+  rw.file = file;
+  rw.digest = file->path.digest;
+  rw.fileSize = __atomic_load_n(&file->size, __ATOMIC_ACQUIRE);
+  rw.linked = rw.io->header.linked;
+  rw.pre = CHUNKID_INVALID;
+  rw.collector = CHUNKID_INVALID;
+  return rw;
+}
+
+// A read past the end is trimmed to it; false for one that starts there.
+// What it then is, is what Undo puts back.
+bool ClampToFile(ReadRewrite* rw) {
+  ChunkFhIoRecord* io = rw->io;
+  if (io->offset + io->reqCount > rw->fileSize) {
+    const int64_t clamped = rw->fileSize - io->offset;
+    if (clamped < 1) return false;
+    io->reqCount = clamped;
+  }
+  rw->cameOffset = io->offset;
+  rw->cameCount = io->reqCount;
+  rw->cameBuffer = io->buffer;
+  return true;
+}
+
+// Counts the miss of what is left of the read; true when its tail block
+// deserves a second look under the write lock.  A read that ends on a
+// block boundary fills nothing.  When the block it missed is its tail,
+// which the front pass has just looked up, only a fill started in this
+// instant could serve it: the read goes to the file without taking the
+// write lock (which would stall every other reader of the cache) for a
+// second look.
+bool CountMissAndLookAgain(ReadRewrite* rw, bool endsOnBoundary) {
+  CountStat(&rw->cache->misses, 1);
+  CountStat(&rw->cache->missBytes, static_cast<uint64_t>(rw->io->reqCount));
+  const int64_t blockSize = rw->cache->blockSize;
+  const bool tailJustMissed = rw->io->offset - rw->io->offset % blockSize == TailOf(rw).block;
+  return !endsOnBoundary || !tailJustMissed || rw->deferred();
+}
+
+// Puts P between K and the read's K link.  False (nothing changed) when
+// it cannot be had.
+bool HangPreExec(ReadRewrite* rw) {
+  const ChunkID pre = AllocateCallbackChunk(PreExecHandler, rw->cache);
+  if (pre == CHUNKID_INVALID) return false;
+  ChunkLocker lock;
+  if (!LinkChunks(pre, rw->linked)) {
+    DeallocateChunk(pre);
+    return false;
+  }
+  rw->pre = pre;
+  return true;
+}
+
+// After the passes: a deferred read keeps its copies and fill through P,
+// or goes down whole; a direct read counts what it copied.
+void Settle(ReadRewrite* rw, bool missed, bool endsOnBoundary) {
+  if (!rw->deferred()) {
+    AddActCount(rw->io->actCount, rw->copiedNow);
+    return;
+  }
+  if (rw->copyCount == 0 && rw->fill == nullptr) {
+    if (missed && !endsOnBoundary)
+      KEST2_TRACE(kTraceCache, "ExecuteRead",
+                  "Chunk %d unlinking and restoring pre-exec callback\n", rw->read);
+    Undo(rw);
+    return;
+  }
+  if (!AttachDeferredCopies(rw, rw->fill)) {
+    Undo(rw);
+    return;
+  }
+  if (rw->copyCount == 0)
+    KEST2_TRACE(kTraceCache, "ExecuteRead",
+                "Chunk %d no deferred copies, linking fill callback %d to original read %d\n",
+                rw->read, rw->pre, rw->read);
 }
 
 }  // namespace
@@ -721,118 +835,45 @@ int32_t ExecuteRead(ZulKestRamCacheContext* context, ChunkID* readId) {
   KEST2_TRACE(kTraceCache, "ExecuteRead", "Chunk %d looking in cache \n", id);
   ChunkFhIoRecord* io = ChunkRecord<ChunkFhIoRecord>(id);
   const FileHandle* file = Lookup<FileHandle>(kFhTable, io->h);
-  if (file == nullptr || __atomic_load_n(&file->opened, __ATOMIC_ACQUIRE) == 0 ||
-      (CacheHints(id, io->h) & kCacheHintsLeaveReads) != 0) {
-    return ZUL_KEST_OK;
-  }
   CacheHeader* cache = HeaderOf(context);
-  if (cache->blockSize == 0 || io->reqCount <= 0 || io->offset < 0) return ZUL_KEST_OK;
+  if (!CacheServes(cache, id, io, file)) return ZUL_KEST_OK;
   const int64_t blockSize = cache->blockSize;
-  const int64_t cameOffset = io->offset;
-  const int64_t cameCount = io->reqCount;
-  void* const cameBuffer = io->buffer;
   const bool endsOnBoundary = (io->offset + io->reqCount) % blockSize == 0;
 
-  ReadRewrite rw{};
-  rw.context = context;
-  rw.cache = cache;
-  rw.read = id;
-  rw.io = io;
-  rw.file = file;
-  rw.digest = file->path.digest;
-  rw.fileSize = __atomic_load_n(&file->size, __ATOMIC_ACQUIRE);
-  rw.linked = io->header.linked;
-  rw.pre = CHUNKID_INVALID;
-  rw.collector = CHUNKID_INVALID;
+  ReadRewrite rw = NewRewrite(context, id, file);
 
   CacheReadLock();
   KEST2_TRACE(kTraceCache, "ExecuteRead", "Chunk %d looking for  %s (%lld-%lld) in cache\n", id,
               GetPath(&file->path), static_cast<long long>(io->offset),
               static_cast<long long>(io->offset + io->reqCount - 1));
-  if (io->offset + io->reqCount > rw.fileSize) {
-    const int64_t clamped = rw.fileSize - io->offset;
-    if (clamped < 1) {
-      CacheReadUnlock();
-      *readId = CHUNKID_INVALID;
-      return ZUL_KEST_ERROR_EOF;
-    }
-    io->reqCount = clamped;
+  if (!ClampToFile(&rw)) {
+    CacheReadUnlock();
+    *readId = CHUNKID_INVALID;
+    return ZUL_KEST_ERROR_EOF;
   }
-  if (rw.deferred()) {
-    rw.pre = AllocateCallbackChunk(PreExecHandler, cache);
-    bool linked = false;
-    if (rw.pre != CHUNKID_INVALID) {
-      ChunkLocker lock;
-      linked = LinkChunks(rw.pre, rw.linked);
-    }
-    if (!linked) {
-      DeallocateChunk(rw.pre);
-      CacheReadUnlock();
-      return ZUL_KEST_OK;
-    }
-  }
-
-  // Front pass under the read lock.
-  const FrontResult front = FrontPass(&rw);
-  if (front == FrontResult::kUndo) {
-    DropCollector(&rw);
-    io->offset = cameOffset;
-    io->reqCount = cameCount;
-    io->buffer = cameBuffer;
+  if (rw.deferred() && !HangPreExec(&rw)) {
     CacheReadUnlock();
     return ZUL_KEST_OK;
   }
 
-  bool fillMade = false;
-  FillRecord* fill = nullptr;
-  bool writeLocked = false;
-  if (front == FrontResult::kMiss && io->reqCount > 0) {
-    CountStat(&cache->misses, 1);
-    CountStat(&cache->missBytes, static_cast<uint64_t>(io->reqCount));
-    const Tail tail = TailOf(&rw);
-    // A read that ends on a block boundary fills nothing.  When the block
-    // it missed is its tail, which the front pass has just looked up, only
-    // a fill started in this instant could serve it: the read goes to the
-    // file without taking the write lock (which would stall every other
-    // reader of the cache) for a second look.
-    const bool tailJustMissed = io->offset - io->offset % blockSize == tail.block;
-    if (!endsOnBoundary || !tailJustMissed || rw.deferred()) {
-      CacheReadUnlock();
-      CacheWriteLock();
-      writeLocked = true;
-      if (!SecondChance(&rw, tail) && !endsOnBoundary) FillTail(&rw, tail, &fillMade, &fill);
-    }
-  }
-
-  if (rw.deferred()) {
-    if (rw.copyCount > 0 || fillMade) {
-      if (!AttachDeferredCopies(&rw, fill)) {
-        // Nothing can be kept: give every reference back and let the read
-        // go down whole with K as it came.
-        for (int i = 0; i < rw.copyCount; ++i) AddBlockRef(&cache->table[rw.copies[i].block], -1);
-        if (fill != nullptr) AbandonFill(cache, fill);
-        FreePreExec(rw.pre, rw.linked);
-        io->offset = cameOffset;
-        io->reqCount = cameCount;
-      } else if (rw.copyCount == 0) {
-        KEST2_TRACE(kTraceCache, "ExecuteRead",
-                    "Chunk %d no deferred copies, linking fill callback %d to original read %d\n",
-                    id, rw.pre, id);
-      }
-    } else {
-      if (front == FrontResult::kMiss && !endsOnBoundary)
-        KEST2_TRACE(kTraceCache, "ExecuteRead",
-                    "Chunk %d unlinking and restoring pre-exec callback\n", id);
-      FreePreExec(rw.pre, rw.linked);
-    }
-  } else {
-    AddActCount(io->actCount, rw.copiedNow);
-  }
-  if (writeLocked) {
-    CacheWriteUnlock();
-  } else {
+  const FrontResult front = FrontPass(&rw);
+  if (front == FrontResult::kUndo) {
+    Undo(&rw);
     CacheReadUnlock();
+    return ZUL_KEST_OK;
   }
+  const bool missed = front == FrontResult::kMiss;
+  if (!missed || io->reqCount == 0 || !CountMissAndLookAgain(&rw, endsOnBoundary)) {
+    Settle(&rw, missed, endsOnBoundary);
+    CacheReadUnlock();
+    return ZUL_KEST_OK;
+  }
+  CacheReadUnlock();
+  CacheWriteLock();
+  const Tail tail = TailOf(&rw);
+  if (!SecondChance(&rw, tail) && !endsOnBoundary) FillTail(&rw, tail);
+  Settle(&rw, missed, endsOnBoundary);
+  CacheWriteUnlock();
   return ZUL_KEST_OK;
 }
 

@@ -42,7 +42,7 @@ std::vector<uint8_t> Pattern(size_t size, uint32_t seed) {
 class CachedReadTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ZulKestParams params = storage_.MakeParams(64, 16, 4, 1024, 8192);
+    ZulKestParams params = storage_.MakeParams(64, 16, 4, 1024, chunks_);
     params.pVprintf = kest2_test::OutputCapture::Hook();
     params.maxChunk = maxChunk_;
     ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
@@ -90,7 +90,8 @@ class CachedReadTest : public ::testing::Test {
         << "offset " << offset << " length " << length;
   }
 
-  static std::vector<const CacheBlock*> BlocksIn(const ZulKestRamCacheContext* context, uint16_t state) {
+  static std::vector<const CacheBlock*> BlocksIn(const ZulKestRamCacheContext* context,
+                                                 uint16_t state) {
     std::vector<const CacheBlock*> found;
     const CacheHeader* cache = HeaderOf(context);
     for (uint32_t i = 0; i < cache->blockCount; ++i) {
@@ -100,6 +101,7 @@ class CachedReadTest : public ::testing::Test {
   }
 
   uint32_t maxChunk_ = 0;
+  uint32_t chunks_ = 8192;
   kest2_test::OutputCapture capture_;
   kest2_common::LibraryStorage storage_;
   kest2_common::TempDir dir_;
@@ -135,7 +137,8 @@ TEST_F(CachedReadTest, AMissFillsTheTailBlockOnlyAndTheNextReadsHit) {
   const int64_t end = static_cast<int64_t>(bytes_.size());
   bool shortBlock = false;
   for (const CacheBlock* block : BlocksIn(context, kest2::kCACHE_VALID))
-    shortBlock |= block->offset == static_cast<int64_t>(5 * kBlock) && block->length == end - 5 * kBlock;
+    shortBlock |=
+        block->offset == static_cast<int64_t>(5 * kBlock) && block->length == end - 5 * kBlock;
   EXPECT_TRUE(shortBlock);
   // Past the end: EOF (which the synchronous form reports as 0 bytes);
   // across the end: short.
@@ -171,7 +174,8 @@ TEST_F(CachedReadTest, ASecondReadSharesTheRunningFillAndAFlushDuringTheFillPurg
   EXPECT_EQ(busy[0]->offset, static_cast<int64_t>(3 * kBlock));
   EXPECT_EQ(busy[0]->refcount, 2);  // the fill and the second reader
   // Contains does not count a block being filled.
-  EXPECT_EQ(zulKestCacheContainsFileRangeSync(path_.c_str(), 3 * kBlock, 10), ZUL_KEST_ERROR_BAD_INDEX);
+  EXPECT_EQ(zulKestCacheContainsFileRangeSync(path_.c_str(), 3 * kBlock, 10),
+            ZUL_KEST_ERROR_BAD_INDEX);
   zulKestCacheFlushFileSync(path_.c_str());
   EXPECT_EQ(BlocksIn(context, kest2::kCACHE_PURGE).size(), 1u);
   zulKestResume();
@@ -186,8 +190,10 @@ TEST_F(CachedReadTest, ASecondReadSharesTheRunningFillAndAFlushDuringTheFillPurg
   // The purged block is emptied once both are done, and is not served.
   EXPECT_TRUE(BlocksIn(context, kest2::kCACHE_PURGE).empty());
   EXPECT_TRUE(BlocksIn(context, kest2::kCACHE_VALID).empty());
-  for (const CacheBlock* block : BlocksIn(context, kest2::kCACHE_EMPTY)) EXPECT_EQ(block->refcount, 0);
-  EXPECT_EQ(zulKestCacheContainsFileRangeSync(path_.c_str(), 3 * kBlock, 10), ZUL_KEST_ERROR_BAD_INDEX);
+  for (const CacheBlock* block : BlocksIn(context, kest2::kCACHE_EMPTY))
+    EXPECT_EQ(block->refcount, 0);
+  EXPECT_EQ(zulKestCacheContainsFileRangeSync(path_.c_str(), 3 * kBlock, 10),
+            ZUL_KEST_ERROR_BAD_INDEX);
   EXPECT_EQ(zulKestFHCloseSync(nullptr, fh), ZUL_KEST_OK);
 }
 
@@ -247,7 +253,8 @@ TEST_F(CachedReadTest, WritesThroughAHandlePurgeTheFileBeforeTheyGoDown) {
   ExpectRead(fh, 10, 2 * kBlock);
   ASSERT_EQ(BlocksIn(context, kest2::kCACHE_VALID).size(), 1u);
   const char patch[] = "patched bytes";
-  ASSERT_EQ(zulKestFHPwriteSync(nullptr, fh, patch, sizeof(patch), kBlock + 40), static_cast<int64_t>(sizeof(patch)));
+  ASSERT_EQ(zulKestFHPwriteSync(nullptr, fh, patch, sizeof(patch), kBlock + 40),
+            static_cast<int64_t>(sizeof(patch)));
   std::memcpy(bytes_.data() + kBlock + 40, patch, sizeof(patch));
   EXPECT_TRUE(BlocksIn(context, kest2::kCACHE_VALID).empty());
   ExpectRead(fh, kBlock, 100);
@@ -258,12 +265,13 @@ TEST_F(CachedReadTest, VictimsAreTheLeastRecentlyUsedBlocksNotInUse) {
   ZulKestRamCacheContext* context = Install(0, 2);
   ASSERT_EQ(HeaderOf(context)->blockCount, 2u);
   const ZulKestFH fh = Open();
-  ExpectRead(fh, 0, 100);          // fills block 0
-  ExpectRead(fh, kBlock, 100);     // fills block 1
-  ExpectRead(fh, 50, 10);          // block 0 used again
-  ExpectRead(fh, 2 * kBlock, 100); // evicts block 1, the older
+  ExpectRead(fh, 0, 100);           // fills block 0
+  ExpectRead(fh, kBlock, 100);      // fills block 1
+  ExpectRead(fh, 50, 10);           // block 0 used again
+  ExpectRead(fh, 2 * kBlock, 100);  // evicts block 1, the older
   std::vector<int64_t> offsets;
-  for (const CacheBlock* block : BlocksIn(context, kest2::kCACHE_VALID)) offsets.push_back(block->offset);
+  for (const CacheBlock* block : BlocksIn(context, kest2::kCACHE_VALID))
+    offsets.push_back(block->offset);
   std::sort(offsets.begin(), offsets.end());
   EXPECT_EQ(offsets, (std::vector<int64_t>{0, static_cast<int64_t>(2 * kBlock)}));
   EXPECT_EQ(zulKestFHCloseSync(nullptr, fh), ZUL_KEST_OK);
@@ -305,6 +313,54 @@ TEST_F(CachedReadSmallChunkTest, AFillLargerThanMaxChunkIsReadInPieces) {
   ASSERT_EQ(BlocksIn(context, kest2::kCACHE_VALID).size(), 1u);
   ExpectRead(fh, kBlock, kBlock);
   EXPECT_EQ(zulKestCacheContainsFileRangeSync(path_.c_str(), kBlock, kBlock), 0);
+  EXPECT_EQ(zulKestFHCloseSync(nullptr, fh), ZUL_KEST_OK);
+}
+
+// A read that shares a running fill needs chunks of its own (a collector
+// and a callback per busy block).  When the pool runs dry in the middle of
+// that rewrite, the read must go down whole, as it came: the right bytes,
+// every block reference given back, no chunk kept.
+//
+// Disabled: it hangs in the final close.  A read whose tree the cache has
+// rewritten, and which then cannot be split or queued for want of chunks,
+// is freed without its callbacks running, so its block references and the
+// handle's pending count are never given back (with a pool of 72 units
+// instead the valid block keeps 62 references; with 52 the reads hang).
+class CachedReadFewChunksTest : public CachedReadTest {
+ protected:
+  CachedReadFewChunksTest() { chunks_ = 64; }
+};
+
+TEST_F(CachedReadFewChunksTest, DISABLED_AReadThatRunsOutOfChunksMidRewriteGoesDownWhole) {
+  ZulKestRamCacheContext* context = Install(0, 4);
+  const ZulKestFH fh = Open();
+  const kest2_test::ResourceCounts before = kest2_test::ResourceCounts::Settled();
+  constexpr int64_t kPiece = 1000;
+  std::vector<std::vector<uint8_t>> buffers(64, std::vector<uint8_t>(kPiece, 0xEE));
+  std::vector<ZulKestOp> ops;
+  zulKestSuspend();
+  // The first read starts the fill of block 0; the others find it busy
+  // and take chunks until there are none.
+  for (size_t i = 0; i < buffers.size(); ++i) {
+    const ZulKestOp op =
+        zulKestFHPread(nullptr, fh, buffers[i].data(), kPiece, static_cast<int64_t>(i) * kPiece);
+    if (op == 0) break;
+    ops.push_back(op);
+  }
+  ASSERT_GT(ops.size(), 2u);
+  zulKestResume();
+  for (size_t i = 0; i < ops.size(); ++i) {
+    SCOPED_TRACE(i);
+    // A read whose tree cannot be split for want of chunks fails whole.
+    const int64_t got = zulKestOpSyncWaitForIO(ops[i]);
+    if (got == ZUL_KEST_ERROR_CANT_ALLOCATE_CHUNK) continue;
+    ASSERT_EQ(got, kPiece);
+    EXPECT_EQ(std::memcmp(buffers[i].data(), bytes_.data() + i * kPiece, kPiece), 0);
+  }
+  kest2_test::ExpectResourcesBack(before);
+  for (const CacheBlock* block : BlocksIn(context, kest2::kCACHE_VALID))
+    EXPECT_EQ(block->refcount, 0);
+  EXPECT_TRUE(BlocksIn(context, kest2::kCACHE_BUSY).empty());
   EXPECT_EQ(zulKestFHCloseSync(nullptr, fh), ZUL_KEST_OK);
 }
 
