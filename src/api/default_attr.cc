@@ -12,7 +12,7 @@
 namespace kest2 {
 namespace {
 
-ZulKestOpAttr g_globalDefaults;
+ZulKestOpAttr g_globalDefaults GUARDED_BY(g_locks.defaultAttr);
 bool g_globalDefaultsSet;  // read without the lock before the locked copy
 
 thread_local ZulKestOpAttr t_threadDefaults;
@@ -28,12 +28,19 @@ bool GlobalDefaultsSet() {
 }
 
 // The lock exists only with the global lock set; before that the host is
-// single-threaded by contract and the record is used without it.
-void ReadLockDefaults() {
+// single-threaded by contract and the record is used without it.  (That
+// condition is beyond the analysis.)
+void ReadLockDefaults() ACQUIRE_SHARED(g_locks.defaultAttr) NO_THREAD_SAFETY_ANALYSIS {
   if (LocksCreated()) RwlockReadLock(&g_locks.defaultAttr);
 }
-void ReadUnlockDefaults() {
+void ReadUnlockDefaults() RELEASE_SHARED(g_locks.defaultAttr) NO_THREAD_SAFETY_ANALYSIS {
   if (LocksCreated()) RwlockReadUnlock(&g_locks.defaultAttr);
+}
+void WriteLockDefaults() ACQUIRE(g_locks.defaultAttr) NO_THREAD_SAFETY_ANALYSIS {
+  if (LocksCreated()) RwlockWriteLock(&g_locks.defaultAttr);
+}
+void WriteUnlockDefaults() RELEASE(g_locks.defaultAttr) NO_THREAD_SAFETY_ANALYSIS {
+  if (LocksCreated()) RwlockWriteUnlock(&g_locks.defaultAttr);
 }
 
 }  // namespace
@@ -43,8 +50,7 @@ using namespace kest2;
 
 extern "C" void zulKestSetGlobalDefaultOpAttr(const ZulKestOpAttr* attr) {
   KEST2_TRACE_API("zulKestSetGlobalDefaultOpAttr");
-  const bool locked = LocksCreated();
-  if (locked) RwlockWriteLock(&g_locks.defaultAttr);
+  WriteLockDefaults();
   if (attr == nullptr || IsAllZero(attr)) {
     std::memset(&g_globalDefaults, 0, sizeof(g_globalDefaults));
     __atomic_store_n(&g_globalDefaultsSet, false, __ATOMIC_RELEASE);
@@ -52,7 +58,7 @@ extern "C" void zulKestSetGlobalDefaultOpAttr(const ZulKestOpAttr* attr) {
     std::memcpy(&g_globalDefaults, attr, sizeof(g_globalDefaults));
     __atomic_store_n(&g_globalDefaultsSet, true, __ATOMIC_RELEASE);
   }
-  if (locked) RwlockWriteUnlock(&g_locks.defaultAttr);
+  WriteUnlockDefaults();
 }
 
 extern "C" bool zulKestGetGlobalDefaultOpAttr(ZulKestOpAttr* out) {

@@ -24,7 +24,6 @@ constexpr int64_t kToTheEnd = INT64_MAX;
 HybPlatformStaticMutex g_installMutex;
 CacheHeader* g_caches;
 int32_t g_useCount;
-HybPlatformRwlock g_cacheLock;
 
 bool SameDigest(const CacheBlock* block, const uint8_t* digest) {
   return std::memcmp(block->digest, digest, kMd5DigestSize) == 0;
@@ -49,6 +48,8 @@ bool Covers(const char* cachePath, const char* path) {
 }
 
 }  // namespace
+
+HybPlatformRwlock g_cacheLock;
 
 int32_t ResolveCachePath(const char* path, StoredPath* out) {
   const char* resolved = path;
@@ -81,24 +82,26 @@ int32_t InstallCache(ZulKestRamCacheContext* context) {
   MutexLocker guard(&g_installMutex);
   if (g_useCount++ == 0) RwlockInitialize(&g_cacheLock, "ZulKestRamcache");
   const uint64_t perBlock = context->blockSize + kBlockEntrySize;
-  uint64_t count = context->workBufferSize > headerArea ? (context->workBufferSize - headerArea) / perBlock : 0;
+  uint64_t count =
+      context->workBufferSize > headerArea ? (context->workBufferSize - headerArea) / perBlock : 0;
   if (context->blockSize > UINT32_MAX) count = 0;
   if (count > INT32_MAX) count = INT32_MAX;
   auto* base = static_cast<uint8_t*>(context->pWorkBuffer);
-  cache->blockSize = static_cast<uint32_t>(context->blockSize > UINT32_MAX ? 0 : context->blockSize);
+  RwlockWriteLock(&g_cacheLock);
+  cache->blockSize =
+      static_cast<uint32_t>(context->blockSize > UINT32_MAX ? 0 : context->blockSize);
   cache->blockCount = static_cast<uint32_t>(count);
   cache->hand = -1;
   cache->table = reinterpret_cast<CacheBlock*>(base + headerArea);
   cache->data = base + headerArea + count * kBlockEntrySize;
   std::memset(cache->table, 0, count * kBlockEntrySize);
-
-  RwlockWriteLock(&g_cacheLock);
   // Deeper paths first: before the first cache whose path sorts lower over
   // the new path's length.
   const char* path = GetPath(&cache->path);
   const size_t length = std::strlen(path);
   CacheHeader** link = &g_caches;
-  while (*link != nullptr && std::strncmp(GetPath(&(*link)->path), path, length) >= 0) link = &(*link)->next;
+  while (*link != nullptr && std::strncmp(GetPath(&(*link)->path), path, length) >= 0)
+    link = &(*link)->next;
   cache->next = *link;
   *link = cache;
   RwlockWriteUnlock(&g_cacheLock);
@@ -171,7 +174,8 @@ const StoredPath* CachePathOfChunk(ChunkID id) {
     case CHUNK_ROOT: {
       const Operation* op = Lookup<Operation>(kOpTable, ChunkRecord<ChunkRootRecord>(id)->op);
       if (op == nullptr) return nullptr;
-      if (const FileHandle* file = Lookup<FileHandle>(kFhTable, op->targetHandle)) return &file->path;
+      if (const FileHandle* file = Lookup<FileHandle>(kFhTable, op->targetHandle))
+        return &file->path;
       return &op->path;
     }
     default:
@@ -201,7 +205,8 @@ int32_t FindBlock(CacheHeader* cache, const uint8_t* digest, int64_t blockOffset
 ZulKestDate FindFileDate(const CacheHeader* cache, const uint8_t* digest) {
   for (uint32_t i = 0; i < cache->usedLimit; ++i) {
     const CacheBlock* block = &cache->table[i];
-    if (LoadBlockState(block) == kCACHE_VALID && SameDigest(block, digest)) return block->modificationDate;
+    if (LoadBlockState(block) == kCACHE_VALID && SameDigest(block, digest))
+      return block->modificationDate;
   }
   return 0;
 }
@@ -241,7 +246,8 @@ void InvalidateBlock(CacheHeader* cache, int32_t index) {
 
 void ReleaseBlock(CacheHeader* cache, int32_t index) {
   CacheBlock* block = &cache->table[index];
-  if (AddBlockRef(block, -1) <= 0 && LoadBlockState(block) == kCACHE_PURGE) ClearBlock(cache, index);
+  if (AddBlockRef(block, -1) <= 0 && LoadBlockState(block) == kCACHE_PURGE)
+    ClearBlock(cache, index);
 }
 
 bool CacheContains(CacheHeader* cache, const uint8_t* digest, int64_t offset, int64_t length) {
@@ -256,7 +262,8 @@ bool CacheContains(CacheHeader* cache, const uint8_t* digest, int64_t offset, in
     contained = false;
     for (uint32_t i = 0; i < cache->blockCount; ++i) {
       const CacheBlock* entry = &cache->table[i];
-      if (LoadBlockState(entry) != kCACHE_VALID || entry->offset != block || !SameDigest(entry, digest))
+      if (LoadBlockState(entry) != kCACHE_VALID || entry->offset != block ||
+          !SameDigest(entry, digest))
         continue;
       const int64_t wantedEnd = end - block < blockSize ? end - block : blockSize;
       contained = static_cast<int64_t>(entry->length) >= wantedEnd;
@@ -285,12 +292,13 @@ void PurgeEntries(CacheHeader* cache, ChunkID id) {
   const StoredPath* path = CachePathOfChunk(id);
   if (path == nullptr) return;
   RwlockWriteLock(&g_cacheLock);
-  KEST2_TRACE(kTraceCache, "PurgeEntries", "purging entries in \"%s\" cache for %s\n", GetPath(&cache->path),
-              GetPath(path));
+  KEST2_TRACE(kTraceCache, "PurgeEntries", "purging entries in \"%s\" cache for %s\n",
+              GetPath(&cache->path), GetPath(path));
   for (uint32_t i = 0; i < cache->blockCount; ++i) {
     CacheBlock* block = &cache->table[i];
     const uint16_t state = LoadBlockState(block);
-    if (state == kCACHE_EMPTY || state == kCACHE_PURGE || !SameDigest(block, path->digest)) continue;
+    if (state == kCACHE_EMPTY || state == kCACHE_PURGE || !SameDigest(block, path->digest))
+      continue;
     if (TraceEnabled(kTraceCache)) {
       char dump[256];
       TraceLine(kTraceCache, "PurgeEntries", "found block %d {%s}\n", static_cast<int>(i),
@@ -317,11 +325,12 @@ void PrintCacheStatistics() {
   if (g_caches == nullptr) return;
   RwlockReadLock(&g_cacheLock);
   for (const CacheHeader* c = g_caches; c != nullptr; c = c->next) {
-    zulKestPrintf("RamCache \"%s\" statistics:\n  Cache hits:   %-8lu (%8lu)\n  Cache misses: %-8lu (%8lu)\n",
-                  GetPath(&c->path), static_cast<unsigned long>(__atomic_load_n(&c->hits, __ATOMIC_RELAXED)),
-                  static_cast<unsigned long>(__atomic_load_n(&c->hitBytes, __ATOMIC_RELAXED)),
-                  static_cast<unsigned long>(__atomic_load_n(&c->misses, __ATOMIC_RELAXED)),
-                  static_cast<unsigned long>(__atomic_load_n(&c->missBytes, __ATOMIC_RELAXED)));
+    zulKestPrintf(
+        "RamCache \"%s\" statistics:\n  Cache hits:   %-8lu (%8lu)\n  Cache misses: %-8lu (%8lu)\n",
+        GetPath(&c->path), static_cast<unsigned long>(__atomic_load_n(&c->hits, __ATOMIC_RELAXED)),
+        static_cast<unsigned long>(__atomic_load_n(&c->hitBytes, __ATOMIC_RELAXED)),
+        static_cast<unsigned long>(__atomic_load_n(&c->misses, __ATOMIC_RELAXED)),
+        static_cast<unsigned long>(__atomic_load_n(&c->missBytes, __ATOMIC_RELAXED)));
   }
   RwlockReadUnlock(&g_cacheLock);
 }

@@ -91,7 +91,7 @@ void AddActCount(int64_t* actCount, int64_t bytes) {
   if (actCount != nullptr && bytes != 0) __atomic_add_fetch(actCount, bytes, __ATOMIC_ACQ_REL);
 }
 
-char* Dump(const CacheBlock* block, char* buffer, size_t size) {
+char* Dump(const CacheBlock* block, char* buffer, size_t size) REQUIRES_SHARED(g_cacheLock) {
   return DumpCacheBlock(block, buffer, size);
 }
 
@@ -102,8 +102,7 @@ ZulKestDate FillDate(const FillRecord* fill) {
 // A finished fill's block takes what it is now: valid, or gone when it was
 // purged meanwhile and nobody needs it.  A file that shrank behind the
 // library's back gives a short fill: the block keeps only the bytes read.
-// REQUIRES: write lock.
-void SettleFilledBlock(CacheHeader* cache, const FillRecord* fill) {
+void SettleFilledBlock(CacheHeader* cache, const FillRecord* fill) REQUIRES(g_cacheLock) {
   CacheBlock* block = &cache->table[fill->block];
   block->fillCallback = CHUNKID_INVALID;
   if (fill->filled < static_cast<int64_t>(block->length))
@@ -133,15 +132,15 @@ int64_t TailBytesRead(const CacheHeader* cache, const FillRecord* fill) {
 }
 
 // The bytes of [offsetInBlock, + length) that the block really holds.
-int64_t HeldBytes(const CacheBlock* block, int64_t offsetInBlock, int64_t length) {
+int64_t HeldBytes(const CacheBlock* block, int64_t offsetInBlock, int64_t length)
+    REQUIRES_SHARED(g_cacheLock) {
   const int64_t held = static_cast<int64_t>(block->length) - offsetInBlock;
   if (held <= 0) return 0;
   return held < length ? held : length;
 }
 
-// A fill that failed or was cancelled leaves nothing behind.  REQUIRES:
-// write lock.
-void AbandonFill(CacheHeader* cache, const FillRecord* fill) {
+// A fill that failed or was cancelled leaves nothing behind.
+void AbandonFill(CacheHeader* cache, const FillRecord* fill) REQUIRES(g_cacheLock) {
   CacheBlock* block = &cache->table[fill->block];
   AddBlockRef(block, -1);
   block->fillCallback = CHUNKID_INVALID;
@@ -315,7 +314,7 @@ void DropCollector(ReadRewrite* rw) {
 // A callback below the read's collector that copies [offsetInBlock, +n)
 // of a busy block to destination once its fill has finished.
 bool LinkToRunningFill(ReadRewrite* rw, int32_t index, int64_t offsetInBlock, uint8_t* destination,
-                       int64_t n) {
+                       int64_t n) REQUIRES_SHARED(g_cacheLock) {
   CacheBlock* block = &rw->cache->table[index];
   if (rw->collector == CHUNKID_INVALID) {
     rw->collector = AllocateChunk(CHUNK_NULL);
@@ -368,15 +367,14 @@ void FreePreExec(ChunkID pre, ChunkID linked) {
 // waiting for those very buffers) could leave every buffer lent and no read
 // able to finish.  Below K, the buffers are taken only once every fill is
 // done.  False when the link cannot be had.
-bool LinkWaitForFill(ReadRewrite* rw, const CacheBlock* block) {
+bool LinkWaitForFill(ReadRewrite* rw, const CacheBlock* block) REQUIRES_SHARED(g_cacheLock) {
   return LinkChunks(rw->linked, block->fillCallback);
 }
 
 enum class FrontResult { kServed, kMiss, kUndo };
 
 // Step through the read from its front while blocks are cached.
-// REQUIRES: read lock.
-FrontResult FrontPass(ReadRewrite* rw) {
+FrontResult FrontPass(ReadRewrite* rw) REQUIRES_SHARED(g_cacheLock) {
   ChunkFhIoRecord* io = rw->io;
   const int64_t blockSize = rw->cache->blockSize;
   const ChunkID id = rw->read;
@@ -465,8 +463,8 @@ Tail TailOf(const ReadRewrite* rw) {
 }
 
 // Another reader may have filled or started the tail block meanwhile.
-// True when the block was found (no fill is made then).  REQUIRES: write lock.
-bool SecondChance(ReadRewrite* rw, const Tail& tail) {
+// True when the block was found (no fill is made then).
+bool SecondChance(ReadRewrite* rw, const Tail& tail) REQUIRES(g_cacheLock) {
   const int32_t index = FindBlock(rw->cache, rw->digest, tail.block);
   if (index < 0) return false;
   CacheBlock* block = &rw->cache->table[index];
@@ -537,11 +535,10 @@ bool AttachDeferredCopies(ReadRewrite* rw, FillRecord* fill) {
 
 // Sets the victim up for the tail block and builds its fill: the reads,
 // the fill record and, when the file's date is unknown, a stat.  The fill's
-// root, or CHUNKID_INVALID (the victim then stays empty).  REQUIRES: write
-// lock.
+// root, or CHUNKID_INVALID (the victim then stays empty).
 ChunkID BuildFill(CacheHeader* cache, ZulKestRamCacheContext* context, uint32_t h,
                   const uint8_t* digest, int64_t fileSize, int64_t blockOffset, int32_t victim,
-                  FillRecord** fillOut, ChunkID traceId) {
+                  FillRecord** fillOut, ChunkID traceId) REQUIRES(g_cacheLock) {
   CacheBlock* block = &cache->table[victim];
   if (LoadBlockState(block) != kCACHE_EMPTY) {
     KEST2_TRACE(kTraceCache, "ExecuteRead", "Chunk %d Flushing cache block[%d]\n", traceId, victim);
@@ -618,8 +615,8 @@ ChunkID NewFillCallback(FillRecord* fill, ChunkID fillRoot) {
 }
 
 // Marks the victim busy with its fill callback and takes the fill's
-// reference.  REQUIRES: write lock.
-void StartFill(CacheHeader* cache, int32_t victim, ChunkID callback) {
+// reference.
+void StartFill(CacheHeader* cache, int32_t victim, ChunkID callback) REQUIRES(g_cacheLock) {
   CacheBlock* block = &cache->table[victim];
   block->fillCallback = callback;
   __atomic_store_n(&block->refcount, 1, __ATOMIC_RELEASE);
@@ -632,7 +629,8 @@ void StartFill(CacheHeader* cache, int32_t victim, ChunkID callback) {
 
 // Hangs a direct read's fill beside it: R > C > fill.  C, or
 // CHUNKID_INVALID with nothing of C left.
-ChunkID HangFillBesideRead(ReadRewrite* rw, FillRecord* fill, ChunkID fillRoot, const Tail& tail) {
+ChunkID HangFillBesideRead(ReadRewrite* rw, FillRecord* fill, ChunkID fillRoot, const Tail& tail)
+    REQUIRES_SHARED(g_cacheLock) {
   fill->tailDestination =
       static_cast<uint8_t*>(rw->io->buffer) + (tail.offsetInBuffer - rw->frontBytes);
   const ChunkID callback = NewFillCallback(fill, fillRoot);
@@ -652,8 +650,8 @@ ChunkID HangFillBelowLinked(ReadRewrite* rw, ChunkID fillRoot) {
 }
 
 // Fills the tail block; the tail then comes out of it.  Nothing is left
-// behind when the fill cannot be had.  REQUIRES: write lock.
-void FillTail(ReadRewrite* rw, const Tail& tail) {
+// behind when the fill cannot be had.
+void FillTail(ReadRewrite* rw, const Tail& tail) REQUIRES(g_cacheLock) {
   const ChunkID id = rw->read;
   const int32_t victim = ChooseVictim(rw->cache);
   if (victim < 0) {
@@ -693,15 +691,20 @@ void FillTail(ReadRewrite* rw, const Tail& tail) {
   rw->fill = fill;
 }
 
-// Puts the read back as it came, to go down whole: every block reference
-// taken is given back, the tail's fill is abandoned, P (with what hangs
-// below K for it) and the collector are freed.  REQUIRES: the cache lock,
-// the write lock when a fill was made.
-void Undo(ReadRewrite* rw) {
-  for (int i = 0; i < rw->copyCount; ++i) AddBlockRef(&rw->cache->table[rw->copies[i].block], -1);
-  rw->copyCount = 0;
+// A fill is made only under the write lock (FillTail), so whoever undoes
+// one holds it; the analysis cannot tie the lock to rw->fill.
+void AbandonTailFill(ReadRewrite* rw) NO_THREAD_SAFETY_ANALYSIS {
   if (rw->fill != nullptr) AbandonFill(rw->cache, rw->fill);
   rw->fill = nullptr;
+}
+
+// Puts the read back as it came, to go down whole: every block reference
+// taken is given back, the tail's fill is abandoned, P (with what hangs
+// below K for it) and the collector are freed.
+void Undo(ReadRewrite* rw) REQUIRES_SHARED(g_cacheLock) {
+  for (int i = 0; i < rw->copyCount; ++i) AddBlockRef(&rw->cache->table[rw->copies[i].block], -1);
+  rw->copyCount = 0;
+  AbandonTailFill(rw);
   DropCollector(rw);
   if (rw->pre != CHUNKID_INVALID) FreePreExec(rw->pre, rw->linked);
   rw->pre = CHUNKID_INVALID;
@@ -780,7 +783,7 @@ bool HangPreExec(ReadRewrite* rw) {
 
 // After the passes: a deferred read keeps its copies and fill through P,
 // or goes down whole; a direct read counts what it copied.
-void Settle(ReadRewrite* rw, bool missed, bool endsOnBoundary) {
+void Settle(ReadRewrite* rw, bool missed, bool endsOnBoundary) REQUIRES_SHARED(g_cacheLock) {
   if (!rw->deferred()) {
     AddActCount(rw->io->actCount, rw->copiedNow);
     return;

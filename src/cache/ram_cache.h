@@ -17,11 +17,15 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/platform.h"
 #include "core/stored_path.h"
 #include "kest2.h"
 #include "sched/chunk.h"
 
 namespace kest2 {
+
+// "ZulKestRamcache": guards the list of caches and every block table.
+extern HybPlatformRwlock g_cacheLock;
 
 enum CacheBlockState : uint16_t {
   kCACHE_EMPTY = 0,
@@ -31,31 +35,31 @@ enum CacheBlockState : uint16_t {
 };
 
 struct CacheBlock {
-  ZulKestDate accessDate;        // last hit or completed fill; LRU key
-  ZulKestDate modificationDate;  // the file's when filled; 0 while unknown
-  int64_t offset;                // file offset, a multiple of the block size
-  uint32_t length;               // valid bytes (short at the end of a file)
-  int32_t refcount;              // readers that still need the data
-  uint16_t state;                // CacheBlockState
-  ChunkID fillCallback;          // while busy: the chunk that ends the fill
-  uint8_t digest[kMd5DigestSize];
+  ZulKestDate accessDate;                                // last hit or completed fill; LRU key
+  ZulKestDate modificationDate GUARDED_BY(g_cacheLock);  // the file's; 0 while unknown
+  int64_t offset GUARDED_BY(g_cacheLock);        // file offset, a multiple of the block size
+  uint32_t length GUARDED_BY(g_cacheLock);       // valid bytes (short at the end of a file)
+  int32_t refcount;                              // readers that still need the data
+  uint16_t state;                                // CacheBlockState
+  ChunkID fillCallback GUARDED_BY(g_cacheLock);  // while busy: the chunk that ends the fill
+  uint8_t digest[kMd5DigestSize] GUARDED_BY(g_cacheLock);
   uint8_t unused[12];
 };
 static_assert(sizeof(CacheBlock) == 64, "");
 
 struct CacheHeader {
-  CacheHeader* next;  // next cache in the list
+  CacheHeader* next GUARDED_BY(g_cacheLock);  // next cache in the list
   uint32_t blockSize;
   uint32_t blockCount;
-  int32_t hand;       // last victim; -1 so the first search starts at 0
-  uint32_t hits;      // blocks served
+  int32_t hand GUARDED_BY(g_cacheLock);  // last victim; -1: the first search starts at 0
+  uint32_t hits;                         // blocks served
   uint32_t hitBytes;
-  uint32_t misses;    // reads that went on to the fill stage
+  uint32_t misses;  // reads that went on to the fill stage
   uint32_t missBytes;
-  uint32_t usedLimit;  // no block at or past this index has been filled
+  uint32_t usedLimit GUARDED_BY(g_cacheLock);  // no block at or past this index was filled
   CacheBlock* table;
   uint8_t* data;
-  StoredPath path;    // pathMax bytes of text follow
+  StoredPath path;  // pathMax bytes of text follow
 };
 
 // The fixed fields must leave pathMax + 16 bytes of the header area to the
@@ -91,10 +95,10 @@ inline void CountStat(uint32_t* counter, uint64_t amount) {
 
 // --- The library-wide cache list and its lock -----------------------------
 
-void CacheReadLock();
-void CacheReadUnlock();
-void CacheWriteLock();
-void CacheWriteUnlock();
+void CacheReadLock() ACQUIRE_SHARED(g_cacheLock);
+void CacheReadUnlock() RELEASE_SHARED(g_cacheLock);
+void CacheWriteLock() ACQUIRE(g_cacheLock);
+void CacheWriteUnlock() RELEASE(g_cacheLock);
 
 // Sets up the header and block table, creates the lock on first use and
 // puts the cache in the list (deeper paths before their parents).
@@ -106,9 +110,9 @@ int32_t UninstallCache(ZulKestRamCacheContext* context, bool* wasLast);
 
 // True when the first cache (in list order) whose path covers `path` at a
 // component boundary is this one.
-bool MatchPathToCache(const CacheHeader* cache, const char* path);
+bool MatchPathToCache(const CacheHeader* cache, const char* path) REQUIRES_SHARED(g_cacheLock);
 // The same for the path a chunk concerns (a handle's or its own).
-bool MatchChunkToCache(const CacheHeader* cache, ChunkID id);
+bool MatchChunkToCache(const CacheHeader* cache, ChunkID id) REQUIRES_SHARED(g_cacheLock);
 // The path a chunk concerns, null when none: the handle's for reads and
 // writes, the chunk's own for opens, deletes, truncates and renames (the old
 // name), the operation's handle or path for a root.
@@ -118,19 +122,21 @@ const StoredPath* CachePathOfChunk(ChunkID id);
 
 // The first valid or busy block at blockOffset (of the file with digest, or
 // of any file when digest is null); its access date becomes now.  -1: none.
-int32_t FindBlock(CacheHeader* cache, const uint8_t* digest, int64_t blockOffset);
+int32_t FindBlock(CacheHeader* cache, const uint8_t* digest, int64_t blockOffset)
+    REQUIRES_SHARED(g_cacheLock);
 // The modification date of the file's first valid block, 0 when none.
-ZulKestDate FindFileDate(const CacheHeader* cache, const uint8_t* digest);
+ZulKestDate FindFileDate(const CacheHeader* cache, const uint8_t* digest)
+    REQUIRES_SHARED(g_cacheLock);
 // The least recently used block that is neither busy nor in use, searching
 // from the hand (an empty block ends the search); -1 when none.  Write lock.
-int32_t ChooseVictim(CacheHeader* cache);
+int32_t ChooseVictim(CacheHeader* cache) REQUIRES(g_cacheLock);
 // Empties the block and forgets its offset, length and digest.  Write lock.
-void ClearBlock(CacheHeader* cache, int32_t index);
+void ClearBlock(CacheHeader* cache, int32_t index) REQUIRES(g_cacheLock);
 // Busy blocks become kCACHE_PURGE, the rest kCACHE_EMPTY.  Write lock.
-void InvalidateBlock(CacheHeader* cache, int32_t index);
+void InvalidateBlock(CacheHeader* cache, int32_t index) REQUIRES(g_cacheLock);
 // Lets go of one reference; a purged block nobody needs any more is
 // emptied.  Write lock.
-void ReleaseBlock(CacheHeader* cache, int32_t index);
+void ReleaseBlock(CacheHeader* cache, int32_t index) REQUIRES(g_cacheLock);
 
 // Whether [offset, offset + length) is wholly in valid blocks.  Read lock
 // taken inside.
@@ -143,7 +149,8 @@ void CacheFlush(CacheHeader* cache, const uint8_t* digest, int64_t offset, int64
 void PurgeEntries(CacheHeader* cache, ChunkID id);
 
 // "accessDate: ... modificationDate: ... offset: %lld - %lld".
-char* DumpCacheBlock(const CacheBlock* block, char* buffer, size_t size);
+char* DumpCacheBlock(const CacheBlock* block, char* buffer, size_t size)
+    REQUIRES_SHARED(g_cacheLock);
 
 // Prints the hit and miss counters of every installed cache.
 void PrintCacheStatistics();
@@ -159,9 +166,10 @@ int32_t ExecuteRead(ZulKestRamCacheContext* context, ChunkID* read);
 // The cache hints of a chunk: bits 0x2, 0x4 and 0x200 of its file handle's
 // opflags and of every operation above it.
 uint32_t CacheHints(ChunkID id, uint32_t handle);
-constexpr uint32_t kCacheHintMask = ZUL_KEST_OPFLAG_CACHE_BYPASS | ZUL_KEST_OPFLAG_CACHE_STREAM |
-                                    ZUL_KEST_OPFLAG_CACHE_TRUST;
-constexpr uint32_t kCacheHintsLeaveReads = ZUL_KEST_OPFLAG_CACHE_BYPASS | ZUL_KEST_OPFLAG_CACHE_STREAM;
+constexpr uint32_t kCacheHintMask =
+    ZUL_KEST_OPFLAG_CACHE_BYPASS | ZUL_KEST_OPFLAG_CACHE_STREAM | ZUL_KEST_OPFLAG_CACHE_TRUST;
+constexpr uint32_t kCacheHintsLeaveReads =
+    ZUL_KEST_OPFLAG_CACHE_BYPASS | ZUL_KEST_OPFLAG_CACHE_STREAM;
 
 // Starts the fill of the block at blockOffset of the open file h for a
 // prefetch: a callback chunk whose subtree reads the block, or

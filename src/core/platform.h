@@ -19,6 +19,8 @@
 
 #include <cstdint>
 
+#include "core/thread_annotations.h"
+
 struct tm;
 
 namespace kest2 {
@@ -40,7 +42,7 @@ inline int32_t KernelResultFromErrno(int err) {
 
 constexpr int kMutexRecursive = 1;  // any other kind is non-recursive
 
-struct HybPlatformMutex {
+struct CAPABILITY("mutex") HybPlatformMutex {
   pthread_mutex_t mutex;
   ThreadId owner;          // holder, 0 when unowned
   int32_t recursionCount;  // -1: non-recursive; else nesting depth
@@ -50,9 +52,9 @@ struct HybPlatformMutex {
 // Recursive for kind 1; adaptive (a short spin before sleeping) where the
 // system has that kind.
 void MutexInitialize(HybPlatformMutex* mutex, int kind, const char* name);
-void MutexLock(HybPlatformMutex* mutex);
+void MutexLock(HybPlatformMutex* mutex) ACQUIRE(mutex);
 // REQUIRES: the calling thread holds the mutex (fatal otherwise).
-void MutexUnlock(HybPlatformMutex* mutex);
+void MutexUnlock(HybPlatformMutex* mutex) RELEASE(mutex);
 // REQUIRES: the mutex is unowned (fatal otherwise).
 void MutexDestroy(HybPlatformMutex* mutex);
 // The holder's thread id, 0 when unowned.
@@ -61,10 +63,10 @@ ThreadId MutexOwner(const HybPlatformMutex* mutex);
 // Scoped lock for C++ callers, over any mutex with MutexLock and
 // MutexUnlock (the kind is deduced: MutexLocker lock(&mutex)).
 template <typename Mutex>
-class MutexLocker {
+class SCOPED_CAPABILITY MutexLocker {
  public:
-  explicit MutexLocker(Mutex* mutex) : m_mutex(mutex) { MutexLock(m_mutex); }
-  ~MutexLocker() { MutexUnlock(m_mutex); }
+  explicit MutexLocker(Mutex* mutex) ACQUIRE(mutex) : m_mutex(mutex) { MutexLock(m_mutex); }
+  ~MutexLocker() RELEASE() { MutexUnlock(m_mutex); }
   MutexLocker(const MutexLocker&) = delete;
   MutexLocker& operator=(const MutexLocker&) = delete;
 
@@ -96,7 +98,7 @@ void CondBroadcast(HybPlatformCond* cond);
 
 // --- Read-write locks ----------------------------------------------------
 
-struct HybPlatformRwlock {
+struct CAPABILITY("rwlock") HybPlatformRwlock {
   pthread_rwlock_t lock;
   const char* name;
 };
@@ -104,10 +106,10 @@ struct HybPlatformRwlock {
 // A null name gives "HybPlatformRwlock".
 void RwlockInitialize(HybPlatformRwlock* rwlock, const char* name);
 void RwlockDestroy(HybPlatformRwlock* rwlock);
-void RwlockReadLock(HybPlatformRwlock* rwlock);
-void RwlockReadUnlock(HybPlatformRwlock* rwlock);
-void RwlockWriteLock(HybPlatformRwlock* rwlock);
-void RwlockWriteUnlock(HybPlatformRwlock* rwlock);
+void RwlockReadLock(HybPlatformRwlock* rwlock) ACQUIRE_SHARED(rwlock);
+void RwlockReadUnlock(HybPlatformRwlock* rwlock) RELEASE_SHARED(rwlock);
+void RwlockWriteLock(HybPlatformRwlock* rwlock) ACQUIRE(rwlock);
+void RwlockWriteUnlock(HybPlatformRwlock* rwlock) RELEASE(rwlock);
 
 // --- Threads -------------------------------------------------------------
 
@@ -161,11 +163,11 @@ constexpr int64_t kSpinBeforeSleepMicroseconds = 50;
 // A plain lock that needs no initialising call, for state that exists before
 // the library is initialised (filter installs): never recursive, no owner
 // bookkeeping.
-struct HybPlatformStaticMutex {
+struct CAPABILITY("mutex") HybPlatformStaticMutex {
   pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
 };
-void MutexLock(HybPlatformStaticMutex* mutex);
-void MutexUnlock(HybPlatformStaticMutex* mutex);
+void MutexLock(HybPlatformStaticMutex* mutex) ACQUIRE(mutex);
+void MutexUnlock(HybPlatformStaticMutex* mutex) RELEASE(mutex);
 
 // --- Clocks, calendar and sleeping -----------------------------------------
 

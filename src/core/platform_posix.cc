@@ -106,7 +106,7 @@ void MutexInitialize(HybPlatformMutex* mutex, int kind, const char* name) {
   CheckOk(pthread_mutexattr_destroy(&attr));
 }
 
-void MutexLock(HybPlatformMutex* mutex) {
+void MutexLock(HybPlatformMutex* mutex) NO_THREAD_SAFETY_ANALYSIS {
   ThreadId self = CurrentThreadId();
   // Only this thread can have stored itself as the owner, so the relaxed
   // load answers "do I already hold it" without a race; the count is read
@@ -120,7 +120,7 @@ void MutexLock(HybPlatformMutex* mutex) {
   if (mutex->recursionCount >= 0) mutex->recursionCount = 1;
 }
 
-void MutexUnlock(HybPlatformMutex* mutex) {
+void MutexUnlock(HybPlatformMutex* mutex) NO_THREAD_SAFETY_ANALYSIS {
   RequireOwner(mutex);
   if (mutex->recursionCount > 0 && --mutex->recursionCount != 0) return;
   StoreOwner(mutex, 0);
@@ -214,19 +214,19 @@ void RwlockDestroy(HybPlatformRwlock* rwlock) {
   CheckOk(pthread_rwlock_destroy(&rwlock->lock));
 }
 
-void RwlockReadLock(HybPlatformRwlock* rwlock) {
+void RwlockReadLock(HybPlatformRwlock* rwlock) NO_THREAD_SAFETY_ANALYSIS {
   CheckOk(pthread_rwlock_rdlock(&rwlock->lock));
 }
 
-void RwlockReadUnlock(HybPlatformRwlock* rwlock) {
+void RwlockReadUnlock(HybPlatformRwlock* rwlock) NO_THREAD_SAFETY_ANALYSIS {
   CheckOk(pthread_rwlock_unlock(&rwlock->lock));
 }
 
-void RwlockWriteLock(HybPlatformRwlock* rwlock) {
+void RwlockWriteLock(HybPlatformRwlock* rwlock) NO_THREAD_SAFETY_ANALYSIS {
   CheckOk(pthread_rwlock_wrlock(&rwlock->lock));
 }
 
-void RwlockWriteUnlock(HybPlatformRwlock* rwlock) {
+void RwlockWriteUnlock(HybPlatformRwlock* rwlock) NO_THREAD_SAFETY_ANALYSIS {
   CheckOk(pthread_rwlock_unlock(&rwlock->lock));
 }
 
@@ -323,9 +323,9 @@ void SleepMilliseconds(int64_t ms) {
 
 // --- Locks in static storage ----------------------------------------------
 
-void MutexLock(HybPlatformStaticMutex* mutex) { CheckOk(pthread_mutex_lock(&mutex->mutex)); }
+void MutexLock(HybPlatformStaticMutex* mutex) NO_THREAD_SAFETY_ANALYSIS { CheckOk(pthread_mutex_lock(&mutex->mutex)); }
 
-void MutexUnlock(HybPlatformStaticMutex* mutex) {
+void MutexUnlock(HybPlatformStaticMutex* mutex) NO_THREAD_SAFETY_ANALYSIS {
   CheckOk(pthread_mutex_unlock(&mutex->mutex));
 }
 

@@ -36,7 +36,7 @@ bool IsTransfer(const ChunkHeader* chunk) {
   return chunk->type == CHUNK_FH_READ || chunk->type == CHUNK_FH_WRITE;
 }
 
-ZulKestTime SeekCost(const Scheduler* scheduler, const PositionKey& head, const PositionKey& key) {
+ZulKestTime SeekCost(const Scheduler* scheduler, const PositionKey& head, const PositionKey& key) REQUIRES(scheduler->mutex) {
   if (!SameStream(head, key)) return scheduler->seekEstimate[0];
   if (key.position == head.position) return 0;
   const uint64_t distance =
@@ -132,7 +132,7 @@ class LaterChunks {
 //    deadline, and the new chunk's own deadline holds at the back;
 // then every place misses nothing, ends at the same time or later, and on
 // a tie the back wins (a chunk that costs nothing goes the full way).
-bool BackWinsOutright(const Scheduler* scheduler, ChunkID id, ZulKestTime start) {
+bool BackWinsOutright(const Scheduler* scheduler, ChunkID id, ZulKestTime start) REQUIRES(scheduler->mutex) {
   const QueueSummary& summary = scheduler->summary;
   const uint64_t count = scheduler->m_queueCount;
   if (summary.count != count || summary.sameStreamPairs != 0) return false;
@@ -181,7 +181,7 @@ bool BackWinsOutright(const Scheduler* scheduler, ChunkID id, ZulKestTime start)
 // makes late, and a last pass picks the winner: O(n log n) instead of
 // simulating the rest of the queue for every index.
 // The simulated queue starts at `start`.
-uint64_t PlaceBySimulation(Scheduler* scheduler, ChunkID id, ZulKestTime start) {
+uint64_t PlaceBySimulation(Scheduler* scheduler, ChunkID id, ZulKestTime start) REQUIRES(scheduler->mutex) {
   InsertScratch* scratch = &scheduler->insertScratch;
   const uint64_t count = scheduler->m_queueCount;
   const ChunkHeader* chunk = ChunkAt(id);

@@ -21,7 +21,7 @@ bool SameStreamPair(ChunkID a, ChunkID b) {
   return SameStream(ChunkPositionKey(a), ChunkPositionKey(b));
 }
 
-ChunkID EntryOrNone(const Scheduler* scheduler, uint64_t index, uint64_t count) {
+ChunkID EntryOrNone(const Scheduler* scheduler, uint64_t index, uint64_t count) REQUIRES(scheduler->mutex) {
   return index < count ? QueueAt(scheduler, index) : CHUNKID_INVALID;
 }
 

@@ -82,8 +82,7 @@ Scheduler* ChooseScheduler(ChunkID id) {
 }
 
 // Runs a cancelled chunk at once, which completes it without its work.
-// REQUIRES: mutex held.
-void FinishCancelled(Scheduler* scheduler, ChunkID id) {
+void FinishCancelled(Scheduler* scheduler, ChunkID id) REQUIRES(scheduler->mutex) {
   {
     ChunkLocker lock;
     ChangeFlags(id, kChunkExecuting, 0);
@@ -96,8 +95,8 @@ void FinishCancelled(Scheduler* scheduler, ChunkID id) {
 }
 
 // Removes the entry at index i and, when the chunk was cancelled, completes
-// it at once.  REQUIRES: scheduler mutex held.
-void RemoveAt(Scheduler* scheduler, uint64_t index, ChunkID id) {
+// it at once.
+void RemoveAt(Scheduler* scheduler, uint64_t index, ChunkID id) REQUIRES(scheduler->mutex) {
   char dump[kDumpBufferSize];
   if (TraceEnabled(kTraceSched)) {
     TraceLine(kTraceSched, "RemoveFromSchedule", "removing chunk %d: %s", id,
@@ -114,8 +113,7 @@ void RemoveAt(Scheduler* scheduler, uint64_t index, ChunkID id) {
 // nothing in the queue.  Such a chunk is finished here, cancelled, as the
 // removal would have; one that still waits for children is queued as
 // scheduled again and completes after them.  True when it was finished.
-// REQUIRES: mutex held.
-bool FinishCancelledOnTheWay(Scheduler* scheduler, ChunkID id) {
+bool FinishCancelledOnTheWay(Scheduler* scheduler, ChunkID id) REQUIRES(scheduler->mutex) {
   const uint16_t flags = LoadFlags(id);
   if ((flags & kChunkScheduled) != 0 || (flags & kChunkCancelled) == 0) return false;
   if (!DeferChunk(id, true)) {
@@ -128,8 +126,8 @@ bool FinishCancelledOnTheWay(Scheduler* scheduler, ChunkID id) {
 }
 
 // Puts a chunk into its queue.  An I/O scheduler's wake-up is owed rather
-// than done here: its bit goes into *owedWakes.  REQUIRES: mutex held.
-void InsertHeld(Scheduler* scheduler, ChunkID id, uint32_t* owedWakes) {
+// than done here: its bit goes into *owedWakes.
+void InsertHeld(Scheduler* scheduler, ChunkID id, uint32_t* owedWakes) REQUIRES(scheduler->mutex) {
   if (FinishCancelledOnTheWay(scheduler, id)) return;
   KEST2_TRACE(kTraceSched, "AddToSchedule", "inserting chunk %d", id);
   ChunkHeader* chunk = ChunkAt(id);
@@ -153,8 +151,8 @@ void InsertHeld(Scheduler* scheduler, ChunkID id, uint32_t* owedWakes) {
 }
 
 // What every queued chunk goes through first: its media position, and the
-// wait for room in a full queue.  REQUIRES: mutex held.
-void PrepareToQueue(Scheduler* scheduler, ChunkID id) {
+// wait for room in a full queue.
+void PrepareToQueue(Scheduler* scheduler, ChunkID id) REQUIRES(scheduler->mutex) {
   if ((LoadChunkFlags(ChunkAt(id)) & kChunkPositioned) != 0) ComputeChunkPosition(id);
   while (scheduler->m_queueCount > kQueueFullCount) {
     zulKestPrintf("KEST2 scheduler queue is full, waiting...\n");
@@ -199,8 +197,7 @@ bool QueueOrRun(Scheduler* scheduler, ChunkID id, uint32_t opflags, bool fastPat
 // in the front of the queue only; past that a deep queue wakes them all.
 // A ready chunk that turns out busy still wakes a thread, which notes it
 // so that the chunk's release wakes the threads again.
-// REQUIRES: mutex held.
-void WakeForQueued(Scheduler* scheduler) {
+void WakeForQueued(Scheduler* scheduler) REQUIRES(scheduler->mutex) {
   constexpr uint64_t kLookedAt = 16;
   if (scheduler->m_queueCount == 0) return;
   const int32_t active = __atomic_load_n(&scheduler->activeThreads, __ATOMIC_ACQUIRE);
@@ -303,7 +300,8 @@ bool ScheduleTreeRecurse(ChunkID id, uint32_t opflags, bool permission, TreeBatc
   {
     ChunkLocker lock;
     if (permission && CountChildrenNotCompleted(id, 2) >= 2) {
-      KEST2_TRACE(kTraceSched, "ScheduleTreeRecurse", "%s", "parallel chunks caused switch to queueing");
+      KEST2_TRACE(kTraceSched, "ScheduleTreeRecurse", "%s",
+                  "parallel chunks caused switch to queueing");
       permission = false;
     }
     if ((LoadFlags(id) & kChunkScheduled) == 0) {
@@ -462,8 +460,9 @@ void RemoveFromSchedule(Scheduler* scheduler, ChunkID id) {
     // It waits for children that still run; it stays queued until they
     // have finished and then completes as cancelled.
     if (TraceEnabled(kTraceSched)) {
-      TraceLine(kTraceSched, "RemoveFromSchedule", "chunk %d not removed, cancelled but not eligible: %s",
-                id, DumpChunk(id, dump, sizeof(dump)));
+      TraceLine(kTraceSched, "RemoveFromSchedule",
+                "chunk %d not removed, cancelled but not eligible: %s", id,
+                DumpChunk(id, dump, sizeof(dump)));
     }
     {
       ChunkLocker lock;

@@ -41,15 +41,15 @@ using MatchPathFunction = bool (*)(const Scheduler* scheduler, const StoredPath*
 // FindInsertPosition's working space, one entry per queue index (used under
 // the scheduler mutex; see insert_position.cc).
 struct InsertScratch {
-  int64_t slack[kQueueSize];      // deadline minus simulated finish, as queued
-  int64_t shift[kQueueSize];      // finish-time shift behind a candidate index
-  uint32_t misses[kQueueSize];    // misses up to and including the entry there
-  uint16_t order[kQueueSize];     // indices by slack
-  uint16_t rank[kQueueSize];      // place of each index in `order`
+  int64_t slack[kQueueSize];        // deadline minus simulated finish, as queued
+  int64_t shift[kQueueSize];        // finish-time shift behind a candidate index
+  uint32_t misses[kQueueSize];      // misses up to and including the entry there
+  uint16_t order[kQueueSize];       // indices by slack
+  uint16_t rank[kQueueSize];        // place of each index in `order`
   uint16_t counts[kQueueSize + 1];  // Fenwick tree over ranks
-  int16_t lateness[kQueueSize];   // the new chunk's lateness at a candidate
+  int16_t lateness[kQueueSize];     // the new chunk's lateness at a candidate
   uint8_t flags[kQueueSize];
-  int64_t prioritySlack[512];     // minimum slack per priority, as a segment tree
+  int64_t prioritySlack[512];  // minimum slack per priority, as a segment tree
 };
 
 // What placement needs to know of an I/O queue without walking it, kept in
@@ -70,72 +70,73 @@ struct QueueSummary {
 
 struct Scheduler {
   int32_t threadCount;
-  Scheduler* next;  // next in the global list
-  HybPlatformMutex mutex;       // "ZulKestScheduler"
-  HybPlatformCond wakeup;       // "ZulKestSchedulerWakeup"
-  HybPlatformCond queueFull;    // "ZulKestSchedulerQueueFull"
+  Scheduler* next;            // next in the global list
+  HybPlatformMutex mutex;     // "ZulKestScheduler"
+  HybPlatformCond wakeup;     // "ZulKestSchedulerWakeup"
+  HybPlatformCond queueFull;  // "ZulKestSchedulerQueueFull"
   HybPlatformThreadStart threads[kMaxSchedulerThreads];
-  const char* pathPrefix;       // "" or "/"
+  const char* pathPrefix;  // "" or "/"
   uint64_t prefixLength;
-  ChunkID queue[kQueueSize];
-  uint64_t queuePosition;       // physical slot of the front
-  uint64_t m_queueCount;
-  uint64_t queueHighWater;
-  uint64_t m_busySkip;              // leading entries known blocked or busy,
-  ChunkID readyHints[kReadyHints];  // but for those named here
-  uint32_t readyHintCount;
-  int32_t kickCount;
-  uint64_t busyCount;
-  bool holdsBusy;  // a chunk answered busy since the last wake-up by a kick
-  uint64_t takePosition;
-  uint64_t removeHint;
-  int32_t activeThreads;        // chunks executing for this scheduler
-  uint32_t wakeSequence;        // bumped by every wake-up (atomic)
-  bool threadSpinning;          // one idle thread watches wakeSequence
+  ChunkID queue[kQueueSize] GUARDED_BY(mutex);
+  uint64_t queuePosition GUARDED_BY(mutex);  // physical slot of the front
+  uint64_t m_queueCount GUARDED_BY(mutex);
+  uint64_t queueHighWater GUARDED_BY(mutex);
+  uint64_t m_busySkip GUARDED_BY(mutex);              // leading entries known blocked or busy,
+  ChunkID readyHints[kReadyHints] GUARDED_BY(mutex);  // but for those named here
+  uint32_t readyHintCount GUARDED_BY(mutex);
+  int32_t kickCount GUARDED_BY(mutex);
+  uint64_t busyCount GUARDED_BY(mutex);
+  bool holdsBusy GUARDED_BY(mutex);  // a chunk answered busy since the last wake-up by a kick
+  uint64_t takePosition GUARDED_BY(mutex);
+  uint64_t removeHint GUARDED_BY(mutex);
+  int32_t activeThreads;                  // chunks executing for this scheduler
+  uint32_t wakeSequence;                  // bumped by every wake-up (atomic)
+  bool threadSpinning GUARDED_BY(mutex);  // one idle thread watches wakeSequence
   bool initialized;
   bool shuttingDown;
   MatchPathFunction matchPath;
-  ChunkRunner run;              // the handler table
-  int32_t lastHandle;           // position key of the chunk last started
-  int64_t lastEnd;
-  ZulKestTime runningFinish;    // estimated finish of that chunk, 0 idle
-  ZulKestTime typeEstimate[kChunkTypeCount];  // positioned: per 64 KiB
-  ZulKestTime seekEstimate[2];  // far seek; per 64 KiB of distance
-  QueueSummary summary;
-  InsertScratch insertScratch;
+  ChunkRunner run;                       // the handler table
+  int32_t lastHandle GUARDED_BY(mutex);  // position key of the chunk last started
+  int64_t lastEnd GUARDED_BY(mutex);
+  ZulKestTime runningFinish;  // estimated finish of that chunk, 0 idle
+  ZulKestTime typeEstimate[kChunkTypeCount] GUARDED_BY(mutex);  // positioned: per 64 KiB
+  ZulKestTime seekEstimate[2] GUARDED_BY(mutex);                // far seek; per 64 KiB of distance
+  QueueSummary summary GUARDED_BY(mutex);
+  InsertScratch insertScratch GUARDED_BY(mutex);
 };
 
 // Sets the time model to its initial estimates and empties the queue.
-void ResetSchedulerModel(Scheduler* scheduler);
+void ResetSchedulerModel(Scheduler* scheduler) REQUIRES(scheduler->mutex);
 
-// --- The ring (REQUIRES: scheduler mutex held) -----------------------------
+// --- The ring -------------------------------------------------------------
 
-ChunkID QueueAt(const Scheduler* scheduler, uint64_t index);
+ChunkID QueueAt(const Scheduler* scheduler, uint64_t index) REQUIRES(scheduler->mutex);
 // Moves logical entries start .. start+length-1 by shift places.
-void ShiftQueue(Scheduler* scheduler, uint64_t start, uint64_t length, int64_t shift);
+void ShiftQueue(Scheduler* scheduler, uint64_t start, uint64_t length, int64_t shift)
+    REQUIRES(scheduler->mutex);
 // Inserts at logical index, keeping the bookkeeping indexes in step.
-void InsertIntoQueue(Scheduler* scheduler, uint64_t index, ChunkID id);
+void InsertIntoQueue(Scheduler* scheduler, uint64_t index, ChunkID id) REQUIRES(scheduler->mutex);
 // Removes the entry at logical index; signals the queue-full condition when
 // the count has just dropped to the full threshold.
-void RemoveFromQueue(Scheduler* scheduler, uint64_t index);
+void RemoveFromQueue(Scheduler* scheduler, uint64_t index) REQUIRES(scheduler->mutex);
 // Traces the queue's occupied slots under "sched".
-void PrintQueue(const Scheduler* scheduler);
+void PrintQueue(const Scheduler* scheduler) REQUIRES(scheduler->mutex);
 // Names a chunk of the known-busy prefix for another look; false when the
 // list is full (the caller then shortens the prefix instead).
-bool AddReadyHint(Scheduler* scheduler, ChunkID id);
+bool AddReadyHint(Scheduler* scheduler, ChunkID id) REQUIRES(scheduler->mutex);
 // Takes id off the list; false when it was not on it.
-bool TakeReadyHint(Scheduler* scheduler, ChunkID id);
+bool TakeReadyHint(Scheduler* scheduler, ChunkID id) REQUIRES(scheduler->mutex);
 
-// --- The queue of chunks (REQUIRES: scheduler mutex held) ------------------
+// --- The queue of chunks -------------------------------------------------
 
 // InsertIntoQueue and RemoveFromQueue for I/O queues of live chunks: they
 // keep the summary in step.
-void QueueChunk(Scheduler* scheduler, uint64_t index, ChunkID id);
-void UnqueueChunk(Scheduler* scheduler, uint64_t index);
+void QueueChunk(Scheduler* scheduler, uint64_t index, ChunkID id) REQUIRES(scheduler->mutex);
+void UnqueueChunk(Scheduler* scheduler, uint64_t index) REQUIRES(scheduler->mutex);
 // Recounts the summary from the queue.
-void RebuildQueueSummary(Scheduler* scheduler);
+void RebuildQueueSummary(Scheduler* scheduler) REQUIRES(scheduler->mutex);
 
-// --- Placement (REQUIRES: scheduler mutex held) ----------------------------
+// --- Placement ------------------------------------------------------------
 
 // A positioned chunk's place on the media, for seek ordering.
 struct PositionKey {
@@ -166,9 +167,9 @@ uint32_t StreamBucket(ChunkID id);
 // Advances the simulation by one chunk; returns its lateness (its priority
 // when it misses its deadline, kOnTime otherwise).
 int32_t EstimateStep(const Scheduler* scheduler, ChunkID id, int32_t referenceLateness,
-                     EstimateState* state);
+                     EstimateState* state) REQUIRES(scheduler->mutex);
 // The queue index at which the chunk misses the fewest deadlines.
-uint64_t FindInsertPosition(Scheduler* scheduler, ChunkID id);
+uint64_t FindInsertPosition(Scheduler* scheduler, ChunkID id) REQUIRES(scheduler->mutex);
 
 // --- Scheduling (schedule.cc) ----------------------------------------------
 
@@ -185,8 +186,8 @@ enum SchedulerEventKind : uint8_t {
 // schedulers is a mask of these.
 uint32_t PlaceBit(const Scheduler* wanted);
 // Wakes one (all: every) idle thread of the scheduler, whether it sleeps or
-// spins.  REQUIRES: mutex held.
-void WakeThreads(Scheduler* scheduler, bool all);
+// spins.
+void WakeThreads(Scheduler* scheduler, bool all) REQUIRES(scheduler->mutex);
 
 // The scheduler that runs the chunk (cached in the chunk's flags); null when
 // none matches.
@@ -240,8 +241,8 @@ int32_t ExecuteChunk(Scheduler* scheduler, ChunkID id, bool fastPath);
 // caller's fast path, a cancel): counted as active while it runs, and the
 // scheduler's threads are woken afterwards, since one of them may have gone
 // to sleep on a queued chunk because this execution filled the last slot.
-// REQUIRES: scheduler mutex held.
-int32_t ExecuteChunkOutsideThreads(Scheduler* scheduler, ChunkID id, bool fastPath);
+int32_t ExecuteChunkOutsideThreads(Scheduler* scheduler, ChunkID id, bool fastPath)
+    REQUIRES(scheduler->mutex);
 // Wakes a scheduler's threads when its queue is not empty: something its
 // chunks wait for may have changed.
 void Kick(Scheduler* scheduler);
@@ -256,8 +257,8 @@ void KickAllSchedulers();
 // callbacks that does not kick itself answered busy.
 void KickBusyChunks();
 // True when the linked CHUNK_CALLBACK (or the chunk itself, when it is one)
-// would answer busy now.  REQUIRES: scheduler mutex held.
-bool ChunkIsBusy(const Scheduler* scheduler, ChunkID id);
+// would answer busy now.
+bool ChunkIsBusy(const Scheduler* scheduler, ChunkID id) REQUIRES(scheduler->mutex);
 
 }  // namespace kest2
 

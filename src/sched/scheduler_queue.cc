@@ -9,13 +9,13 @@
 namespace kest2 {
 namespace {
 
-inline uint64_t Slot(const Scheduler* scheduler, uint64_t index) {
+inline uint64_t Slot(const Scheduler* scheduler, uint64_t index) REQUIRES(scheduler->mutex) {
   return (scheduler->queuePosition + index) % kQueueSize;
 }
 
 }  // namespace
 
-void ResetSchedulerModel(Scheduler* scheduler) {
+void ResetSchedulerModel(Scheduler* scheduler) REQUIRES(scheduler->mutex) {
   for (ZulKestTime& estimate : scheduler->typeEstimate) estimate = 100000;
   for (uint8_t type : {CHUNK_FH_READ, CHUNK_FH_WRITE, CHUNK_FH_BARRIER, CHUNK_FH_SYNC})
     scheduler->typeEstimate[type] = 6250000;

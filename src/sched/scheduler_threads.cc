@@ -64,7 +64,7 @@ int32_t CallLinked(ChunkID id, int32_t event) {
 
 // Puts a busy chunk back at the place it was taken from: into the known-busy
 // prefix when knownBusy, otherwise where the next look finds it.
-void PutBack(Scheduler* scheduler, ChunkID id, bool knownBusy) {
+void PutBack(Scheduler* scheduler, ChunkID id, bool knownBusy) REQUIRES(scheduler->mutex) {
   const uint64_t at = scheduler->takePosition;
   QueueChunk(scheduler, at, id);  // named for another look when inside the prefix
   if (!knownBusy) return;
@@ -106,9 +106,9 @@ Measured Measure(ChunkID id) {
   return measured;
 }
 
-// Updates the time model from one measured execution.  REQUIRES: mutex held.
+// Updates the time model from one measured execution.
 void Learn(Scheduler* scheduler, const Measured& chunk, ZulKestTime elapsed,
-           const PositionKey& before) {
+           const PositionKey& before) REQUIRES(scheduler->mutex) {
   if (chunk.type >= kChunkTypeCount) return;
   const ZulKestTime per = chunk.pieceCount != 0 ? elapsed / chunk.pieceCount : elapsed;
   ZulKestTime& estimate = scheduler->typeEstimate[chunk.type];
@@ -145,7 +145,8 @@ uint32_t SchedulersToKick(const Scheduler* scheduler, ChunkID id) {
     const ChunkID parent = GetParent(id, n);
     if (parent == CHUNKID_INVALID) break;
     Scheduler* parentScheduler = GetScheduler(parent);
-    if (parentScheduler != nullptr && parentScheduler != scheduler) kick |= PlaceBit(parentScheduler);
+    if (parentScheduler != nullptr && parentScheduler != scheduler)
+      kick |= PlaceBit(parentScheduler);
     for (Scheduler* s = SchedulerListHead(); s != nullptr; s = s->next) {
       if (s != scheduler && s != &g_callbackScheduler) kick |= PlaceBit(s);
     }
@@ -153,8 +154,8 @@ uint32_t SchedulersToKick(const Scheduler* scheduler, ChunkID id) {
   return kick;
 }
 
-// The threads look at the whole queue again.  REQUIRES: mutex held.
-void ForgetBusy(Scheduler* scheduler) {
+// The threads look at the whole queue again.
+void ForgetBusy(Scheduler* scheduler) REQUIRES(scheduler->mutex) {
   scheduler->m_busySkip = 0;
   scheduler->readyHintCount = 0;
   scheduler->busyCount = 0;
@@ -162,8 +163,8 @@ void ForgetBusy(Scheduler* scheduler) {
 }
 
 // A kick with the scheduler mutex held: counted always, and with wake,
-// the threads look at the whole queue again.  REQUIRES: mutex held.
-void KickHeld(Scheduler* scheduler, bool wake) {
+// the threads look at the whole queue again.
+void KickHeld(Scheduler* scheduler, bool wake) REQUIRES(scheduler->mutex) {
   if (scheduler->shuttingDown) return;
   // Counted even when nobody is woken: the chunk the kick is for may be
   // executing right now, and when it comes back busy it must not be
@@ -179,8 +180,8 @@ void KickHeld(Scheduler* scheduler, bool wake) {
 // for their children or answer busy.  What a completion readied there is
 // named, so the threads look at those chunks again rather than at the whole
 // queue; unless a callback that does not kick itself answered busy, since
-// anything may be what it waits for.  REQUIRES: mutex held.
-void KickReadiedHeld(Scheduler* scheduler, const ReadyParents& ready) {
+// anything may be what it waits for.
+void KickReadiedHeld(Scheduler* scheduler, const ReadyParents& ready) REQUIRES(scheduler->mutex) {
   const bool readied = (ready.places & PlaceBit(scheduler)) != 0;
   if (scheduler->holdsBusy || (readied && !ready.AllNamed())) {
     KickHeld(scheduler, true);
@@ -217,8 +218,8 @@ void KickPlaces(uint32_t places, const ReadyParents& ready) {
 }
 
 // True when the queued chunk cannot go now: blocked, or busy (which is
-// noted).  REQUIRES: mutex held.
-bool SkipAsBusy(Scheduler* scheduler, ChunkID c) {
+// noted).
+bool SkipAsBusy(Scheduler* scheduler, ChunkID c) REQUIRES(scheduler->mutex) {
   if (ChunkAt(c)->type == CHUNK_CALLBACK) {
     if (!DeferChunk(c, false)) return true;
     if (!ChunkIsBusy(scheduler, c)) return false;
@@ -240,9 +241,8 @@ bool SkipAsBusy(Scheduler* scheduler, ChunkID c) {
   return true;
 }
 
-// Takes the entry at index i out of the queue to execute it.  REQUIRES:
-// mutex held.
-ChunkID Take(Scheduler* scheduler, uint64_t i) {
+// Takes the entry at index i out of the queue to execute it.
+ChunkID Take(Scheduler* scheduler, uint64_t i) REQUIRES(scheduler->mutex) {
   const ChunkID c = QueueAt(scheduler, i);
   UnqueueChunk(scheduler, i);
   scheduler->takePosition = i;
@@ -253,9 +253,8 @@ ChunkID Take(Scheduler* scheduler, uint64_t i) {
 
 // The first entry named for another look that can go now, taken out of the
 // queue; the others the look finds busy stay in the prefix.  Every entry
-// before it is known busy, so it is the first that can go.  REQUIRES:
-// mutex held.
-ChunkID TakeHinted(Scheduler* scheduler) {
+// before it is known busy, so it is the first that can go.
+ChunkID TakeHinted(Scheduler* scheduler) REQUIRES(scheduler->mutex) {
   for (uint64_t i = 0; i < scheduler->m_busySkip && scheduler->readyHintCount != 0; ++i) {
     const ChunkID c = QueueAt(scheduler, i);
     if (!TakeReadyHint(scheduler, c) || SkipAsBusy(scheduler, c)) continue;
@@ -267,8 +266,8 @@ ChunkID TakeHinted(Scheduler* scheduler) {
 }
 
 // The first ready, not busy chunk of the queue, taken out of it; or
-// CHUNKID_INVALID.  REQUIRES: mutex held.
-ChunkID NextEligible(Scheduler* scheduler) {
+// CHUNKID_INVALID.
+ChunkID NextEligible(Scheduler* scheduler) REQUIRES(scheduler->mutex) {
   while (scheduler->m_busySkip != 0 && scheduler->readyHintCount == 0) {
     if (scheduler->m_busySkip != scheduler->m_queueCount) {
       if (scheduler->m_busySkip > scheduler->m_queueCount) {
@@ -278,7 +277,8 @@ ChunkID NextEligible(Scheduler* scheduler) {
       }
       break;
     }
-    KEST2_TRACE(kTraceSched, "NextEligible", "sleeping up to 50ms after getting BUSY from all %d chunks",
+    KEST2_TRACE(kTraceSched, "NextEligible",
+                "sleeping up to 50ms after getting BUSY from all %d chunks",
                 static_cast<int>(scheduler->m_busySkip));
     if (!CondTimedWait(&scheduler->wakeup, NowMicroseconds() + kBusyBackOffMicroseconds)) {
       if (!__atomic_exchange_n(&g_unexpectedBusyReported, true, __ATOMIC_ACQ_REL))
@@ -310,8 +310,7 @@ ChunkID NextEligible(Scheduler* scheduler) {
 // wake-up came meanwhile.  A request stream that comes back within the
 // window never pays for sleeping.  Only one thread of a scheduler spins, so
 // the others sleep and leave the cores to the threads with work.
-// REQUIRES: mutex held (released and taken again).
-bool SpinForWakeUp(Scheduler* scheduler) {
+bool SpinForWakeUp(Scheduler* scheduler) REQUIRES(scheduler->mutex) {
   if (scheduler->threadSpinning) return false;
   scheduler->threadSpinning = true;
   const uint32_t seen = __atomic_load_n(&scheduler->wakeSequence, __ATOMIC_RELAXED);
@@ -395,11 +394,6 @@ int32_t CreateScheduler(Scheduler* scheduler, const char* prefix, MatchPathFunct
   scheduler->next = nullptr;
   scheduler->pathPrefix = prefix;
   scheduler->prefixLength = std::strlen(prefix);
-  ResetSchedulerModel(scheduler);
-  scheduler->queueHighWater = 0;
-  scheduler->kickCount = 0;
-  scheduler->busyCount = 0;
-  scheduler->holdsBusy = false;
   scheduler->activeThreads = 0;
   scheduler->shuttingDown = false;
   scheduler->matchPath = match;
@@ -407,6 +401,15 @@ int32_t CreateScheduler(Scheduler* scheduler, const char* prefix, MatchPathFunct
   MutexInitialize(&scheduler->mutex, 0, "ZulKestScheduler");
   CondInitialize(&scheduler->wakeup, &scheduler->mutex, "ZulKestSchedulerWakeup");
   CondInitialize(&scheduler->queueFull, &scheduler->mutex, "ZulKestSchedulerQueueFull");
+  {
+    // No thread can see the scheduler yet; the lock is for the analysis.
+    MutexLocker lock(&scheduler->mutex);
+    ResetSchedulerModel(scheduler);
+    scheduler->queueHighWater = 0;
+    scheduler->kickCount = 0;
+    scheduler->busyCount = 0;
+    scheduler->holdsBusy = false;
+  }
 
   // I/O threads use the first entry of the thread parameters, the callback
   // thread the third.
@@ -424,7 +427,8 @@ int32_t CreateScheduler(Scheduler* scheduler, const char* prefix, MatchPathFunct
   params.affinityMask = g_KestParams.threadAffinity[paramIndex];
   params.priority = g_KestParams.threadPriority[paramIndex];
   for (int i = 0; i < scheduler->threadCount; ++i) {
-    const int32_t result = CreateThread(&scheduler->threads[i], &params, SchedulerThread, scheduler);
+    const int32_t result =
+        CreateThread(&scheduler->threads[i], &params, SchedulerThread, scheduler);
     if (result != ZUL_KEST_OK) {
       StopThreads(scheduler, i);
       DestroySchedulerLocks(scheduler);
@@ -471,8 +475,8 @@ void StopRunningScheduler(Scheduler* scheduler) {
 bool Quiescent() {
   for (Scheduler* s = SchedulerListHead(); s != nullptr; s = s->next) {
     MutexLock(&s->mutex);
-    const bool quiet = s->m_queueCount == 0 &&
-                       __atomic_load_n(&s->activeThreads, __ATOMIC_ACQUIRE) == 0;
+    const bool quiet =
+        s->m_queueCount == 0 && __atomic_load_n(&s->activeThreads, __ATOMIC_ACQUIRE) == 0;
     MutexUnlock(&s->mutex);
     if (!quiet) return false;
   }
@@ -540,7 +544,7 @@ bool SchedulersIdle() {
   return queued == 0;
 }
 
-int32_t ExecuteChunk(Scheduler* scheduler, ChunkID id, bool fastPath) {
+int32_t ExecuteChunk(Scheduler* scheduler, ChunkID id, bool fastPath) REQUIRES(scheduler->mutex) {
   const PositionKey before{scheduler->lastHandle, scheduler->lastEnd};
   int32_t result = ZUL_KEST_OK;
   if (HasLinked(id)) {
