@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Installs what is missing, then builds and runs every test twice: a normal
-# build and an AddressSanitizer + UndefinedBehaviorSanitizer build.
+# Installs what is missing, compiles the library with clang's thread-safety
+# analysis as errors, then builds and runs every test twice: a normal build
+# and an AddressSanitizer + UndefinedBehaviorSanitizer build.
 #   KEST2_TSAN=1 adds a ThreadSanitizer build and run.
 #   KEST2_FUZZ_SECONDS=N adds the fuzz targets (archives, the path layer),
 #   built with clang in build-fuzz and run for N seconds each
@@ -22,6 +23,11 @@ run_suite() {
   # timeout covers the programs CTest runs directly.
   ctest --test-dir "$dir" --output-on-failure -j "$JOBS" --timeout 900
 }
+
+echo "=== build-thread-safety: the lock annotations, checked by clang ==="
+CC=clang CXX=clang++ cmake -S . -B build-thread-safety -G Ninja -DKEST2_THREAD_SAFETY=ON \
+  -DKEST2_BUILD_TESTS=OFF -DKEST2_BUILD_TOOLS=OFF -DKEST2_BUILD_BENCHMARKS=OFF
+cmake --build build-thread-safety -j "$JOBS" --target kest2_objects
 
 run_suite build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 INSTALL_JOBS="$JOBS" ./scripts/check-install.sh

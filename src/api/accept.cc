@@ -32,8 +32,7 @@ Operation* LiveOp(uint32_t handle) { return Lookup<Operation>(kOpTable, handle);
 
 // Pins the root of a live, unfinished operation whose tree is scheduled;
 // CHUNKID_INVALID when there is none (no tree yet, or it has run).
-// REQUIRES: chunk lock held.
-ChunkID PinUnfinishedRoot(const Operation* op) {
+ChunkID PinUnfinishedRoot(const Operation* op) REQUIRES(g_locks.chunk) {
   if (OpFinished(op)) return CHUNKID_INVALID;
   const ChunkID root = static_cast<ChunkID>(op->rootChunk);
   if (op->rootChunk < 0 || !PinRoot(root, op->h)) return CHUNKID_INVALID;

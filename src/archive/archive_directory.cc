@@ -22,7 +22,8 @@ int32_t FillEntry(const ArchiveTracker* tracker, const uint8_t* entry, const cha
                   const char* name, ZulKestDirEntry* out) {
   std::memset(out, 0, sizeof(*out));
   const size_t dirLength = std::strlen(directory);
-  const bool separated = dirLength > 0 && (directory[dirLength - 1] == '/' || directory[dirLength - 1] == '\\');
+  const bool separated =
+      dirLength > 0 && (directory[dirLength - 1] == '/' || directory[dirLength - 1] == '\\');
   const int length = std::snprintf(out->fullPath, sizeof(out->fullPath), "%s%s%s", directory,
                                    separated ? "" : "/", name);
   if (length < 0 || static_cast<size_t>(length) >= sizeof(out->fullPath))
@@ -120,9 +121,11 @@ int32_t OpenDirCallback(ChunkCallbackRecord* record, int32_t event) {
   int32_t result = record->error;
   if (result != ZUL_KEST_OK) {
     char name[64];
-    KEST2_TRACE(kTraceZorba, "OpenDirCallback", "Open failed with %s\n", ErrorText(result, name, sizeof(name)));
+    KEST2_TRACE(kTraceZorba, "OpenDirCallback", "Open failed with %s\n",
+                ErrorText(result, name, sizeof(name)));
     // Without a native directory the listing has the archives only.
-    if (LookupHandle(kDhTable, loose->nativeDh) != nullptr) ReleaseHandle(kDhTable, loose->nativeDh);
+    if (LookupHandle(kDhTable, loose->nativeDh) != nullptr)
+      ReleaseHandle(kDhTable, loose->nativeDh);
     if (dir != nullptr) {
       ArchiveDirData data = DirData(dir);
       data.nativeDH = 0;
@@ -140,7 +143,8 @@ int32_t OpenDirCallback(ChunkCallbackRecord* record, int32_t event) {
     }
   }
   char name[64];
-  KEST2_TRACE(kTraceZorba, "OpenDirCallback", "returning err = %s\n", ErrorText(result, name, sizeof(name)));
+  KEST2_TRACE(kTraceZorba, "OpenDirCallback", "returning err = %s\n",
+              ErrorText(result, name, sizeof(name)));
   return result;
 }
 
@@ -220,8 +224,8 @@ int32_t BuildLooseOpen(ZulKestZorbaDearchiverContext* context, ChunkID open, Chu
   native->bufferLength = dir->bufferLength;
   CopyStoredPath(&native->path, &dir->path);
   const ChunkID callback = AllocateCallbackChunk(OpenDirCallback, context);
-  const ChunkID nativeOpen = callback == CHUNKID_INVALID ? CHUNKID_INVALID
-                                                         : AllocateChildChunk(callback, CHUNK_DH_OPEN);
+  const ChunkID nativeOpen =
+      callback == CHUNKID_INVALID ? CHUNKID_INVALID : AllocateChildChunk(callback, CHUNK_DH_OPEN);
   if (nativeOpen == CHUNKID_INVALID) {
     KEST2_TRACE(kTraceZorba, "OpenDirectory", "%s",
                 callback == CHUNKID_INVALID ? "Failed to allocate callback or callback data\n"
@@ -234,7 +238,8 @@ int32_t BuildLooseOpen(ZulKestZorbaDearchiverContext* context, ChunkID open, Chu
   child->h = native->h;
   child->path = record->path;
   child->actCount = record->actCount;
-  *LooseOf(ChunkRecord<ChunkCallbackRecord>(callback)) = LooseState{record->h, native->h, nullptr, 0, nativeOpen};
+  *LooseOf(ChunkRecord<ChunkCallbackRecord>(callback)) =
+      LooseState{record->h, native->h, nullptr, 0, nativeOpen};
   ArchiveDirData data = DirData(dir);
   data.nativeDH = native->h;
   SetDirData(dir, data);
@@ -307,7 +312,8 @@ int32_t ReadArchiveDirectory(ZulKestZorbaDearchiverContext* context, ChunkID rea
     // This archive is done: the listing goes on in the next one covering
     // the directory.
     tracker = tracker->next;
-    while (tracker != nullptr && !MountPointCovers(tracker, directory, &relative)) tracker = tracker->next;
+    while (tracker != nullptr && !MountPointCovers(tracker, directory, &relative))
+      tracker = tracker->next;
     if (tracker == nullptr) break;  // the handle keeps its last archive
     data.id = tracker->id;
     ordinal = OrdinalOf(context, tracker);

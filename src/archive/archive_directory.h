@@ -6,6 +6,7 @@
 
 #include <cstdint>
 
+#include "archive/archive_tracker.h"
 #include "kest2.h"
 #include "sched/chunk.h"
 
@@ -13,9 +14,9 @@ namespace kest2 {
 
 // Fills the entry of a CHUNK_DH_READ on a directory handle bound to an
 // archive: 0 with the next entry, ZUL_KEST_ERROR_EOF once every archive is
-// listed (a bulk read takes no entries from archives).  REQUIRES:
-// dearchiver mutex held.
-int32_t ReadArchiveDirectory(ZulKestZorbaDearchiverContext* context, ChunkID read, bool bulk);
+// listed (a bulk read takes no entries from archives).
+int32_t ReadArchiveDirectory(ZulKestZorbaDearchiverContext* context, ChunkID read, bool bulk)
+    REQUIRES(DearchiverMutex());
 
 // With loose files, an archive listing goes on in the native directory of
 // the same path.  The open of a bound listing is replaced by a native open
@@ -23,9 +24,11 @@ int32_t ReadArchiveDirectory(ZulKestZorbaDearchiverContext* context, ChunkID rea
 // not exist natively; once the archives are listed, a read is replaced by a
 // native read below a callback that skips the names the archives hold.
 // Both give 0 or CANT_ALLOCATE_CHUNK / CANT_ALLOCATE_DH with *replacement
-// set.  REQUIRES: dearchiver mutex held.
-int32_t BuildLooseOpen(ZulKestZorbaDearchiverContext* context, ChunkID open, ChunkID* replacement);
-int32_t BuildLooseRead(ZulKestZorbaDearchiverContext* context, ChunkID read, ChunkID* replacement);
+// set.
+int32_t BuildLooseOpen(ZulKestZorbaDearchiverContext* context, ChunkID open, ChunkID* replacement)
+    REQUIRES(DearchiverMutex());
+int32_t BuildLooseRead(ZulKestZorbaDearchiverContext* context, ChunkID read, ChunkID* replacement)
+    REQUIRES(DearchiverMutex());
 // The native listing behind a bound handle, 0 when none.
 uint32_t LooseListing(uint32_t dh);
 

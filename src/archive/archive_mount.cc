@@ -86,8 +86,8 @@ int32_t HeaderStage(ChunkCallbackRecord* record, int32_t event) {
     KEST2_TRACE(kTraceZorba, "header", "%s", "failed archive header check\n");
     return ZUL_KEST_ERROR_BAD_ARCHIVE;
   }
-  state->mountPointArea = state->query ? kQueryMountPointArea
-                                       : MountPointArea(std::strlen(state->mountPoint));
+  state->mountPointArea =
+      state->query ? kQueryMountPointArea : MountPointArea(std::strlen(state->mountPoint));
   const MountLayout layout = ComputeMountLayout(state->header, state->mountPointArea, 0);
   if (state->buffer != nullptr && state->bufferSize >= kTrackerSize) {
     ArchiveTracker* tracker = reinterpret_cast<ArchiveTracker*>(state->buffer);
@@ -117,7 +117,8 @@ int32_t HeaderStage(ChunkCallbackRecord* record, int32_t event) {
     io->reqCount = state->header.tocLength;
   } else {
     // Only the first entry, where a query expects the manifest.
-    state->tocTarget = static_cast<uint8_t*>(AllocateBufferChunk(state->tocCallback, state->header.tocEntrySize));
+    state->tocTarget =
+        static_cast<uint8_t*>(AllocateBufferChunk(state->tocCallback, state->header.tocEntrySize));
     if (state->tocTarget == nullptr) {
       DeallocateChunk(read);
       return ZUL_KEST_ERROR_CANT_ALLOCATE_CHUNK;
@@ -160,7 +161,8 @@ int32_t TocStage(ChunkCallbackRecord* record, int32_t event) {
   if (state->tocCount <= 0) return NotEnoughBytes("TOC", state->tocCount, state);
   const uint64_t scratch = context->workBufferSize / 3;
   if (scratch < state->header.blockSize) {
-    KEST2_TRACE(kTraceZorba, "TOC", "failed, archive block size of %lld but scratch space size of %lld\n",
+    KEST2_TRACE(kTraceZorba, "TOC",
+                "failed, archive block size of %lld but scratch space size of %lld\n",
                 static_cast<long long>(state->header.blockSize), static_cast<long long>(scratch));
     return ZUL_KEST_ERROR_BAD_SIZE;
   }
@@ -171,8 +173,10 @@ int32_t TocStage(ChunkCallbackRecord* record, int32_t event) {
     if (state->tocCount != static_cast<int64_t>(state->header.tocLength))
       return NotEnoughBytes("TOC", state->tocCount, state);
     // A corrupt archive must fail here, not in a later read.
-    if (CheckArchiveLayout(tracker->header, static_cast<uint64_t>(state->stat.fileSize)) != ZUL_KEST_OK ||
-        CheckToc(tracker->header, tracker->toc, static_cast<uint64_t>(state->stat.fileSize)) != ZUL_KEST_OK ||
+    if (CheckArchiveLayout(tracker->header, static_cast<uint64_t>(state->stat.fileSize)) !=
+            ZUL_KEST_OK ||
+        CheckToc(tracker->header, tracker->toc, static_cast<uint64_t>(state->stat.fileSize)) !=
+            ZUL_KEST_OK ||
         (tracker->blockIndex != nullptr &&
          BuildBlockIndex(tracker->header, tracker->toc, tracker->blockIndex) != ZUL_KEST_OK)) {
       return ZUL_KEST_ERROR_BAD_ARCHIVE;
@@ -188,7 +192,8 @@ int32_t TocStage(ChunkCallbackRecord* record, int32_t event) {
       return NotEnoughBytes("TOC", state->tocCount, state);
     static const uint8_t kZeroDigest[kMd5DigestSize] = {};
     if (std::memcmp(state->tocTarget, kZeroDigest, kMd5DigestSize) != 0) {
-      KEST2_TRACE(kTraceZorba, "TOC", "%s", "failed, couldn't find manifest at first entry of TOC\n");
+      KEST2_TRACE(kTraceZorba, "TOC", "%s",
+                  "failed, couldn't find manifest at first entry of TOC\n");
       return ZUL_KEST_ERROR_BAD_ARCHIVE;
     }
     manifest = state->tocTarget;
@@ -199,7 +204,8 @@ int32_t TocStage(ChunkCallbackRecord* record, int32_t event) {
     return ZUL_KEST_ERROR_BAD_ARCHIVE;
   }
   const MountLayout layout = ComputeMountLayout(state->header, state->mountPointArea, manifestSize);
-  if (state->actCount != nullptr) __atomic_store_n(state->actCount, static_cast<int64_t>(layout.total), __ATOMIC_RELEASE);
+  if (state->actCount != nullptr)
+    __atomic_store_n(state->actCount, static_cast<int64_t>(layout.total), __ATOMIC_RELEASE);
   if (state->query) return ZUL_KEST_OK;
   if (state->bufferSize < layout.total || tracker == nullptr) {
     KEST2_TRACE(kTraceZorba, "TOC", "failed, need a bigger mountBuffer (need %d bytes, have %d)\n",
@@ -213,8 +219,8 @@ int32_t TocStage(ChunkCallbackRecord* record, int32_t event) {
   int32_t result;
   {
     DearchiverLocker lock;
-    result = CreateReadChunksUnlocked(context, &readRoot, tracker, manifest, tracker->manifestText, 0,
-                                      static_cast<int64_t>(manifestSize), &state->manifestCount);
+    result = CreateReadChunksUnlocked(context, &readRoot, tracker, manifest, tracker->manifestText,
+                                      0, static_cast<int64_t>(manifestSize), &state->manifestCount);
   }
   if (result != ZUL_KEST_OK) {
     KEST2_TRACE(kTraceZorba, "TOC", "%s", "failed creating chunks to read manifest\n");
@@ -222,7 +228,8 @@ int32_t TocStage(ChunkCallbackRecord* record, int32_t event) {
   }
   // The manifest's reads go below the manifest stage, which the engine
   // marks scheduled before it schedules the chain below it.
-  while ((LoadChunkFlags(ChunkAt(state->manifestCallback)) & kChunkScheduled) == 0) SleepMilliseconds(5);
+  while ((LoadChunkFlags(ChunkAt(state->manifestCallback)) & kChunkScheduled) == 0)
+    SleepMilliseconds(5);
   result = ScheduleBelow(state->manifestCallback, readRoot);
   if (result != ZUL_KEST_OK) DeallocateTree(readRoot);
   return result;
@@ -261,7 +268,8 @@ int32_t IndexManifest(MountState* state) {
     *end = '\0';
     if (end > line) {
       if (count >= capacity) {
-        KEST2_TRACE(kTraceZorba, "manifest", "%s", "failed, more entries in manifest than files in the archive!\n");
+        KEST2_TRACE(kTraceZorba, "manifest", "%s",
+                    "failed, more entries in manifest than files in the archive!\n");
         return ZUL_KEST_ERROR_BAD_ARCHIVE;
       }
       tracker->manifestPaths[count++] = line;

@@ -11,6 +11,7 @@
 
 #include <cstdint>
 
+#include "archive/archive_tracker.h"
 #include "kest2.h"
 #include "sched/chunk.h"
 
@@ -23,8 +24,9 @@ int32_t BuildMountChain(ZulKestZorbaDearchiverContext* context, ChunkID chunk,
 
 // Takes the archive whose file handle is h out of the list and gives the
 // CHUNK_FH_CLOSE that replaces the unmount; BAD_FH when h is not a mounted
-// archive's handle.  REQUIRES: dearchiver mutex held.
-int32_t UnmountArchive(ZulKestZorbaDearchiverContext* context, uint32_t h, ChunkID* replacement);
+// archive's handle.
+int32_t UnmountArchive(ZulKestZorbaDearchiverContext* context, uint32_t h, ChunkID* replacement)
+    REQUIRES(DearchiverMutex());
 
 }  // namespace kest2
 

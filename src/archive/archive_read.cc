@@ -17,8 +17,8 @@ namespace {
 
 constexpr int kLaneLimit = 4;
 constexpr int kWorkBuffers = 3;
-constexpr uint8_t kNeedReadBuffer = 1;   // the compressed bytes
-constexpr uint8_t kNeedOutputBuffer = 2; // a partly wanted block's inflated bytes
+constexpr uint8_t kNeedReadBuffer = 1;    // the compressed bytes
+constexpr uint8_t kNeedOutputBuffer = 2;  // a partly wanted block's inflated bytes
 
 // One replaced read, in a CHUNK_BUFFER below the replacement's root.
 struct ReadState {
@@ -96,7 +96,8 @@ uint64_t BufferBytes(const ZulKestZorbaDearchiverContext* context) {
 }
 
 uint8_t* WorkBuffer(const ZulKestZorbaDearchiverContext* context, int i) {
-  return static_cast<uint8_t*>(context->pWorkBuffer) + static_cast<uint64_t>(i) * BufferBytes(context);
+  return static_cast<uint8_t*>(context->pWorkBuffer) +
+         static_cast<uint64_t>(i) * BufferBytes(context);
 }
 
 uint64_t LoadMask(ZulKestZorbaDearchiverContext* context) {
@@ -105,13 +106,14 @@ uint64_t LoadMask(ZulKestZorbaDearchiverContext* context) {
 
 int NeedCount(uint8_t needs) { return (needs & 1) + ((needs >> 1) & 1); }
 
-int FreeCount(uint64_t mask) { return kWorkBuffers - static_cast<int>(__builtin_popcountll(mask & 7)); }
+int FreeCount(uint64_t mask) {
+  return kWorkBuffers - static_cast<int>(__builtin_popcountll(mask & 7));
+}
 
 // Gives back what the buffer callback holds.  With mayKick, takes the
 // deferred flag and returns whether held-back reads need a kick; without,
-// leaves the flag for a release that can kick.  REQUIRES: dearchiver mutex
-// held.
-bool ReleaseBuffersLocked(ChunkCallbackRecord* callback, bool mayKick) {
+// leaves the flag for a release that can kick.
+bool ReleaseBuffersLocked(ChunkCallbackRecord* callback, bool mayKick) REQUIRES(DearchiverMutex()) {
   ZulKestZorbaDearchiverContext* context = ContextOf(callback);
   BufferState* buffers = StateOf<BufferState>(callback);
   uint64_t mask = LoadMask(context);
@@ -126,7 +128,8 @@ bool ReleaseBuffersLocked(ChunkCallbackRecord* callback, bool mayKick) {
     if ((buffers->needs & kNeedOutputBuffer) != 0 && buffers->job != nullptr &&
         buffers->job->output == buffer && (mask & (1u << i)) != 0) {
       mask &= ~(uint64_t{1} << i);
-      KEST2_TRACE(kTraceZorba, "BufferAllocate", "pJob %p releasing decompression result buffer %p\n",
+      KEST2_TRACE(kTraceZorba, "BufferAllocate",
+                  "pJob %p releasing decompression result buffer %p\n",
                   static_cast<void*>(buffers->job), static_cast<void*>(buffer));
     }
   }
@@ -168,7 +171,8 @@ int32_t BufferAllocate(int32_t event, ChunkCallbackRecord* callback) {
       buffers->needs = 0;
       result = ZUL_KEST_ERROR_CANCELLED;
     } else if (FreeCount(LoadMask(context)) < NeedCount(buffers->needs)) {
-      KEST2_TRACE(kTraceZorba, "BufferAllocate", "%s", "exec check: buffers are busy, deferring...\n");
+      KEST2_TRACE(kTraceZorba, "BufferAllocate", "%s",
+                  "exec check: buffers are busy, deferring...\n");
       __atomic_store_n(&BufferDeferred(context), uint64_t{1}, __ATOMIC_RELEASE);
       result = ZUL_KEST_ERROR_RETRY;
     } else {
@@ -191,7 +195,8 @@ int32_t BufferAllocate(int32_t event, ChunkCallbackRecord* callback) {
       }
       if ((buffers->needs & kNeedOutputBuffer) != 0) {
         buffers->job->output = take();
-        KEST2_TRACE(kTraceZorba, "BufferAllocate", "pJob %p allocated buffer %p for decompression result\n",
+        KEST2_TRACE(kTraceZorba, "BufferAllocate",
+                    "pJob %p allocated buffer %p for decompression result\n",
                     static_cast<void*>(buffers->job), static_cast<void*>(buffers->job->output));
       }
       __atomic_store_n(&BufferBusyMask(context), mask, __ATOMIC_RELEASE);
@@ -241,7 +246,8 @@ void ReleaseBuffers(ChunkCallbackRecord* callback) {
     if (StateOf<BufferState>(callback)->needs == 0) return;  // given back already
     kick = ReleaseBuffersLocked(callback, true);
   }
-  KEST2_TRACE(kTraceZorba, "BufferAllocate", "%s", kick ? "Kicking scheduler\n" : "Not kicking scheduler\n");
+  KEST2_TRACE(kTraceZorba, "BufferAllocate", "%s",
+              kick ? "Kicking scheduler\n" : "Not kicking scheduler\n");
   if (kick) KickBusyChunks();
 }
 
@@ -272,8 +278,9 @@ void JobCompletion(DecompressionJob*, void* owner, JobEvent event) {
 int32_t CreateBlockRead(ReadState* state, uint64_t b, ChunkID laneId, ChunkID read) {
   const uint64_t blockStart = b * state->blockSize;
   if (blockStart >= state->fileSize) return 0;
-  const uint64_t blockEnd =
-      blockStart + state->blockSize < state->fileSize ? blockStart + state->blockSize : state->fileSize;
+  const uint64_t blockEnd = blockStart + state->blockSize < state->fileSize
+                                ? blockStart + state->blockSize
+                                : state->fileSize;
   const uint64_t start = static_cast<uint64_t>(state->start);
   const uint64_t end = static_cast<uint64_t>(state->end);
   if (blockEnd <= start || blockStart >= end) return 0;
@@ -289,7 +296,8 @@ int32_t CreateBlockRead(ReadState* state, uint64_t b, ChunkID laneId, ChunkID re
   // (two bytes for blocks of 257 to 65,536 bytes), and a writer stores a
   // block raw when compression does not make it smaller, so a longer row
   // means a damaged archive: refuse it rather than read past the part.
-  if (block.compressed && block.storedSize > BufferBytes(state->context)) return ZUL_KEST_ERROR_BAD_ARCHIVE;
+  if (block.compressed && block.storedSize > BufferBytes(state->context))
+    return ZUL_KEST_ERROR_BAD_ARCHIVE;
   ChunkCallbackRecord* laneRecord = ChunkRecord<ChunkCallbackRecord>(laneId);
   LaneState* lane = StateOf<LaneState>(laneRecord);
   DecompressionJob* job = lane->job;
@@ -331,7 +339,8 @@ int32_t CreateBlockRead(ReadState* state, uint64_t b, ChunkID laneId, ChunkID re
     // Completed before it hangs below the lane: a cancel walking the lane
     // must not find it waiting and cancel it without its read.
     ChunkLocker lock;
-    StoreChunkFlags(ChunkAt(callback), LoadChunkFlags(ChunkAt(callback)) | kChunkScheduled | kChunkCompleted);
+    StoreChunkFlags(ChunkAt(callback),
+                    LoadChunkFlags(ChunkAt(callback)) | kChunkScheduled | kChunkCompleted);
     if (!LinkChunks(laneId, callback)) {
       DeallocateChunk(callback);
       return ZUL_KEST_ERROR_CANT_ALLOCATE_CHUNK;
@@ -394,7 +403,8 @@ int32_t Rearm(ChunkCallbackRecord* record, LaneState* lane) {
   }
   KEST2_TRACE(kTraceZorba, "DecompressCallback", "created a dynamic read chunk %d\n", read);
   const ChunkID created = read;
-  const int32_t filtered = OfferToLaterFilters(state->context, &read, kTraceZorba, "DecompressCallback");
+  const int32_t filtered =
+      OfferToLaterFilters(state->context, &read, kTraceZorba, "DecompressCallback");
   if (filtered != ZUL_KEST_OK) return filtered;
   if (read == CHUNKID_INVALID) read = created;  // answered by a filter: it carries on as is
   {
@@ -572,9 +582,8 @@ ChunkID NewLane(ChunkID root, ReadState* state, ChunkID* read) {
 }  // namespace
 
 int32_t CreateReadChunksUnlocked(ZulKestZorbaDearchiverContext* context, ChunkID* out,
-                                 ArchiveTracker* tracker, const uint8_t* entry,
-                                 void* destination, int64_t offset, int64_t length,
-                                 int64_t* actCount) {
+                                 ArchiveTracker* tracker, const uint8_t* entry, void* destination,
+                                 int64_t offset, int64_t length, int64_t* actCount) {
   *out = CHUNKID_INVALID;
   if (!CheckMountBuffer(tracker)) return ZUL_KEST_ERROR_BAD_ARCHIVE;
   if (offset < 0) return ZUL_KEST_ERROR_BAD_OFFSET;
@@ -604,7 +613,8 @@ int32_t CreateReadChunksUnlocked(ZulKestZorbaDearchiverContext* context, ChunkID
     if (read == CHUNKID_INVALID) return ZUL_KEST_ERROR_CANT_ALLOCATE_CHUNK;
     ChunkFhIoRecord* io = ChunkRecord<ChunkFhIoRecord>(read);
     io->h = tracker->archiveHandle;
-    io->offset = static_cast<int64_t>(block.offset + (static_cast<uint64_t>(start) - first * blockSize));
+    io->offset =
+        static_cast<int64_t>(block.offset + (static_cast<uint64_t>(start) - first * blockSize));
     io->position = INT64_MAX;
     io->reqCount = end - start;
     io->buffer = destination;

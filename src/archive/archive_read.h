@@ -31,11 +31,11 @@ namespace kest2 {
 // the entry's file into `destination`, adding the bytes delivered to
 // *actCount.  *out is CHUNKID_INVALID when nothing needs reading (length
 // 0).  Returns 0 or the error (BAD_ARCHIVE, BAD_OFFSET, EOF,
-// DECOMPRESSION, CANT_ALLOCATE_CHUNK).  REQUIRES: dearchiver mutex held.
+// DECOMPRESSION, CANT_ALLOCATE_CHUNK).
 int32_t CreateReadChunksUnlocked(ZulKestZorbaDearchiverContext* context, ChunkID* out,
-                                 ArchiveTracker* tracker, const uint8_t* entry,
-                                 void* destination, int64_t offset, int64_t length,
-                                 int64_t* actCount);
+                                 ArchiveTracker* tracker, const uint8_t* entry, void* destination,
+                                 int64_t offset, int64_t length, int64_t* actCount)
+    REQUIRES(DearchiverMutex());
 
 }  // namespace kest2
 

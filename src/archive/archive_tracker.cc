@@ -105,9 +105,10 @@ bool SameArchive(const ArchiveTracker* a, const ArchiveTracker* b) {
 
 void ArchiveDigest(const ArchiveTracker* tracker, uint8_t* digest) {
   const ZorbaHeader& h = tracker->header;
-  const uint64_t fields[] = {h.magic,     h.version,    h.compression, h.tocLength,
-                             h.tocEntrySize, h.tocEntryCount, h.blockSize, h.archiveFlags,
-                             h.tocOffset, h.tocSize,    tracker->manifestSize, tracker->manifestPathCount};
+  const uint64_t fields[] = {
+      h.magic,        h.version,       h.compression,         h.tocLength,
+      h.tocEntrySize, h.tocEntryCount, h.blockSize,           h.archiveFlags,
+      h.tocOffset,    h.tocSize,       tracker->manifestSize, tracker->manifestPathCount};
   Md5Context md5;
   Md5Init(&md5);
   Md5Update(&md5, fields, sizeof(fields));
@@ -141,7 +142,8 @@ MountLayout ComputeMountLayout(const ZorbaHeader& header, uint64_t mountPointAre
   layout.toc = layout.blockIndex + RoundUp8(BlockIndexSize(header));
   layout.manifestPaths = layout.toc + RoundUp8(header.tocLength);
   layout.manifestText =
-      layout.manifestPaths + 8 * static_cast<uint64_t>(header.tocEntryCount > 0 ? header.tocEntryCount - 1 : 0);
+      layout.manifestPaths +
+      8 * static_cast<uint64_t>(header.tocEntryCount > 0 ? header.tocEntryCount - 1 : 0);
   layout.total = layout.manifestText + manifestSize + 1;
   return layout;
 }
@@ -177,7 +179,8 @@ void AddMountedArchive(ZulKestZorbaDearchiverContext* context, ArchiveTracker* t
 
 ArchiveTracker* RemoveMountedArchive(ZulKestZorbaDearchiverContext* context, uint32_t h) {
   ArchiveTracker* previous = nullptr;
-  for (ArchiveTracker* tracker = ArchiveList(context); tracker != nullptr; tracker = tracker->next) {
+  for (ArchiveTracker* tracker = ArchiveList(context); tracker != nullptr;
+       tracker = tracker->next) {
     if (tracker->archiveHandle == h) {
       if (previous == nullptr) {
         SetArchiveList(context, tracker->next);
@@ -220,7 +223,8 @@ bool MountPointCovers(const ArchiveTracker* tracker, const char* path, const cha
   }
   // The rest begins at the separator that ends the mount point (or that
   // follows it).
-  const char* rest = length > 0 && IsSeparator(mount[length - 1]) ? path + length - 1 : path + length;
+  const char* rest =
+      length > 0 && IsSeparator(mount[length - 1]) ? path + length - 1 : path + length;
   if ((tracker->header.archiveFlags & ZORBA_FLAG_ABSOLUTE_PATHS) == 0) {
     while (*rest == '/') ++rest;
   }
@@ -231,7 +235,8 @@ bool MountPointCovers(const ArchiveTracker* tracker, const char* path, const cha
 FindResult LookupPath(ZulKestZorbaDearchiverContext* context, const char* path,
                       ArchiveTracker** trackerOut, const uint8_t** entryOut) {
   ArchiveTracker* covering = nullptr;  // the newest archive below whose mount point the path is
-  for (ArchiveTracker* tracker = ArchiveList(context); tracker != nullptr; tracker = tracker->next) {
+  for (ArchiveTracker* tracker = ArchiveList(context); tracker != nullptr;
+       tracker = tracker->next) {
     const char* relative = nullptr;
     if (!MountPointCovers(tracker, path, &relative)) continue;
     if (covering == nullptr) covering = tracker;
@@ -345,16 +350,17 @@ void GetStat(const ArchiveTracker* tracker, const uint8_t* entry, ZulKestStat* o
 
 bool CheckMountBuffer(const ArchiveTracker* tracker) {
   const auto address = [](const void* p) { return reinterpret_cast<uintptr_t>(p); };
-  const bool intact =
-      tracker != nullptr && address(tracker) % 8 == 0 && tracker->header.tocSorted != 0 &&
-      tracker->mountPoint != nullptr && address(tracker) < address(tracker->mountPoint) &&
-      address(tracker->mountPoint) < address(tracker->blockIndex) &&
-      // The index is empty when every file is stored, the path array when
-      // the archive holds no file.
-      address(tracker->blockIndex) <= address(tracker->toc) &&
-      address(tracker->toc) < address(tracker->manifestPaths) &&
-      address(tracker->manifestPaths) <= address(tracker->manifestText) &&
-      IsHeaderValid(tracker->header) && Lookup<FileHandle>(kFhTable, tracker->archiveHandle) != nullptr;
+  const bool intact = tracker != nullptr && address(tracker) % 8 == 0 &&
+                      tracker->header.tocSorted != 0 && tracker->mountPoint != nullptr &&
+                      address(tracker) < address(tracker->mountPoint) &&
+                      address(tracker->mountPoint) < address(tracker->blockIndex) &&
+                      // The index is empty when every file is stored, the path array when
+                      // the archive holds no file.
+                      address(tracker->blockIndex) <= address(tracker->toc) &&
+                      address(tracker->toc) < address(tracker->manifestPaths) &&
+                      address(tracker->manifestPaths) <= address(tracker->manifestText) &&
+                      IsHeaderValid(tracker->header) &&
+                      Lookup<FileHandle>(kFhTable, tracker->archiveHandle) != nullptr;
   if (!intact) {
     zulKestPrintf("KEST2 ERROR: The archive mountBuffer at 0x%08llX is corrupt!\n",
                   static_cast<unsigned long long>(address(tracker)));

@@ -65,10 +65,14 @@ MountLayout ComputeMountLayout(const ZorbaHeader& header, uint64_t mountPointAre
 HybPlatformMutex* DearchiverMutex();
 bool DearchiverMutexHeld();
 
+// The mutex is recursive: the locker asserts it for the analysis rather
+// than acquiring it (see core/thread_annotations.h).
 class DearchiverLocker {
  public:
-  DearchiverLocker() { MutexLock(DearchiverMutex()); }
-  ~DearchiverLocker() { MutexUnlock(DearchiverMutex()); }
+  DearchiverLocker() ASSERT_CAPABILITY(DearchiverMutex()) NO_THREAD_SAFETY_ANALYSIS {
+    MutexLock(DearchiverMutex());
+  }
+  ~DearchiverLocker() NO_THREAD_SAFETY_ANALYSIS { MutexUnlock(DearchiverMutex()); }
   DearchiverLocker(const DearchiverLocker&) = delete;
   DearchiverLocker& operator=(const DearchiverLocker&) = delete;
 };
@@ -95,18 +99,22 @@ inline bool LooseFiles(const ZulKestZorbaDearchiverContext* context) {
   return (context->flags & ZUL_KEST_ZORBA_DEARCHIVER_LOOSE_FILES) != 0;
 }
 
-// --- Archive IDs and the list (REQUIRES: dearchiver mutex) ----------------
+// --- Archive IDs and the list -------------------------------------------
 
 // Gives the tracker the ID of an identical archive mounted now or before
 // (the last 64 distinct archives are remembered), or a new one, and puts it
 // at the head of the list.
-void AddMountedArchive(ZulKestZorbaDearchiverContext* context, ArchiveTracker* tracker);
+void AddMountedArchive(ZulKestZorbaDearchiverContext* context, ArchiveTracker* tracker)
+    REQUIRES(DearchiverMutex());
 // Unlinks the tracker whose archive file handle is h; null when none.
-ArchiveTracker* RemoveMountedArchive(ZulKestZorbaDearchiverContext* context, uint32_t h);
-ArchiveTracker* FindArchiveById(ZulKestZorbaDearchiverContext* context, int32_t id);
-ArchiveTracker* FindArchiveByHandle(ZulKestZorbaDearchiverContext* context, uint32_t h);
+ArchiveTracker* RemoveMountedArchive(ZulKestZorbaDearchiverContext* context, uint32_t h)
+    REQUIRES(DearchiverMutex());
+ArchiveTracker* FindArchiveById(ZulKestZorbaDearchiverContext* context, int32_t id)
+    REQUIRES(DearchiverMutex());
+ArchiveTracker* FindArchiveByHandle(ZulKestZorbaDearchiverContext* context, uint32_t h)
+    REQUIRES(DearchiverMutex());
 
-// --- Lookups (REQUIRES: dearchiver mutex) -----------------------------------
+// --- Lookups --------------------------------------------------------------
 
 enum FindResult {
   FINDRESULT_NOT_OURS = 0,
@@ -118,10 +126,11 @@ enum FindResult {
 // For FINDRESULT_MISSING *tracker is the newest archive whose mount point
 // covers the path.
 FindResult LookupPath(ZulKestZorbaDearchiverContext* context, const char* path,
-                      ArchiveTracker** tracker, const uint8_t** entry);
+                      ArchiveTracker** tracker, const uint8_t** entry) REQUIRES(DearchiverMutex());
 // Whether the path lies below the tracker's mount point; *relative gets the
 // rest of the path as the archive keys it.
-bool MountPointCovers(const ArchiveTracker* tracker, const char* path, const char** relative);
+bool MountPointCovers(const ArchiveTracker* tracker, const char* path, const char** relative)
+    REQUIRES(DearchiverMutex());
 
 // What the dearchiver keeps in a file or directory handle it owns.
 struct ArchiveFileData {
@@ -137,9 +146,12 @@ struct ArchiveDirData {
 constexpr uint8_t kListingArchivesDone = 1;
 constexpr uint8_t kListingNativeDone = 2;
 
+// The archive (and entry) behind a handle the dearchiver owns; false for
+// another's handle or one whose archive is gone.
 bool LookupFH(ZulKestZorbaDearchiverContext* context, uint32_t fh, ArchiveTracker** tracker,
-              const uint8_t** entry);
-bool LookupDH(ZulKestZorbaDearchiverContext* context, uint32_t dh, ArchiveTracker** tracker);
+              const uint8_t** entry) REQUIRES(DearchiverMutex());
+bool LookupDH(ZulKestZorbaDearchiverContext* context, uint32_t dh, ArchiveTracker** tracker)
+    REQUIRES(DearchiverMutex());
 
 // The next child of a directory in the manifest after position (-1: the
 // first); its position, or -1 at the end.  childName receives the child's

@@ -161,13 +161,17 @@ struct Offer {
   ArchiveTracker* tracker;
   const uint8_t* entry;
 
-  FindResult LookUpPath() {
+  FindResult LookUpPath() REQUIRES(DearchiverMutex()) {
     const char* path = ChunkPathText(id);
     if (path == nullptr || ArchiveList(context) == nullptr) return FINDRESULT_NOT_OURS;
     return LookupPath(context, path, &tracker, &entry);
   }
-  bool LookUpFile() { return LookupFH(context, handle, &tracker, &entry); }
-  bool HandleIsOurs() { return LookupFH(context, handle, nullptr, nullptr); }
+  bool LookUpFile() REQUIRES(DearchiverMutex()) {
+    return LookupFH(context, handle, &tracker, &entry);
+  }
+  bool HandleIsOurs() REQUIRES(DearchiverMutex()) {
+    return LookupFH(context, handle, nullptr, nullptr);
+  }
 
   Outcome Answer(int32_t result) { return AnswerChunk(kTraceZorba, id, result, replacement); }
   Outcome Replace(ChunkID by) { return ReplaceChunkWith(kTraceZorba, id, by, replacement); }
@@ -194,7 +198,7 @@ bool NotAFile(Offer& offer, FindResult found, Outcome* refusal) {
 
 // --- Steps, one per chunk type --------------------------------------------
 
-Outcome OpenFile(Offer& offer) {
+Outcome OpenFile(Offer& offer) REQUIRES(DearchiverMutex()) {
   Outcome refusal;
   if (NotAFile(offer, offer.LookUpPath(), &refusal)) return refusal;
   FileHandle* file = Lookup<FileHandle>(kFhTable, offer.handle);
@@ -211,7 +215,7 @@ Outcome OpenFile(Offer& offer) {
 }
 
 // A read becomes block reads and inflating.
-Outcome ReadFile(Offer& offer) {
+Outcome ReadFile(Offer& offer) REQUIRES(DearchiverMutex()) {
   if (!offer.LookUpFile()) return Outcome::kDown;
   const FileHandle* file = Lookup<FileHandle>(kFhTable, offer.handle);
   KEST2_TRACE(kTraceZorba, "FilterChunk", "reading from archive \"%s\" for %s",
@@ -225,16 +229,16 @@ Outcome ReadFile(Offer& offer) {
   return offer.Replace(read);
 }
 
-Outcome RefuseWrite(Offer& offer) {
+Outcome RefuseWrite(Offer& offer) REQUIRES(DearchiverMutex()) {
   return offer.HandleIsOurs() ? offer.Answer(ZUL_KEST_ERROR_READ_ONLY) : Outcome::kDown;
 }
 
-Outcome SyncFile(Offer& offer) {
+Outcome SyncFile(Offer& offer) REQUIRES(DearchiverMutex()) {
   return offer.HandleIsOurs() ? offer.Answer(ZUL_KEST_OK) : Outcome::kDown;
 }
 
 // Closing an archive's own handle unmounts the archive.
-Outcome CloseFile(Offer& offer) {
+Outcome CloseFile(Offer& offer) REQUIRES(DearchiverMutex()) {
   if (FindArchiveByHandle(offer.context, offer.handle) != nullptr) {
     char dump[kDumpBufferSize];
     KEST2_TRACE(kTraceZorba, "FilterChunk",
@@ -251,7 +255,7 @@ Outcome CloseFile(Offer& offer) {
 }
 
 // With loose files the native directory of the same path is opened too.
-Outcome OpenDir(Offer& offer) {
+Outcome OpenDir(Offer& offer) REQUIRES(DearchiverMutex()) {
   const FindResult found = offer.LookUpPath();
   if (found == FINDRESULT_FILE) return offer.Answer(ZUL_KEST_ERROR_NOT_A_DIRECTORY);
   if (found == FINDRESULT_MISSING && !offer.loose) return offer.Answer(ZUL_KEST_ERROR_BAD_PATH);
@@ -269,7 +273,7 @@ Outcome OpenDir(Offer& offer) {
 }
 
 // The archive's entries first; with loose files the native listing after.
-Outcome ReadDir(Offer& offer) {
+Outcome ReadDir(Offer& offer) REQUIRES(DearchiverMutex()) {
   if (!LookupDH(offer.context, offer.handle, &offer.tracker)) return Outcome::kDown;
   const int32_t listed =
       ReadArchiveDirectory(offer.context, offer.id, offer.type == CHUNK_DH_READ_BULK);
@@ -298,7 +302,7 @@ Outcome CloseDir(Offer& offer) {
   return offer.Replace(close);
 }
 
-Outcome AnswerExists(Offer& offer) {
+Outcome AnswerExists(Offer& offer) REQUIRES(DearchiverMutex()) {
   const FindResult found = offer.LookUpPath();
   if (found == FINDRESULT_NOT_OURS || (found == FINDRESULT_MISSING && offer.loose))
     return Outcome::kDown;
@@ -309,7 +313,7 @@ Outcome AnswerExists(Offer& offer) {
   return offer.Answer(ZUL_KEST_OK);
 }
 
-Outcome AnswerFileSize(Offer& offer) {
+Outcome AnswerFileSize(Offer& offer) REQUIRES(DearchiverMutex()) {
   Outcome refusal;
   if (NotAFile(offer, offer.LookUpPath(), &refusal)) return refusal;
   auto* size = static_cast<int64_t*>(ChunkRecord<ChunkPathResultRecord>(offer.id)->result);
@@ -318,7 +322,7 @@ Outcome AnswerFileSize(Offer& offer) {
 }
 
 // A stat names either a handle or a path.
-Outcome AnswerStat(Offer& offer) {
+Outcome AnswerStat(Offer& offer) REQUIRES(DearchiverMutex()) {
   ChunkStatRecord* stat = ChunkRecord<ChunkStatRecord>(offer.id);
   if (stat->h != 0) {
     offer.handle = stat->h;
@@ -332,7 +336,7 @@ Outcome AnswerStat(Offer& offer) {
   return offer.Answer(ZUL_KEST_OK);
 }
 
-Outcome RefuseTruncate(Offer& offer) {
+Outcome RefuseTruncate(Offer& offer) REQUIRES(DearchiverMutex()) {
   if (offer.handle != 0 && offer.HandleIsOurs()) return offer.Answer(ZUL_KEST_ERROR_READ_ONLY);
   const FindResult found = offer.LookUpPath();
   if (found == FINDRESULT_DIR) return offer.Answer(ZUL_KEST_ERROR_NOT_A_FILE);
@@ -342,7 +346,7 @@ Outcome RefuseTruncate(Offer& offer) {
 }
 
 // Path changes (create, delete, rename): archives are read-only.
-Outcome RefuseChange(Offer& offer) {
+Outcome RefuseChange(Offer& offer) REQUIRES(DearchiverMutex()) {
   switch (offer.LookUpPath()) {
     case FINDRESULT_NOT_OURS:
       return Outcome::kDown;
@@ -369,7 +373,7 @@ Outcome Mount(Offer& offer) {
   return offer.ReplaceOrAnswer(result, chain);
 }
 
-Outcome Unmount(Offer& offer) {
+Outcome Unmount(Offer& offer) REQUIRES(DearchiverMutex()) {
   ChunkID close = CHUNKID_INVALID;
   const int32_t result = UnmountArchive(offer.context, offer.handle, &close);
   return offer.ReplaceOrAnswer(result, close);
@@ -425,8 +429,8 @@ Step StepFor(uint8_t type) {
   }
 }
 
-// Answers one chunk, or replaces it.  REQUIRES: dearchiver mutex held.
-Outcome FilterOne(void* context, ChunkID id, ChunkID* replacement) {
+// Answers one chunk, or replaces it.
+Outcome FilterOne(void* context, ChunkID id, ChunkID* replacement) REQUIRES(DearchiverMutex()) {
   const uint8_t type = ChunkAt(id)->type;
   const Step step = StepFor(type);
   if (step == nullptr) return Outcome::kDown;

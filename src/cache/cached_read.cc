@@ -807,8 +807,8 @@ void Settle(ReadRewrite* rw, bool missed, bool endsOnBoundary) REQUIRES_SHARED(g
 
 }  // namespace
 
-// The hints of the operations whose roots lie above id.  REQUIRES: chunk lock.
-static uint32_t CacheHintsAbove(ChunkID id, int depth) {
+// The hints of the operations whose roots lie above id.
+static uint32_t CacheHintsAbove(ChunkID id, int depth) REQUIRES(g_locks.chunk) {
   if (depth > kMaxHintDepth) return 0;
   uint32_t hints = 0;
   const ChunkHeader* chunk = ChunkAt(id);

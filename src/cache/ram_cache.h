@@ -10,7 +10,7 @@
 // caches, every block table and the counters.  Lookups that only copy hold
 // it for reading and may still bump access dates, refcounts and counters,
 // which are therefore changed atomically; every state change holds it for
-// writing.  Lock order: the cache lock, then the chunk lock.
+// writing.  Lock order: see GlobalLocks (core/globals.h).
 #ifndef KEST2_SRC_CACHE_RAM_CACHE_H_
 #define KEST2_SRC_CACHE_RAM_CACHE_H_
 

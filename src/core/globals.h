@@ -50,13 +50,32 @@ extern int32_t g_suspendCount;
 inline int32_t SuspendCount() { return __atomic_load_n(&g_suspendCount, __ATOMIC_ACQUIRE); }
 
 // The global lock set, created together and destroyed together.
+//
+// Lock order, outermost first; a thread takes a lock only while holding
+// ones above it in this list:
+//   0. "ZulKestDHWaitLock": an overlay listing that borrows the shared
+//      native directory buffer holds it around its whole open
+//   1. the filter table lock "ZulKestIOFilter" (read, for a whole walk) and
+//      the overlay table lock
+//   2. a filter's own lock: the dearchiver's "ZulKestDearchiver" (recursive)
+//      or a RAM cache's "ZulKestRamcache"
+//   3. one scheduler's "ZulKestScheduler" (never two at once: kicks of other
+//      schedulers wait until the own mutex is released)
+//   4. the chunk lock "ZulKestChunk" (recursive)
+//   5. innermost, holding nothing below them: the zlib codec's "ZulKestZlib",
+//      "ZulKestOpWait", "ZulKestDefaultOpAttr"
+// No engine lock is held while a chunk's handler runs.  A filter offering
+// its own chunks to later filters on a scheduler thread reads the filter
+// table without the filter lock, because it already holds the chunk lock.
+// Clang checks the annotated requirements (core/thread_annotations.h); the
+// order itself is this comment's.
 struct GlobalLocks {
   HybPlatformRwlock defaultAttr;  // "ZulKestDefaultOpAttr"
   HybPlatformMutex opWaitMutex;   // "ZulKestOpWait"
   HybPlatformCond opWaitCond;     // "ZulKestOpWait"
   HybPlatformMutex chunk;         // "ZulKestChunk", recursive
   HybPlatformRwlock filter;       // "ZulKestIOFilter"
-  HybPlatformMutex dirHandle;     // "ZulKestDirHandle"
+  HybPlatformMutex dirHandle;     // "ZulKestDirHandle": part of the set, taken by nothing
   HybPlatformRwlock overlay;      // default name
 };
 

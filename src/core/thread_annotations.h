@@ -3,12 +3,11 @@
 // (scripts/test.sh) compiles the library with -Wthread-safety -Werror;
 // other compilers see empty macros.
 //
-// The two recursive locks (the chunk lock and the dearchiver's mutex) are
-// taken again by functions their holders call, which the analysis would
-// report as double locking.  Their scoped lockers therefore assert the lock
-// rather than acquire it: a function that needs one is checked to run after
-// a locker, or under a REQUIRES of its own, in its caller; the analysis does
-// not see the locker's scope end.
+// The locks that a thread may take again (the recursive chunk lock and
+// dearchiver mutex, the overlay table's read hold) are taken again by functions their holders call,
+// which the analysis would report as double locking.  Their scoped lockers therefore assert the
+// lock rather than acquire it: a function that needs one is checked to run after a locker, or under
+// a REQUIRES of its own, in its caller; the analysis does not see the locker's scope end.
 #ifndef KEST2_SRC_CORE_THREAD_ANNOTATIONS_H_
 #define KEST2_SRC_CORE_THREAD_ANNOTATIONS_H_
 
@@ -29,6 +28,7 @@
 #define RELEASE(...) KEST2_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
 #define RELEASE_SHARED(...) KEST2_THREAD_ANNOTATION(release_shared_capability(__VA_ARGS__))
 #define ASSERT_CAPABILITY(x) KEST2_THREAD_ANNOTATION(assert_capability(x))
+#define ASSERT_SHARED_CAPABILITY(x) KEST2_THREAD_ANNOTATION(assert_shared_capability(x))
 #define EXCLUDES(...) KEST2_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
 #define RETURN_CAPABILITY(x) KEST2_THREAD_ANNOTATION(lock_returned(x))
 #define NO_THREAD_SAFETY_ANALYSIS KEST2_THREAD_ANNOTATION(no_thread_safety_analysis)

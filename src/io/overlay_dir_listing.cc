@@ -82,13 +82,15 @@ bool OverlayApplies(const ListingContext* context, const OverlayEntry* e) {
 
 // Whether overlay e maps the directory path onto a layer; *layer receives
 // src + "/" + the rest of path, normalised.
-bool LayerPathFor(const ListingContext* context, const char* path, const OverlayEntry* e, char* layer) {
+bool LayerPathFor(const ListingContext* context, const char* path, const OverlayEntry* e,
+                  char* layer) {
   if (!OverlayApplies(context, e)) return false;
   const size_t length = e->dstLength;
   if (length > 0) {
     if (std::strncmp(path, e->dst, length) != 0) return false;
     const char next = path[length];
-    if (!IsListingSeparator(e->dst[length - 1]) && next != 0 && !IsListingSeparator(next)) return false;
+    if (!IsListingSeparator(e->dst[length - 1]) && next != 0 && !IsListingSeparator(next))
+      return false;
   }
   char joined[kListingPathSize * 2];
   std::snprintf(joined, sizeof(joined), "%s/%s", e->src, path + length);
@@ -98,7 +100,8 @@ bool LayerPathFor(const ListingContext* context, const char* path, const Overlay
 
 // Whether overlay e creates something inside the directory path (of length
 // n, prefix length p): its dst goes on below path.
-bool ReachesInto(const ListingContext* context, const char* path, size_t n, size_t p, const OverlayEntry* e) {
+bool ReachesInto(const ListingContext* context, const char* path, size_t n, size_t p,
+                 const OverlayEntry* e) {
   if (!OverlayApplies(context, e)) return false;
   const size_t length = e->dstLength;
   return length > n && std::strncmp(e->dst, path, n) == 0 && IsListingSeparator(e->dst[p - 1]);
@@ -106,8 +109,9 @@ bool ReachesInto(const ListingContext* context, const char* path, size_t n, size
 
 // The entry an overlay reaching into the directory adds: the next component
 // of its dst.
-void AddReachingEntry(ListingContext* context, OverlayDirListing* listing, size_t p, const OverlayEntry* e,
-                      int32_t index, int32_t depth, int64_t* bytes, bool* addedEntries) {
+void AddReachingEntry(ListingContext* context, OverlayDirListing* listing, size_t p,
+                      const OverlayEntry* e, int32_t index, int32_t depth, int64_t* bytes,
+                      bool* addedEntries) {
   size_t start = p;
   while (start < e->dstLength && IsListingSeparator(e->dst[start])) ++start;
   size_t end = start;
@@ -127,9 +131,9 @@ void AddReachingEntry(ListingContext* context, OverlayDirListing* listing, size_
   entry.namelen = static_cast<uint8_t>(end - start);
   entry.reclen = sizeof(NativeDirEntry);
   KEST2_TRACE(kTraceOvrly, kBuildName, "%d> filling in stat block\n", depth);
-  const int32_t stated = OverlayNativeStatFromIndex(kThisProcess, 0, context->childPath, &context->stat,
-                                                    context->scratch, index, static_cast<uint8_t>(context->minOrder),
-                                                    static_cast<uint8_t>(context->maxOrder));
+  const int32_t stated = OverlayNativeStatFromIndex(
+      kThisProcess, 0, context->childPath, &context->stat, context->scratch, index,
+      static_cast<uint8_t>(context->minOrder), static_cast<uint8_t>(context->maxOrder));
   if (stated < 0) {
     if (end == e->dstLength) {
       KEST2_TRACE(kTraceOvrly, kBuildName, "%d> unable to stat\n", depth);
@@ -141,13 +145,15 @@ void AddReachingEntry(ListingContext* context, OverlayDirListing* listing, size_
     context->stat.mode = 0x41FF;
   }
   entry.type = (context->stat.mode & kNativeModeTypeMask) == kNativeModeDirectory ? 4 : 8;
-  if (AddEntryToDirHandle(context->pool, listing, &entry, &context->stat) == ZUL_KEST_OK) *addedEntries = true;
+  if (AddEntryToDirHandle(context->pool, listing, &entry, &context->stat) == ZUL_KEST_OK)
+    *addedEntries = true;
 }
 
 // Merges a non-opaque layer: its stored entries and then its directory's
 // own entries join this listing.
-void MergeLayer(ListingContext* context, OverlayDirListing* listing, const char* layer, const OverlayEntry* e,
-                int32_t index, int32_t depth, int64_t* bytes, bool* addedEntries) {
+void MergeLayer(ListingContext* context, OverlayDirListing* listing, const char* layer,
+                const OverlayEntry* e, int32_t index, int32_t depth, int64_t* bytes,
+                bool* addedEntries) {
   OverlayDirListing* sub = nullptr;
   int64_t subBytes = 0;
   if (DHOpen(context, &sub, layer, index + 1, depth + 1, &subBytes) < 0) return;
@@ -170,8 +176,8 @@ void MergeLayer(ListingContext* context, OverlayDirListing* listing, const char*
   }
   NativeDirEntry& entry = context->entry;
   NativeStat& stat = context->stat;
-  while (DHRead(sub, &entry, &stat, context->minOrder, context->maxOrder, context->nativeState, context->chunk) ==
-         ZUL_KEST_OK) {
+  while (DHRead(sub, &entry, &stat, context->minOrder, context->maxOrder, context->nativeState,
+                context->chunk) == ZUL_KEST_OK) {
     *bytes += sizeof(OverlayDirEntry);
     if (AddEntryToDirHandle(context->pool, listing, &entry, &stat) != ZUL_KEST_OK) {
       KEST2_TRACE(kTraceOvrly, kBuildName, "%d> unable to add to DirHandle\n", depth);
@@ -186,9 +192,10 @@ void MergeLayer(ListingContext* context, OverlayDirListing* listing, const char*
 // The overlay layers of path, from overlay `first` on in table order: an
 // opaque layer onto the directory replaces path, other layers onto it are
 // merged, and overlays whose destination lies below it add the directory or
-// file they create there.  REQUIRES: an OverlayReadLocker is held.
-void AddOverlayLayers(ListingContext* context, OverlayDirListing* listing, char* path, int32_t first,
-                      int32_t depth, int64_t* bytes, bool* addedEntries) {
+// file they create there.
+void AddOverlayLayers(ListingContext* context, OverlayDirListing* listing, char* path,
+                      int32_t first, int32_t depth, int64_t* bytes, bool* addedEntries)
+    REQUIRES_SHARED(g_locks.overlay) {
   *addedEntries = false;
   char layer[kListingPathSize];
   for (int32_t i = first; i < OverlayCount(); ++i) {
@@ -211,7 +218,7 @@ void AddOverlayLayers(ListingContext* context, OverlayDirListing* listing, char*
 
 // True when path is the destination of some overlay, which makes a
 // directory that the file system lacks still openable.
-bool IsOverlayDestination(const char* path) {
+bool IsOverlayDestination(const char* path) REQUIRES_SHARED(g_locks.overlay) {
   for (int32_t i = 0; i < OverlayCount(); ++i) {
     if (std::strncmp(OverlayAt(i)->dst, path, kOverlayPathSize) == 0) return true;
   }
@@ -219,10 +226,11 @@ bool IsOverlayDestination(const char* path) {
 }
 
 // The status of an entry as the overlays present it.
-int32_t StatThroughOverlays(const char* path, NativeStat* stat, int32_t minOrder, int32_t maxOrder) {
+int32_t StatThroughOverlays(const char* path, NativeStat* stat, int32_t minOrder,
+                            int32_t maxOrder) {
   char scratch[kResolveBufferSize];
-  return OverlayNativeStatFromIndex(kThisProcess, 0, path, stat, scratch, 0, static_cast<uint8_t>(minOrder),
-                                    static_cast<uint8_t>(maxOrder));
+  return OverlayNativeStatFromIndex(kThisProcess, 0, path, stat, scratch, 0,
+                                    static_cast<uint8_t>(minOrder), static_cast<uint8_t>(maxOrder));
 }
 
 // --- Building ------------------------------------------------------------
@@ -252,7 +260,8 @@ void CountOwnEntries(ListingContext* context, const char* path, int64_t* bytes) 
 // keeps its descriptor; a directory that the file system lacks is accepted
 // only when the overlays made it.
 int32_t OpenOwnDirectory(ListingContext* context, OverlayDirListing* listing, const char* path,
-                         int32_t depth, bool overlaysAddedEntries, int64_t* bytes) {
+                         int32_t depth, bool overlaysAddedEntries, int64_t* bytes)
+    REQUIRES_SHARED(g_locks.overlay) {
   if (listing == nullptr) {
     if (depth > 0) CountOwnEntries(context, path, bytes);
     return ZUL_KEST_OK;

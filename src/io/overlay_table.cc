@@ -13,7 +13,8 @@ namespace {
 
 constexpr uint8_t kMaxType = ZUL_KEST_OVERLAY_TYPE_WRITABLE;
 constexpr uint8_t kMaxPublicOrder = 127;
-constexpr const char kNotFound[] = "Couldn't find a matching overlay ID that is visible to this process.\n";
+constexpr const char kNotFound[] =
+    "Couldn't find a matching overlay ID that is visible to this process.\n";
 
 OverlayEntry g_table[kOverlayTableSize];
 int32_t g_count;
@@ -23,12 +24,15 @@ thread_local int t_readDepth;
 
 // The write side, for table changes; before the global locks exist (no
 // library yet) the table is changed unlocked, as the other global state.
+// The lock exists only with the global lock set (before it, the host is
+// single-threaded); the locker asserts it for the analysis.
 class OverlayWriteLocker {
  public:
-  OverlayWriteLocker() : m_locked(LocksCreated()) {
+  OverlayWriteLocker() ASSERT_CAPABILITY(g_locks.overlay) NO_THREAD_SAFETY_ANALYSIS
+      : m_locked(LocksCreated()) {
     if (m_locked) RwlockWriteLock(&g_locks.overlay);
   }
-  ~OverlayWriteLocker() {
+  ~OverlayWriteLocker() NO_THREAD_SAFETY_ANALYSIS {
     if (m_locked) RwlockWriteUnlock(&g_locks.overlay);
   }
   OverlayWriteLocker(const OverlayWriteLocker&) = delete;
@@ -52,8 +56,8 @@ void TraceTable(const char* function) {
   if (!TraceEnabled(kTraceOvrly)) return;
   for (int32_t i = 0; i < g_count; ++i) {
     const OverlayEntry& e = g_table[i];
-    TraceLine(kTraceOvrly, function, "list[%d] = { pid 0x%08X, id %d, order %d, src %s, dst %s }\n", i,
-              static_cast<unsigned>(e.pid), e.id, static_cast<uint8_t>(e.order), e.src, e.dst);
+    TraceLine(kTraceOvrly, function, "list[%d] = { pid 0x%08X, id %d, order %d, src %s, dst %s }\n",
+              i, static_cast<unsigned>(e.pid), e.id, static_cast<uint8_t>(e.order), e.src, e.dst);
   }
 }
 
@@ -80,25 +84,29 @@ int32_t Normalize(const OverlayEntry* in, OverlayEntry* out) {
   return ZUL_KEST_OK;
 }
 
-// Index of the visible entry with this id, or -1.  REQUIRES: lock held.
-int32_t Find(int32_t id) {
+// Index of the visible entry with this id, or -1.
+int32_t Find(int32_t id) REQUIRES_SHARED(g_locks.overlay) {
   for (int32_t i = 0; i < g_count; ++i) {
     if (g_table[i].id == id && g_table[i].order >= 0 && g_table[i].pid == kThisProcess) return i;
   }
   return -1;
 }
 
-// Before the first entry whose order is not lower.  REQUIRES: write lock.
-void Insert(const OverlayEntry& entry) {
+// Before the first entry whose order is not lower.
+void Insert(const OverlayEntry& entry) REQUIRES(g_locks.overlay) {
   int32_t at = 0;
-  while (at < g_count && static_cast<uint8_t>(g_table[at].order) < static_cast<uint8_t>(entry.order)) ++at;
-  std::memmove(&g_table[at + 1], &g_table[at], sizeof(OverlayEntry) * static_cast<size_t>(g_count - at));
+  while (at < g_count &&
+         static_cast<uint8_t>(g_table[at].order) < static_cast<uint8_t>(entry.order))
+    ++at;
+  std::memmove(&g_table[at + 1], &g_table[at],
+               sizeof(OverlayEntry) * static_cast<size_t>(g_count - at));
   g_table[at] = entry;
   __atomic_store_n(&g_count, g_count + 1, __ATOMIC_RELEASE);
 }
 
 void RemoveAt(int32_t at) {
-  std::memmove(&g_table[at], &g_table[at + 1], sizeof(OverlayEntry) * static_cast<size_t>(g_count - at - 1));
+  std::memmove(&g_table[at], &g_table[at + 1],
+               sizeof(OverlayEntry) * static_cast<size_t>(g_count - at - 1));
   __atomic_store_n(&g_count, g_count - 1, __ATOMIC_RELEASE);
   std::memset(&g_table[g_count], 0, sizeof(OverlayEntry));
 }
@@ -108,7 +116,8 @@ bool MatchesAtBoundary(const OverlayEntry& e, const char* path) {
   if (e.dstLength == 0) return true;
   if (std::strncmp(path, e.dst, e.dstLength) != 0) return false;
   const char next = path[e.dstLength];
-  return next == 0 || next == '/' || next == '\\' || next == ':' || IsSeparator(e.dst[e.dstLength - 1]);
+  return next == 0 || next == '/' || next == '\\' || next == ':' ||
+         IsSeparator(e.dst[e.dstLength - 1]);
 }
 
 // src + the rest of path after dst, with one separator between them.
@@ -134,8 +143,8 @@ bool BuildCandidate(const OverlayEntry& e, const char* path, char* out, uint64_t
 
 // The status of candidate as resolved through the overlays from `first`
 // on: the resolver's result, or the stat's error.
-int32_t ResolveAndStat(const OverlayResolveParams& params, int32_t first, char* scratch, const char* candidate,
-                       ZulKestStat* stat) {
+int32_t ResolveAndStat(const OverlayResolveParams& params, int32_t first, char* scratch,
+                       const char* candidate, ZulKestStat* stat) {
   std::memset(stat, 0, sizeof(*stat));
   char local[kResolveBufferSize];
   std::strncpy(local, candidate, sizeof(local) - 1);
@@ -182,8 +191,9 @@ int32_t OverlayFromPublic(const ZulKestOverlay* overlay, OverlayEntry* entry) {
 int32_t OverlayAdd(int32_t target, const OverlayEntry* in, int32_t* id) {
   if (id == nullptr) return ZUL_KEST_ERROR_BAD_PTR;
   *id = 0;
-  KEST2_TRACE(kTraceOvrly, "Add", "currentProcess=0x%08x, targetProcess=0x%08x, src=%s, dst=%s\n", kThisProcess,
-              static_cast<unsigned>(target), in != nullptr ? in->src : "", in != nullptr ? in->dst : "");
+  KEST2_TRACE(kTraceOvrly, "Add", "currentProcess=0x%08x, targetProcess=0x%08x, src=%s, dst=%s\n",
+              kThisProcess, static_cast<unsigned>(target), in != nullptr ? in->src : "",
+              in != nullptr ? in->dst : "");
   if (!CheckTarget(target, "Add")) return ZUL_KEST_ERROR_ACCESS;
   if (in == nullptr) return ZUL_KEST_ERROR_BAD_PTR;
   OverlayEntry entry;
@@ -201,8 +211,8 @@ int32_t OverlayAdd(int32_t target, const OverlayEntry* in, int32_t* id) {
 }
 
 int32_t OverlayRemove(int32_t target, int32_t id) {
-  KEST2_TRACE(kTraceOvrly, "Remove", "currentProcess=0x%08x, targetProcess=0x%08x, id=%d\n", kThisProcess,
-              static_cast<unsigned>(target), id);
+  KEST2_TRACE(kTraceOvrly, "Remove", "currentProcess=0x%08x, targetProcess=0x%08x, id=%d\n",
+              kThisProcess, static_cast<unsigned>(target), id);
   if (!CheckTarget(target, "Remove")) return ZUL_KEST_ERROR_ACCESS;
   OverlayWriteLocker lock;
   const int32_t at = Find(id);
@@ -216,8 +226,8 @@ int32_t OverlayRemove(int32_t target, int32_t id) {
 }
 
 int32_t OverlayGetInfo(int32_t target, int32_t id, OverlayEntry* out) {
-  KEST2_TRACE(kTraceOvrly, "GetInfo", "currentProcess=0x%08x, targetProcess=0x%08x, id=%d\n", kThisProcess,
-              static_cast<unsigned>(target), id);
+  KEST2_TRACE(kTraceOvrly, "GetInfo", "currentProcess=0x%08x, targetProcess=0x%08x, id=%d\n",
+              kThisProcess, static_cast<unsigned>(target), id);
   if (!CheckTarget(target, "GetInfo")) return ZUL_KEST_ERROR_ACCESS;
   if (out == nullptr) return ZUL_KEST_ERROR_BAD_PTR;
   OverlayReadLocker lock;
@@ -231,8 +241,9 @@ int32_t OverlayGetInfo(int32_t target, int32_t id, OverlayEntry* out) {
 }
 
 int32_t OverlayModify(int32_t target, int32_t id, const OverlayEntry* in) {
-  KEST2_TRACE(kTraceOvrly, "Modify", "currentProcess=0x%08x, targetProcess=0x%08x, id=%d, src=%s, dst=%s\n",
-              kThisProcess, static_cast<unsigned>(target), id, in != nullptr ? in->src : "",
+  KEST2_TRACE(kTraceOvrly, "Modify",
+              "currentProcess=0x%08x, targetProcess=0x%08x, id=%d, src=%s, dst=%s\n", kThisProcess,
+              static_cast<unsigned>(target), id, in != nullptr ? in->src : "",
               in != nullptr ? in->dst : "");
   if (!CheckTarget(target, "Modify")) return ZUL_KEST_ERROR_ACCESS;
   if (in == nullptr) return ZUL_KEST_ERROR_BAD_PTR;
@@ -255,12 +266,13 @@ int32_t OverlayModify(int32_t target, int32_t id, const OverlayEntry* in) {
   return ZUL_KEST_OK;
 }
 
-int32_t OverlayGetList(int32_t target, uint8_t minOrder, uint8_t maxOrder, int32_t* ids, int32_t length,
-                       int32_t* count) {
+int32_t OverlayGetList(int32_t target, uint8_t minOrder, uint8_t maxOrder, int32_t* ids,
+                       int32_t length, int32_t* count) {
   if (!CheckTarget(target, "GetList")) return ZUL_KEST_ERROR_ACCESS;
   if (ids == nullptr && length != 0) return ZUL_KEST_ERROR_BAD_PTR;
   OverlayReadLocker lock;
-  if (ids != nullptr && length > 0) std::memset(ids, 0, sizeof(int32_t) * static_cast<size_t>(length));
+  if (ids != nullptr && length > 0)
+    std::memset(ids, 0, sizeof(int32_t) * static_cast<size_t>(length));
   int32_t found = 0;
   for (int32_t i = 0; i < g_count; ++i) {
     const OverlayEntry& e = g_table[i];
@@ -280,15 +292,16 @@ void OverlayRemoveAllForProcess(int32_t target) {
       OverlayReadLocker lock;
       for (int32_t i = 0; i < g_count && id == 0; ++i) {
         const OverlayEntry& e = g_table[i];
-        if (e.order >= 0 && e.pid == target && static_cast<uint8_t>(e.order) <= kMaxPublicOrder) id = e.id;
+        if (e.order >= 0 && e.pid == target && static_cast<uint8_t>(e.order) <= kMaxPublicOrder)
+          id = e.id;
       }
     }
     if (id == 0 || OverlayRemove(target, id) != ZUL_KEST_OK) return;
   }
 }
 
-int32_t OverlayResolveSync(int32_t target, uint32_t forWrite, const char* path, char* out, uint64_t outSize,
-                           uint8_t minOrder, uint8_t maxOrder) {
+int32_t OverlayResolveSync(int32_t target, uint32_t forWrite, const char* path, char* out,
+                           uint64_t outSize, uint8_t minOrder, uint8_t maxOrder) {
   if (path == nullptr || out == nullptr) return ZUL_KEST_ERROR_BAD_PTR;
   if (outSize > kResolveBufferSize) return ZUL_KEST_ERROR_BAD_SIZE;
   if (outSize == 0 || strnlen(path, outSize) == outSize) return ZUL_KEST_ERROR_PATH_TOO_LONG;
@@ -307,14 +320,16 @@ int32_t OverlayResolveSync(int32_t target, uint32_t forWrite, const char* path, 
   return ZUL_KEST_OK;
 }
 
-int32_t OverlayResolveFromIndex(const OverlayResolveParams& params, int32_t first, char* scratch, char* path) {
+int32_t OverlayResolveFromIndex(const OverlayResolveParams& params, int32_t first, char* scratch,
+                                char* path) {
   static const char kName[] = "ResolveSyncFromIndex";
   if (path == nullptr) return ZUL_KEST_ERROR_BAD_PTR;
   if (params.forWrite > 1) return ZUL_KEST_ERROR_BAD_ARGUMENT;
   if (params.bufferSize == 0 || strnlen(path, params.bufferSize) == params.bufferSize)
     return ZUL_KEST_ERROR_PATH_TOO_LONG;
   if (params.targetProcess != kThisProcess && params.targetProcess != kEveryProcess) {
-    KEST2_TRACE(kTraceOvrly, kName, "%s", "unprivileged process or thread resolving other process overlays.\n");
+    KEST2_TRACE(kTraceOvrly, kName, "%s",
+                "unprivileged process or thread resolving other process overlays.\n");
     return ZUL_KEST_OK;
   }
   std::memset(scratch, 0, kResolveBufferSize);
@@ -333,40 +348,46 @@ int32_t OverlayResolveFromIndex(const OverlayResolveParams& params, int32_t firs
     const OverlayEntry& e = g_table[i];
     const uint8_t order = static_cast<uint8_t>(e.order);
     if (order < params.minOrder || order > params.maxOrder) {
-      KEST2_TRACE(kTraceOvrly, kName, "REJECTED overlay[%d] (id %d, order %d): not in order range\n", i, e.id,
-                  e.order);
+      KEST2_TRACE(kTraceOvrly, kName,
+                  "REJECTED overlay[%d] (id %d, order %d): not in order range\n", i, e.id, e.order);
       continue;
     }
     if (e.pid != kEveryProcess && e.pid != params.targetProcess) {
-      KEST2_TRACE(kTraceOvrly, kName, "REJECTED overlay[%d] (id %d, order %d): pid mismatch\n", i, e.id, e.order);
+      KEST2_TRACE(kTraceOvrly, kName, "REJECTED overlay[%d] (id %d, order %d): pid mismatch\n", i,
+                  e.id, e.order);
       continue;
     }
     if (!MatchesAtBoundary(e, path)) {
-      KEST2_TRACE(kTraceOvrly, kName, "REJECTED overlay[%d] (id %d, order %d): no match (%s, %s)\n", i, e.id,
-                  e.order, e.dst, path);
+      KEST2_TRACE(kTraceOvrly, kName, "REJECTED overlay[%d] (id %d, order %d): no match (%s, %s)\n",
+                  i, e.id, e.order, e.dst, path);
       continue;
     }
     if (!BuildCandidate(e, path, scratch, params.bufferSize)) return ZUL_KEST_ERROR_PATH_TOO_LONG;
-    KEST2_TRACE(kTraceOvrly, kName, "CANDIDATE overlay[%d] (id %d, order %d): '%s' -> '%s'\n", i, e.id, e.order,
-                path, scratch);
+    KEST2_TRACE(kTraceOvrly, kName, "CANDIDATE overlay[%d] (id %d, order %d): '%s' -> '%s'\n", i,
+                e.id, e.order, path, scratch);
     uint8_t type = e.type;
     if (type == ZUL_KEST_OVERLAY_TYPE_WRITABLE)
-      type = params.forWrite == 1 ? ZUL_KEST_OVERLAY_TYPE_OPAQUE : ZUL_KEST_OVERLAY_TYPE_TRANSLUCENT;
+      type =
+          params.forWrite == 1 ? ZUL_KEST_OVERLAY_TYPE_OPAQUE : ZUL_KEST_OVERLAY_TYPE_TRANSLUCENT;
     char candidate[kResolveBufferSize];
     std::memcpy(candidate, scratch, std::strlen(scratch) + 1);
     if (type == ZUL_KEST_OVERLAY_TYPE_OPAQUE) {
-      KEST2_TRACE(kTraceOvrly, kName, "ACCEPT overlay[%d] (id %d, order %d): opaque\n", i, e.id, e.order);
+      KEST2_TRACE(kTraceOvrly, kName, "ACCEPT overlay[%d] (id %d, order %d): opaque\n", i, e.id,
+                  e.order);
       currentKnown = false;
     } else {
       KEST2_TRACE(kTraceOvrly, kName, "non-opaque calling stat on candidate path %s\n", candidate);
-      const int32_t candidateResult = ResolveAndStat(params, i + 1, scratch, candidate, &candidateStat);
+      const int32_t candidateResult =
+          ResolveAndStat(params, i + 1, scratch, candidate, &candidateStat);
       if (candidateResult < 0) {
-        KEST2_TRACE(kTraceOvrly, kName, "REJECT overlay[%d] (id %d, order %d): does not exist\n", i, e.id, e.order);
+        KEST2_TRACE(kTraceOvrly, kName, "REJECT overlay[%d] (id %d, order %d): does not exist\n", i,
+                    e.id, e.order);
         continue;
       }
       if (type == ZUL_KEST_OVERLAY_TYPE_TRANSLUCENT) {
-        KEST2_TRACE(kTraceOvrly, kName, "ACCEPT overlay[%d] (id %d, order %d): translucent and file exists\n", i,
-                    e.id, e.order);
+        KEST2_TRACE(kTraceOvrly, kName,
+                    "ACCEPT overlay[%d] (id %d, order %d): translucent and file exists\n", i, e.id,
+                    e.order);
       } else {
         if (!currentKnown || i >= currentValidUntil) {
           const int32_t currentResult = ResolveAndStat(params, i + 1, scratch, path, &current);
@@ -376,14 +397,17 @@ int32_t OverlayResolveFromIndex(const OverlayResolveParams& params, int32_t firs
         }
         if (!currentExists || current.modificationDate == 0) {
           KEST2_TRACE(kTraceOvrly, kName,
-                      "ACCEPT overlay[%d] (id %d, order %d): previous path doesn't exist, and this one does\n", i,
-                      e.id, e.order);
-        } else if (candidateStat.modificationDate <= current.modificationDate) {
-          KEST2_TRACE(kTraceOvrly, kName, "REJECT overlay[%d] (id %d, order %d): mod date is the same or older\n",
+                      "ACCEPT overlay[%d] (id %d, order %d): previous path doesn't exist, and this "
+                      "one does\n",
                       i, e.id, e.order);
+        } else if (candidateStat.modificationDate <= current.modificationDate) {
+          KEST2_TRACE(kTraceOvrly, kName,
+                      "REJECT overlay[%d] (id %d, order %d): mod date is the same or older\n", i,
+                      e.id, e.order);
           continue;
         } else {
-          KEST2_TRACE(kTraceOvrly, kName, "ACCEPT overlay[%d] (id %d, order %d): mod date is newer\n", i, e.id,
+          KEST2_TRACE(kTraceOvrly, kName,
+                      "ACCEPT overlay[%d] (id %d, order %d): mod date is newer\n", i, e.id,
                       e.order);
         }
       }
@@ -398,8 +422,9 @@ int32_t OverlayResolveFromIndex(const OverlayResolveParams& params, int32_t firs
   return firstAccepted == kOverlayTableSize ? 0 : firstAccepted + 1;
 }
 
-int32_t OverlayNativeStatFromIndex(int32_t target, uint32_t forWrite, const char* path, NativeStat* stat,
-                                   char* scratch, int32_t first, uint8_t minOrder, uint8_t maxOrder) {
+int32_t OverlayNativeStatFromIndex(int32_t target, uint32_t forWrite, const char* path,
+                                   NativeStat* stat, char* scratch, int32_t first, uint8_t minOrder,
+                                   uint8_t maxOrder) {
   std::memset(stat, 0, sizeof(*stat));
   char local[kResolveBufferSize];
   if (path == nullptr) return ZUL_KEST_ERROR_BAD_PTR;
@@ -416,7 +441,9 @@ int32_t OverlayNativeStatFromIndex(int32_t target, uint32_t forWrite, const char
 }
 
 int32_t OverlayCount() { return g_count; }
-const OverlayEntry* OverlayAt(int32_t index) { return index >= 0 && index < g_count ? &g_table[index] : nullptr; }
+const OverlayEntry* OverlayAt(int32_t index) {
+  return index >= 0 && index < g_count ? &g_table[index] : nullptr;
+}
 
 bool OverlaysInstalled() { return __atomic_load_n(&g_count, __ATOMIC_ACQUIRE) > 0; }
 

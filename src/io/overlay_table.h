@@ -17,6 +17,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/globals.h"
 #include "core/system_calls.h"
 #include "kest2.h"
 
@@ -55,7 +56,7 @@ struct OverlayResolveParams {
 // already.
 class OverlayReadLocker {
  public:
-  OverlayReadLocker();
+  OverlayReadLocker() ASSERT_SHARED_CAPABILITY(g_locks.overlay);
   ~OverlayReadLocker();
   OverlayReadLocker(const OverlayReadLocker&) = delete;
   OverlayReadLocker& operator=(const OverlayReadLocker&) = delete;
@@ -69,8 +70,8 @@ int32_t OverlayAdd(int32_t target, const OverlayEntry* entry, int32_t* id);
 int32_t OverlayRemove(int32_t target, int32_t id);
 int32_t OverlayGetInfo(int32_t target, int32_t id, OverlayEntry* out);
 int32_t OverlayModify(int32_t target, int32_t id, const OverlayEntry* entry);
-int32_t OverlayGetList(int32_t target, uint8_t minOrder, uint8_t maxOrder, int32_t* ids, int32_t length,
-                       int32_t* count);
+int32_t OverlayGetList(int32_t target, uint8_t minOrder, uint8_t maxOrder, int32_t* ids,
+                       int32_t length, int32_t* count);
 void OverlayRemoveAllForProcess(int32_t target);
 
 // The public record as an entry (type, order, both strings, pid 1).
@@ -78,20 +79,22 @@ int32_t OverlayFromPublic(const ZulKestOverlay* overlay, OverlayEntry* entry);
 
 // Resolves path through the overlays of orders minOrder..maxOrder into out
 // (outSize bytes, at most 1024).
-int32_t OverlayResolveSync(int32_t target, uint32_t forWrite, const char* path, char* out, uint64_t outSize,
-                           uint8_t minOrder, uint8_t maxOrder);
+int32_t OverlayResolveSync(int32_t target, uint32_t forWrite, const char* path, char* out,
+                           uint64_t outSize, uint8_t minOrder, uint8_t maxOrder);
 // The resolver: rewrites path (params.bufferSize bytes) in place using the
 // entries from `first` on.  0 when nothing applied, 1 + the index of the
 // first overlay that did, or an error.  scratch holds 1024 bytes.
-int32_t OverlayResolveFromIndex(const OverlayResolveParams& params, int32_t first, char* scratch, char* path);
+int32_t OverlayResolveFromIndex(const OverlayResolveParams& params, int32_t first, char* scratch,
+                                char* path);
 // The operating system's status of path as resolved from `first` on.
-int32_t OverlayNativeStatFromIndex(int32_t target, uint32_t forWrite, const char* path, NativeStat* stat,
-                                   char* scratch, int32_t first, uint8_t minOrder, uint8_t maxOrder);
+int32_t OverlayNativeStatFromIndex(int32_t target, uint32_t forWrite, const char* path,
+                                   NativeStat* stat, char* scratch, int32_t first, uint8_t minOrder,
+                                   uint8_t maxOrder);
 
 // For the overlaid listing: a snapshot-free view of the table.
-// REQUIRES: the caller holds an OverlayReadLocker.
-int32_t OverlayCount();
-const OverlayEntry* OverlayAt(int32_t index);
+// Under an OverlayReadLocker.
+int32_t OverlayCount() REQUIRES_SHARED(g_locks.overlay);
+const OverlayEntry* OverlayAt(int32_t index) REQUIRES_SHARED(g_locks.overlay);
 
 // "is any overlay installed": a cheap check before resolving.
 bool OverlaysInstalled();

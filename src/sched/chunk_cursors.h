@@ -44,8 +44,7 @@ inline bool IsParentRecord(ChunkID id) { return IsRecordOf(id, CHUNK_PARENT); }
 inline bool IsChildRecord(ChunkID id) { return IsRecordOf(id, CHUNK_CHILD); }
 
 // True when id names an allocated chunk with its live mark.
-// REQUIRES: chunk lock held.
-bool IsLiveLocked(ChunkID id);
+bool IsLiveLocked(ChunkID id) REQUIRES(g_locks.chunk);
 
 // One cell of a child list, with where it lives: `record` is the CHUNK_CHILD
 // record holding the cell (CHUNKID_INVALID for the owner's inline cells) and
@@ -62,7 +61,7 @@ struct ChildCell {
 // REQUIRES: chunk lock held for the cursor's whole life.
 class ChildCursor {
  public:
-  explicit ChildCursor(ChunkID owner) : m_owner(ChunkAt(owner)) {}
+  explicit ChildCursor(ChunkID owner) REQUIRES(g_locks.chunk) : m_owner(ChunkAt(owner)) {}
 
   bool Next(ChildCell* out) {
     for (;;) {
@@ -131,7 +130,7 @@ class ChildCursor {
 // REQUIRES: chunk lock held and no link changes while walking.
 class ParentCursor {
  public:
-  explicit ParentCursor(ChunkID child) {
+  explicit ParentCursor(ChunkID child) REQUIRES(g_locks.chunk) {
     const ChunkID first = ChunkAt(child)->parent;
     if (IsParentRecord(first)) {
       m_record = first;

@@ -14,8 +14,7 @@ void ClearSlots(ChunkID* slots, uint32_t count) {
 
 // Appends child to parent's children; false when a CHUNK_CHILD record is
 // needed and cannot be had (nothing changed then).
-// REQUIRES: chunk lock held.
-bool AddChild(ChunkID parent, ChunkID child) {
+bool AddChild(ChunkID parent, ChunkID child) REQUIRES(g_locks.chunk) {
   ChunkHeader* owner = ChunkAt(parent);
   if (owner->child0 == CHUNKID_INVALID) {
     owner->child0 = child;
@@ -54,8 +53,7 @@ bool AddChild(ChunkID parent, ChunkID child) {
 // Removes one occurrence of child from parent's children (the first, or
 // the last when lastOccurrence is set), shifting the later ones forward;
 // frees a record left with a single entry.
-// REQUIRES: chunk lock held.
-bool RemoveChild(ChunkID parent, ChunkID child, bool lastOccurrence) {
+bool RemoveChild(ChunkID parent, ChunkID child, bool lastOccurrence) REQUIRES(g_locks.chunk) {
   uint32_t skip = 0;  // matches to pass over before the one removed
   if (lastOccurrence) {
     ChildCursor counter(parent);
@@ -93,8 +91,7 @@ bool RemoveChild(ChunkID parent, ChunkID child, bool lastOccurrence) {
 
 // Appends newParent to child's parents; false when a CHUNK_PARENT record is
 // needed and cannot be had (nothing changed then).
-// REQUIRES: chunk lock held.
-bool AddParent(ChunkID child, ChunkID newParent) {
+bool AddParent(ChunkID child, ChunkID newParent) REQUIRES(g_locks.chunk) {
   ChunkHeader* owner = ChunkAt(child);
   if (owner->parent == CHUNKID_INVALID) {
     owner->parent = newParent;
@@ -138,8 +135,7 @@ bool AddParent(ChunkID child, ChunkID newParent) {
 // Removes one occurrence of parent from child's parents, shifting the later
 // slots of its record down; a record left with only slot 0 is freed and
 // its slot-0 entry takes its place.
-// REQUIRES: chunk lock held.
-bool RemoveParent(ChunkID child, ChunkID parent) {
+bool RemoveParent(ChunkID child, ChunkID parent) REQUIRES(g_locks.chunk) {
   ChunkHeader* owner = ChunkAt(child);
   if (!IsParentRecord(owner->parent)) {
     if (owner->parent != parent || parent == CHUNKID_INVALID) return false;

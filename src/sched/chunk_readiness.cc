@@ -13,8 +13,7 @@ namespace {
 
 constexpr int64_t kPieceSize = 65536;
 
-// REQUIRES: chunk lock held.
-bool AllChildrenCompletedLocked(ChunkID id) {
+bool AllChildrenCompletedLocked(ChunkID id) REQUIRES(g_locks.chunk) {
   ChildCursor cursor(id);
   for (ChunkID child = cursor.NextChild(); child != CHUNKID_INVALID; child = cursor.NextChild()) {
     if ((LoadChunkFlags(ChunkAt(child)) & kChunkCompleted) == 0) return false;
@@ -29,8 +28,7 @@ uint32_t PieceCount(int64_t reqCount) {
   return pieces > 0xFFFFFFFFll ? 0xFFFFFFFFu : static_cast<uint32_t>(pieces);
 }
 
-// REQUIRES: chunk lock held.
-void PrepareLocked(ChunkID id, int8_t priority, ZulKestTime deadline) {
+void PrepareLocked(ChunkID id, int8_t priority, ZulKestTime deadline) REQUIRES(g_locks.chunk) {
   ChunkHeader* chunk = ChunkAt(id);
   if ((LoadChunkFlags(chunk) & kChunkPrepared) != 0) return;
   chunk->priority = priority;
@@ -57,8 +55,8 @@ void PrepareLocked(ChunkID id, int8_t priority, ZulKestTime deadline) {
     PrepareLocked(child, priority, deadline);
 }
 
-// REQUIRES: chunk lock held.
-void RescheduleLocked(ChunkID id, ZulKestTime deadline, int8_t priority, ChunkID excluded) {
+void RescheduleLocked(ChunkID id, ZulKestTime deadline, int8_t priority, ChunkID excluded)
+    REQUIRES(g_locks.chunk) {
   ChunkHeader* chunk = ChunkAt(id);
   if ((LoadChunkFlags(chunk) & kChunkCompleted) == 0) {
     ZulKestTime effectiveDeadline = deadline;
@@ -78,8 +76,7 @@ void RescheduleLocked(ChunkID id, ZulKestTime deadline, int8_t priority, ChunkID
     RescheduleLocked(child, deadline, priority, excluded);
 }
 
-// REQUIRES: chunk lock held.
-void PropagateErrorLocked(ChunkID id, int32_t error, bool force) {
+void PropagateErrorLocked(ChunkID id, int32_t error, bool force) REQUIRES(g_locks.chunk) {
   ParentCursor parents(id);
   for (ChunkID parent = parents.Next(); parent != CHUNKID_INVALID; parent = parents.Next()) {
     ChunkHeader* above = ChunkAt(parent);

@@ -26,7 +26,9 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/globals.h"
 #include "core/pool.h"
+#include "core/thread_annotations.h"
 #include "sched/chunk.h"
 
 namespace kest2 {
@@ -163,10 +165,12 @@ void PropagateChunkError(ChunkID id, int32_t error, bool force);
 // "chunk 12:{ type:CHUNK_FH_READ, ... }".
 char* DumpChunk(ChunkID id, char* buffer, size_t size);
 
-// Scoped hold of the chunk lock.
+// Scoped hold of the chunk lock.  The lock is recursive, so the locker
+// asserts it for the analysis rather than acquiring it (see
+// core/thread_annotations.h).
 class ChunkLocker {
  public:
-  ChunkLocker();
+  ChunkLocker() ASSERT_CAPABILITY(g_locks.chunk);
   ~ChunkLocker();
   ChunkLocker(const ChunkLocker&) = delete;
   ChunkLocker& operator=(const ChunkLocker&) = delete;

@@ -27,8 +27,8 @@ constexpr ZulKestTime kDefaultDeadlineDelay = 300000000000LL;  // 300 s
 
 uint16_t LoadFlags(ChunkID id) { return LoadChunkFlags(ChunkAt(id)); }
 
-// Sets or clears flag bits; REQUIRES: chunk lock held.
-void ChangeFlags(ChunkID id, uint16_t set, uint16_t clear) {
+// Sets or clears flag bits.
+void ChangeFlags(ChunkID id, uint16_t set, uint16_t clear) REQUIRES(g_locks.chunk) {
   ChunkHeader* chunk = ChunkAt(id);
   StoreChunkFlags(chunk, static_cast<uint16_t>((LoadChunkFlags(chunk) | set) & ~clear));
 }

@@ -10,8 +10,9 @@
 // seek costs between media positions) and choosing the place with the
 // fewest missed deadlines, then the earliest finish.
 //
-// Thread-safety: every field below the mutex is guarded by it.  Lock order:
-// scheduler mutex, then chunk lock; no thread holds two scheduler mutexes.
+// Thread-safety: the fields marked GUARDED_BY are the mutex's; the rest are
+// set before the threads start or changed atomically.  Lock order: see
+// GlobalLocks (core/globals.h).
 #ifndef KEST2_SRC_SCHED_SCHEDULER_H_
 #define KEST2_SRC_SCHED_SCHEDULER_H_
 
