@@ -118,7 +118,7 @@ bool MatchChunkToCache(const CacheHeader* cache, ChunkID id) REQUIRES_SHARED(g_c
 // name), the operation's handle or path for a root.
 const StoredPath* CachePathOfChunk(ChunkID id);
 
-// --- Block table (REQUIRES: the cache lock; see each) ---------------------
+// --- Block table (the cache lock: each says how) -------------------------
 
 // The first valid or busy block at blockOffset (of the file with digest, or
 // of any file when digest is null); its access date becomes now.  -1: none.
