@@ -356,9 +356,11 @@ TEST_F(EngineTest, ManyThreadsIssuingAtOnceAllGetTheirBytes) {
         const int64_t got = zulKestOpSyncWaitForIO(zulKestFileRead(
             &attr, paths[file].c_str(), buffer.data(), static_cast<int64_t>(buffer.size()), offset));
         const std::vector<uint8_t> expected = Pattern(kSize, 10 + file);
-        if (got != static_cast<int64_t>(buffer.size()) ||
-            std::memcmp(buffer.data(), expected.data() + offset, buffer.size()) != 0) {
+        const bool whole = got == static_cast<int64_t>(buffer.size());
+        if (!whole || std::memcmp(buffer.data(), expected.data() + offset, buffer.size()) != 0) {
           ++mismatches;
+          ADD_FAILURE() << "thread " << t << " read " << r << " of file " << file << " at "
+                        << offset << ": " << (whole ? "wrong bytes" : "result ") << (whole ? 0 : got);
         }
       }
     });
