@@ -161,12 +161,12 @@ struct Offer {
   ArchiveTracker* tracker;
   const uint8_t* entry;
 
-  FindResult LookUpPath() REQUIRES(DearchiverMutex()) {
+  FindResult FindByPath() REQUIRES(DearchiverMutex()) {
     const char* path = ChunkPathText(id);
     if (path == nullptr || ArchiveList(context) == nullptr) return FINDRESULT_NOT_OURS;
     return LookupPath(context, path, &tracker, &entry);
   }
-  bool LookUpFile() REQUIRES(DearchiverMutex()) {
+  bool FindByHandle() REQUIRES(DearchiverMutex()) {
     return LookupFH(context, handle, &tracker, &entry);
   }
   bool HandleIsOurs() REQUIRES(DearchiverMutex()) {
@@ -200,7 +200,7 @@ bool NotAFile(Offer& offer, FindResult found, Outcome* refusal) {
 
 Outcome OpenFile(Offer& offer) REQUIRES(DearchiverMutex()) {
   Outcome refusal;
-  if (NotAFile(offer, offer.LookUpPath(), &refusal)) return refusal;
+  if (NotAFile(offer, offer.FindByPath(), &refusal)) return refusal;
   FileHandle* file = Lookup<FileHandle>(kFhTable, offer.handle);
   if (file == nullptr) return offer.Answer(ZUL_KEST_ERROR_BAD_FH);
   KEST2_TRACE(kTraceZorba, "Open", "\"%s\" owns %s", offer.tracker->mountPoint,
@@ -216,7 +216,7 @@ Outcome OpenFile(Offer& offer) REQUIRES(DearchiverMutex()) {
 
 // A read becomes block reads and inflating.
 Outcome ReadFile(Offer& offer) REQUIRES(DearchiverMutex()) {
-  if (!offer.LookUpFile()) return Outcome::kDown;
+  if (!offer.FindByHandle()) return Outcome::kDown;
   const FileHandle* file = Lookup<FileHandle>(kFhTable, offer.handle);
   KEST2_TRACE(kTraceZorba, "FilterChunk", "reading from archive \"%s\" for %s",
               offer.tracker->mountPoint, GetPath(&file->path));
@@ -256,7 +256,7 @@ Outcome CloseFile(Offer& offer) REQUIRES(DearchiverMutex()) {
 
 // With loose files the native directory of the same path is opened too.
 Outcome OpenDir(Offer& offer) REQUIRES(DearchiverMutex()) {
-  const FindResult found = offer.LookUpPath();
+  const FindResult found = offer.FindByPath();
   if (found == FINDRESULT_FILE) return offer.Answer(ZUL_KEST_ERROR_NOT_A_DIRECTORY);
   if (found == FINDRESULT_MISSING && !offer.loose) return offer.Answer(ZUL_KEST_ERROR_BAD_PATH);
   if (found == FINDRESULT_NOT_OURS) return Outcome::kDown;
@@ -303,7 +303,7 @@ Outcome CloseDir(Offer& offer) {
 }
 
 Outcome AnswerExists(Offer& offer) REQUIRES(DearchiverMutex()) {
-  const FindResult found = offer.LookUpPath();
+  const FindResult found = offer.FindByPath();
   if (found == FINDRESULT_NOT_OURS || (found == FINDRESULT_MISSING && offer.loose))
     return Outcome::kDown;
   const bool exists = offer.type == CHUNK_DIR_EXISTS    ? found == FINDRESULT_DIR
@@ -315,7 +315,7 @@ Outcome AnswerExists(Offer& offer) REQUIRES(DearchiverMutex()) {
 
 Outcome AnswerFileSize(Offer& offer) REQUIRES(DearchiverMutex()) {
   Outcome refusal;
-  if (NotAFile(offer, offer.LookUpPath(), &refusal)) return refusal;
+  if (NotAFile(offer, offer.FindByPath(), &refusal)) return refusal;
   auto* size = static_cast<int64_t*>(ChunkRecord<ChunkPathResultRecord>(offer.id)->result);
   if (size != nullptr) *size = static_cast<int64_t>(GetEntrySize(offer.entry));
   return offer.Answer(ZUL_KEST_OK);
@@ -326,9 +326,9 @@ Outcome AnswerStat(Offer& offer) REQUIRES(DearchiverMutex()) {
   ChunkStatRecord* stat = ChunkRecord<ChunkStatRecord>(offer.id);
   if (stat->h != 0) {
     offer.handle = stat->h;
-    if (!offer.LookUpFile()) return Outcome::kDown;
+    if (!offer.FindByHandle()) return Outcome::kDown;
   } else {
-    const FindResult found = offer.LookUpPath();
+    const FindResult found = offer.FindByPath();
     if (found == FINDRESULT_MISSING && !offer.loose) return offer.Answer(ZUL_KEST_ERROR_BAD_PATH);
     if (found != FINDRESULT_FILE && found != FINDRESULT_DIR) return Outcome::kDown;
   }
@@ -338,7 +338,7 @@ Outcome AnswerStat(Offer& offer) REQUIRES(DearchiverMutex()) {
 
 Outcome RefuseTruncate(Offer& offer) REQUIRES(DearchiverMutex()) {
   if (offer.handle != 0 && offer.HandleIsOurs()) return offer.Answer(ZUL_KEST_ERROR_READ_ONLY);
-  const FindResult found = offer.LookUpPath();
+  const FindResult found = offer.FindByPath();
   if (found == FINDRESULT_DIR) return offer.Answer(ZUL_KEST_ERROR_NOT_A_FILE);
   if (found == FINDRESULT_FILE) return offer.Answer(ZUL_KEST_ERROR_READ_ONLY);
   if (found == FINDRESULT_MISSING && !offer.loose) return offer.Answer(ZUL_KEST_ERROR_BAD_PATH);
@@ -347,7 +347,7 @@ Outcome RefuseTruncate(Offer& offer) REQUIRES(DearchiverMutex()) {
 
 // Path changes (create, delete, rename): archives are read-only.
 Outcome RefuseChange(Offer& offer) REQUIRES(DearchiverMutex()) {
-  switch (offer.LookUpPath()) {
+  switch (offer.FindByPath()) {
     case FINDRESULT_NOT_OURS:
       return Outcome::kDown;
     case FINDRESULT_MISSING:
