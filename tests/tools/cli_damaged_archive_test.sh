@@ -48,7 +48,7 @@ judge() {
     problem='sanitizer report'
   elif [ "$code" -gt 1 ]; then
     problem="exit $code"
-  elif [ "$code" -eq 1 ] && ! [[ $text =~ (^|$'\n')kest2\ $command:\ [^\ ].*:\ ZUL_KEST_ERROR_[A-Z_]+ ]]; then
+  elif [ "$code" -eq 1 ] && ! [[ $text =~ (^|$'\n')kest2\ $command:\ [^\ ].*:\ [a-z].*\ \(ZUL_KEST_ERROR_[A-Z_]+\) ]]; then
     problem='exit 1 without an error line'
   elif [ "$code" -eq 0 ] && [ "$must_fail" = yes ]; then
     problem='exit 0'

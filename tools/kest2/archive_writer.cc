@@ -497,6 +497,9 @@ bool Packer::WriteData(std::string* error) {
   const size_t threads = std::min<size_t>(std::max(1u, m_options.jobs), m_pieces.size());
   for (size_t t = 0; t < threads; ++t) workers.emplace_back(work);
 
+  PackProgress progress;
+  for (size_t s = 1; s < m_sources.size(); ++s) progress.totalBytes += m_sources[s].size;
+  progress.totalFiles = m_sources.size() - 1;
   bool ok = true;
   for (size_t i = 0; ok && i < m_pieces.size(); ++i) {
     PieceOutput output;
@@ -510,6 +513,14 @@ bool Packer::WriteData(std::string* error) {
       ok = false;
     } else {
       ok = Place(m_pieces[i], output, error);
+    }
+    const Piece& piece = m_pieces[i];
+    if (ok && piece.source != 0 && m_options.progress) {
+      const uint64_t begin = piece.firstBlock * m_options.blockSize;
+      const uint64_t end = (piece.firstBlock + piece.blockCount) * m_options.blockSize;
+      progress.bytes += std::min(end, m_sources[piece.source].size) - begin;
+      progress.files += piece.last ? 1 : 0;
+      m_options.progress(progress);
     }
     {
       std::lock_guard<std::mutex> lock(mutex);

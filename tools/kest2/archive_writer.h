@@ -20,6 +20,7 @@
 #define KEST2_TOOLS_KEST2_ARCHIVE_WRITER_H_
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 namespace kest2_cli {
@@ -28,6 +29,15 @@ constexpr uint32_t kDefaultPackBlockSize = 65536;
 // Pieces of up to a block are held in memory per thread; this keeps that
 // bounded while still allowing four-byte rows.
 constexpr uint32_t kMaxPackBlockSize = 64u << 20;
+
+// Input packed so far, reported after each piece is written; the manifest
+// is not counted.
+struct PackProgress {
+  uint64_t bytes = 0;
+  uint64_t totalBytes = 0;
+  uint64_t files = 0;
+  uint64_t totalFiles = 0;
+};
 
 struct PackOptions {
   uint32_t blockSize = kDefaultPackBlockSize;  // 256 to kMaxPackBlockSize
@@ -38,6 +48,7 @@ struct PackOptions {
   bool unsorted = false;                       // TOC in file order, sorted flag clear
   bool storeIncompressible = false;            // no rows for files that do not compress
   unsigned jobs = 1;                           // compression threads, at least 1
+  std::function<void(const PackProgress&)> progress;  // on the calling thread; may be empty
 };
 
 struct PackSummary {

@@ -11,18 +11,15 @@
 #include "kest2.h"
 #include "kest2/archive_session.h"
 #include "kest2/demo_command.h"
+#include "kest2/error_words.h"
 #include "kest2/library_session.h"
 #include "kest2/pack_command.h"
+#include "kest2/progress.h"
 
 namespace kest2_cli {
 namespace {
 
 constexpr int64_t kTransferSize = 1 << 20;
-
-int Fail(const char* command, const std::string& path, int64_t code) {
-  std::fprintf(stderr, "kest2 %s: %s: %s\n", command, path.c_str(), ErrorName(code).c_str());
-  return 1;
-}
 
 // Streams a file to standard output: two reads stay in flight so that the
 // library reads the next piece while this one is written out.
@@ -216,21 +213,22 @@ class TemporaryCopy {
 };
 
 // The library reports a write the file system has no room for (ENOSPC,
-// EDQUOT, EFBIG) as ZUL_KEST_ERROR_BAD_SIZE; the line says so in words.  A
-// write that moves fewer bytes than asked without an error is reported as
-// the same shortage.
+// EDQUOT, EFBIG) as ZUL_KEST_ERROR_BAD_SIZE; for a write that can only mean
+// the space ran out, and the line says so.  A write that moves fewer bytes
+// than asked without an error is reported as the same shortage.
 int FailWrite(const std::string& target, int64_t code, int64_t written, int64_t total) {
+  const std::string name = ErrorName(ZUL_KEST_ERROR_BAD_SIZE);
   if (code >= 0) {
-    std::fprintf(stderr, "kest2 cp: %s: %s: out of space after %lld of %lld bytes\n",
-                 target.c_str(), ErrorName(ZUL_KEST_ERROR_BAD_SIZE).c_str(),
-                 static_cast<long long>(written), static_cast<long long>(total));
+    std::fprintf(stderr, "kest2 cp: %s: out of space after %lld of %lld bytes (%s)\n",
+                 target.c_str(), static_cast<long long>(written), static_cast<long long>(total),
+                 name.c_str());
     return 1;
   }
   if (code == ZUL_KEST_ERROR_BAD_SIZE) {
     std::fprintf(stderr,
-                 "kest2 cp: %s: %s: out of space (file system full, over quota or past the "
-                 "file size limit)\n",
-                 target.c_str(), ErrorName(code).c_str());
+                 "kest2 cp: %s: out of space (file system full, over quota or past the file "
+                 "size limit) (%s)\n",
+                 target.c_str(), name.c_str());
     return 1;
   }
   return Fail("cp", target, code);
@@ -257,6 +255,7 @@ int Cp(const Arguments& arguments) {
       status = Fail("cp", target, result);
     } else {
       std::vector<char> buffer(kTransferSize);
+      Progress progress("cp", static_cast<uint64_t>(st.fileSize), 0);
       for (int64_t offset = 0;;) {
         const int64_t got = zulKestFHPreadSync(nullptr, in, buffer.data(), kTransferSize, offset);
         if (got < 0) {
@@ -270,11 +269,13 @@ int Cp(const Arguments& arguments) {
           break;
         }
         offset += got;
+        progress.Add(static_cast<uint64_t>(got));
       }
       if (status == 0) {
         result = out.Commit();
         if (result != ZUL_KEST_OK) status = FailWrite(target, result, 0, st.fileSize);
       }
+      if (status == 0) progress.Finish();
     }
   }
   zulKestFHCloseSync(nullptr, in);

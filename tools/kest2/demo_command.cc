@@ -30,6 +30,7 @@
 #include "kest2.h"
 #include "kest2/archive_session.h"
 #include "kest2/archive_writer.h"
+#include "kest2/error_words.h"
 #include "kest2/library_session.h"
 
 namespace kest2_cli {
@@ -321,7 +322,7 @@ int RunDemo(const fs::path& root, size_t count, bool progress) {
   int32_t overlayId = 0;
   if (result == ZUL_KEST_OK) result = zulKestOverlayAdd(&overlay, &overlayId);
   if (result != ZUL_KEST_OK) {
-    std::fprintf(stderr, "kest2 demo: setting up: %s\n", ErrorName(result).c_str());
+    std::fprintf(stderr, "kest2 demo: setting up: %s\n", DescribeError(result).c_str());
     zulKestIOFilterRemove(0);
     return 1;
   }
@@ -335,7 +336,7 @@ int RunDemo(const fs::path& root, size_t count, bool progress) {
     const std::string path = (mount / files[i].relative).string();
     result = zulKestFHOpenSync(nullptr, &handles[i], path.c_str(), nullptr);
     if (result != ZUL_KEST_OK) {
-      std::fprintf(stderr, "kest2 demo: %s: %s\n", path.c_str(), ErrorName(result).c_str());
+      std::fprintf(stderr, "kest2 demo: %s: %s\n", path.c_str(), DescribeError(result).c_str());
       status = 1;
     }
   }

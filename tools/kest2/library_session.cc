@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "kest2/error_words.h"
+
 namespace kest2_cli {
 namespace {
 
@@ -42,7 +44,7 @@ LibrarySession::LibrarySession(const SessionOptions& options)
     }
     if (m_status != ZUL_KEST_OK) {
       std::fprintf(stderr, "kest2: --overlay %s=%s: %s\n", option.lower.c_str(), option.upper.c_str(),
-                   ErrorName(m_status).c_str());
+                   DescribeError(m_status).c_str());
       zulKestTerminate();
     }
   }
@@ -81,11 +83,6 @@ bool ParseOverlayOption(const std::string& text, OverlayOption* overlay) {
     overlay->upper.resize(colon);
   }
   return !overlay->upper.empty();
-}
-
-std::string ErrorName(int64_t code) {
-  char name[64];
-  return zulKestDebugDumpError(static_cast<int32_t>(code), name, sizeof(name));
 }
 
 }  // namespace kest2_cli

@@ -49,9 +49,6 @@ class LibrarySession {
   int32_t m_status;
 };
 
-// "ZUL_KEST_ERROR_BAD_PATH" for a result code.
-std::string ErrorName(int64_t code);
-
 }  // namespace kest2_cli
 
 #endif  // KEST2_TOOLS_KEST2_LIBRARY_SESSION_H_

@@ -14,7 +14,9 @@
 
 #include "kest2.h"
 #include "kest2/commands.h"
+#include "kest2/error_words.h"
 #include "kest2/library_session.h"
+#include "kest2/progress.h"
 
 namespace {
 
@@ -63,6 +65,10 @@ void PrintUsage(FILE* out) {
                "                     newer (UPPER wins where its file is newer) or writable\n"
                "                     (opaque for writes, translucent for reads).  Repeatable;\n"
                "                     later overlays apply on top of earlier ones.\n"
+               "  --progress         show the progress of pack, unpack, verify and cp on\n"
+               "                     standard error even when it is not a terminal\n"
+               "  --no-progress      never show progress (default: shown on a terminal when\n"
+               "                     the work takes more than a second)\n"
                "  --version          print the library version\n"
                "  -h, --help         show this help; 'kest2 COMMAND --help' for one command\n"
                "\n"
@@ -100,6 +106,14 @@ bool ParseTrace(const std::string& text, uint32_t* flags) {
   return true;
 }
 
+// --progress and --no-progress: true when `option` was one of them.
+bool TakeProgressOption(const std::string& option) {
+  if (option != "--progress" && option != "--no-progress") return false;
+  kest2_cli::SetProgressMode(option == "--progress" ? kest2_cli::ProgressMode::kAlways
+                                                    : kest2_cli::ProgressMode::kNever);
+  return true;
+}
+
 int UsageError(const char* message, const std::string& detail) {
   std::fprintf(stderr, "kest2: %s%s\nTry 'kest2 --help'.\n", message, detail.c_str());
   return kUsageError;
@@ -118,6 +132,7 @@ int main(int argc, char** argv) {
     } else if (option == "--version") {
       std::printf("kest2 %s\n", KEST2_VERSION_STRING);
       return 0;
+    } else if (TakeProgressOption(option)) {
     } else if (option == "--stats") {
       options.printStatistics = true;
     } else if (option == "--overlay") {
@@ -157,12 +172,17 @@ int main(int argc, char** argv) {
   }
   const Command* command = kest2_cli::FindCommand(name);
   if (command == nullptr) return UsageError("unknown command ", name);
-  Arguments arguments(argv + i, argv + argc);
-  for (const std::string& argument : arguments) {
-    if (argument == "-h" || argument == "--help") {
+  // --progress and --no-progress may also follow the command they are for.
+  Arguments arguments;
+  bool optionsEnded = false;
+  for (int k = i; k < argc; ++k) {
+    const std::string argument = argv[k];
+    optionsEnded = optionsEnded || argument == "--";
+    if (!optionsEnded && (argument == "-h" || argument == "--help")) {
       PrintCommandHelp(*command);
       return 0;
     }
+    if (optionsEnded || !TakeProgressOption(argument)) arguments.push_back(argument);
   }
   if (arguments.size() < command->minArguments || arguments.size() > command->maxArguments) {
     std::fprintf(stderr, "Usage: kest2 [OPTIONS] %s %s\n", command->name, command->usage);
@@ -172,7 +192,7 @@ int main(int argc, char** argv) {
   kest2_cli::LibrarySession session(options);
   if (session.status() != ZUL_KEST_OK) {
     std::fprintf(stderr, "kest2: the library did not start: %s\n",
-                 kest2_cli::ErrorName(session.status()).c_str());
+                 kest2_cli::DescribeError(session.status()).c_str());
     return kUsageError;
   }
   return command->run(arguments);

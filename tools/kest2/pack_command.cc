@@ -6,11 +6,13 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "kest2/archive_writer.h"
+#include "kest2/progress.h"
 
 namespace kest2_cli {
 
@@ -120,12 +122,21 @@ int Pack(const Arguments& arguments) {
   }
   if (operands.size() != 2) return PackUsageError("expects DIR and ARCHIVE");
 
+  std::unique_ptr<Progress> shown;
+  uint64_t bytesShown = 0, filesShown = 0;
+  options.progress = [&](const PackProgress& done) {
+    if (!shown) shown.reset(new Progress("pack", done.totalBytes, done.totalFiles));
+    shown->Add(done.bytes - bytesShown, done.files - filesShown);
+    bytesShown = done.bytes;
+    filesShown = done.files;
+  };
   PackSummary summary;
   std::string error;
   if (!PackDirectory(operands[0], operands[1], options, &summary, &error)) {
     std::fprintf(stderr, "kest2 pack: %s\n", error.c_str());
     return 1;
   }
+  if (shown) shown->Finish();
   std::printf("%s: %llu files, %llu bytes packed into %llu bytes\n", operands[1].c_str(),
               static_cast<unsigned long long>(summary.files),
               static_cast<unsigned long long>(summary.inputBytes),
