@@ -1,4 +1,4 @@
-#include "fifo_pool.h"
+#include "read_pool.h"
 
 #include <pthread.h>
 #include <unistd.h>
@@ -7,11 +7,11 @@
 
 namespace kest2_bench {
 
-FifoPool::FifoPool(int threads) {
+ReadPool::ReadPool(int threads, QueueOrder order) : m_order(order) {
   for (int i = 0; i < threads; ++i) m_threads.emplace_back([this] { Worker(); });
 }
 
-FifoPool::~FifoPool() {
+ReadPool::~ReadPool() {
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_stopping = true;
@@ -20,27 +20,28 @@ FifoPool::~FifoPool() {
   for (std::thread& thread : m_threads) thread.join();
 }
 
-void FifoPool::Submit(const FifoRead& read) {
+void ReadPool::Submit(const PoolRead& read) {
   {
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_queue.push_back(read);
+    const ZulKestTime key = m_order == QueueOrder::kDeadline ? read.deadline : 0;
+    m_queue.push(Queued{key, m_arrivals++, read});
   }
   m_work.notify_one();
 }
 
-void FifoPool::Drain() {
+void ReadPool::Drain() {
   std::unique_lock<std::mutex> lock(m_mutex);
   m_idle.wait(lock, [this] { return m_queue.empty() && m_running == 0; });
 }
 
-void FifoPool::Worker() {
-  pthread_setname_np(pthread_self(), "FifoIO");
+void ReadPool::Worker() {
+  pthread_setname_np(pthread_self(), m_order == QueueOrder::kDeadline ? "EdfIO" : "FifoIO");
   std::unique_lock<std::mutex> lock(m_mutex);
   for (;;) {
     m_work.wait(lock, [this] { return m_stopping || !m_queue.empty(); });
     if (m_queue.empty()) return;  // stopping, nothing left
-    const FifoRead read = m_queue.front();
-    m_queue.pop_front();
+    const PoolRead read = m_queue.top().read;
+    m_queue.pop();
     ++m_running;
     lock.unlock();
     int64_t got;
