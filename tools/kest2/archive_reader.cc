@@ -140,7 +140,14 @@ bool ArchiveReader::Open(const std::string& path, ReadProblem* problem) {
     return Damaged("the header does not describe an archive of this size", problem);
   }
   m_toc.resize(h.tocLength);
-  return ReadAt(h.tocOffset, h.tocLength, m_toc.data(), "the TOC region", problem);
+  if (!ReadAt(h.tocOffset, h.tocLength, m_toc.data(), "the TOC region", problem)) return false;
+  const int64_t manifest = FindManifest();
+  for (uint32_t i = 0; i < entryCount(); ++i) {
+    std::array<uint8_t, kest2::kMd5DigestSize> digest;
+    std::memcpy(digest.data(), Entry(i), digest.size());
+    if (i != manifest) m_byDigest.emplace(digest, i);
+  }
+  return true;
 }
 
 const uint8_t* ArchiveReader::Entry(uint32_t i) const {
@@ -168,6 +175,13 @@ void ArchiveReader::NameDigest(const std::string& name,
     }
   }
   kest2::PathDigest(keyed.data(), keyed.size(), digest);
+}
+
+int64_t ArchiveReader::FindByName(const std::string& name) const {
+  std::array<uint8_t, kest2::kMd5DigestSize> digest;
+  NameDigest(name, digest.data());
+  const auto found = m_byDigest.find(digest);
+  return found == m_byDigest.end() ? -1 : int64_t{found->second};
 }
 
 bool ArchiveReader::CheckEntry(uint32_t i, const std::string& label, ReadProblem* problem) const {
@@ -284,13 +298,13 @@ bool ArchiveReader::ReadBlock(const StoredBlock& block, const std::string& label
 }
 
 bool ArchiveReader::ReadEntry(uint32_t i, const std::string& label,
-                              const std::function<bool(const uint8_t*, size_t, ReadProblem*)>& sink,
+                              const std::function<bool(const uint8_t*, size_t)>& sink,
                               ReadProblem* problem) {
   if (!CheckEntry(i, label, problem)) return false;
   std::vector<uint8_t> bytes;
   bool ok = true;
   ForEachBlock(i, [&](const StoredBlock& block) {
-    ok = ReadBlock(block, label, &bytes, problem) && sink(bytes.data(), bytes.size(), problem);
+    ok = ReadBlock(block, label, &bytes, problem) && sink(bytes.data(), bytes.size());
     return ok;
   });
   return ok;
@@ -312,7 +326,7 @@ bool ArchiveReader::ReadManifest(std::vector<std::string>* names, ReadProblem* p
   text.reserve(static_cast<size_t>(size));
   const bool read = ReadEntry(
       index, "the manifest",
-      [&](const uint8_t* bytes, size_t length, ReadProblem*) {
+      [&](const uint8_t* bytes, size_t length) {
         text.append(reinterpret_cast<const char*>(bytes), length);
         return true;
       },

@@ -17,8 +17,10 @@
 
 #include <zlib.h>
 
+#include <array>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -59,8 +61,10 @@ class ArchiveReader {
   uint64_t EntryOffset(uint32_t i) const;
   // The index of the entry with the zero digest, or -1.
   int64_t FindManifest() const;
-  // The digest the archive keys `name` by (every byte of it, a NUL too).
-  void NameDigest(const std::string& name, uint8_t digest[kest2::kMd5DigestSize]) const;
+  // The entry (not the manifest) keyed by the digest of `name` as the
+  // archive hashes names (every byte, a NUL too); the first of several; -1
+  // when there is none.
+  int64_t FindByName(const std::string& name) const;
 
   // Checks that the entry's rows lie inside the block-size table and its
   // blocks inside the file.  `label` names the entry in the words.
@@ -72,16 +76,17 @@ class ArchiveReader {
   // block.length bytes.
   bool ReadBlock(const StoredBlock& block, const std::string& label, std::vector<uint8_t>* out,
                  ReadProblem* problem);
-  // CheckEntry, then every block, handed to `sink` in order.
+  // CheckEntry, then every block, handed to `sink` in order; a sink that
+  // returns false stops the read (and *problem is left as it was).
   bool ReadEntry(uint32_t i, const std::string& label,
-                 const std::function<bool(const uint8_t*, size_t, ReadProblem*)>& sink,
-                 ReadProblem* problem);
+                 const std::function<bool(const uint8_t*, size_t)>& sink, ReadProblem* problem);
   // The manifest's names in order; names[k] is name k + 1.  Every newline
   // ends a name, so an empty line gives an empty name; text after the last
   // newline is a name too.
   bool ReadManifest(std::vector<std::string>* names, ReadProblem* problem);
 
  private:
+  void NameDigest(const std::string& name, uint8_t digest[kest2::kMd5DigestSize]) const;
   bool ReadAt(uint64_t offset, size_t length, uint8_t* out, const std::string& what,
               ReadProblem* problem);
 
@@ -90,6 +95,7 @@ class ArchiveReader {
   uint64_t m_fileSize = 0;
   kest2::ZorbaHeader m_header{};
   std::vector<uint8_t> m_toc;
+  std::map<std::array<uint8_t, kest2::kMd5DigestSize>, uint32_t> m_byDigest;
   std::vector<uint8_t> m_stored;  // a compressed block as read
   z_stream m_inflater{};
   bool m_inflaterReady = false;

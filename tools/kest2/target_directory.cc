@@ -78,6 +78,10 @@ bool TargetDirectory::Open(const std::string& path, std::string* error) {
 
 bool TargetDirectory::Create(const std::vector<std::string>& components, bool replace,
                              NewFile* file, std::string* error) {
+  if (components.empty()) {
+    *error = m_path + ": no file name";
+    return false;
+  }
   int level = ::dup(m_fd);
   if (level < 0) {
     *error = m_path + ": " + std::strerror(errno);

@@ -5,11 +5,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -46,8 +44,6 @@ const char kUnpackHelp[] =
 namespace {
 
 constexpr int64_t kTransferSize = 1 << 20;
-
-using Digest = std::array<uint8_t, kest2::kMd5DigestSize>;
 
 int UnpackUsage(const std::string& message) {
   std::fprintf(stderr, "kest2 unpack: %s\nTry 'kest2 unpack --help'.\n", message.c_str());
@@ -128,13 +124,6 @@ int Unpacker::Run() {
   }
   m_absolute = (m_reader.header().archiveFlags & kest2::ZORBA_FLAG_ABSOLUTE_PATHS) != 0;
 
-  std::map<Digest, uint32_t> entries;
-  const int64_t manifest = m_reader.FindManifest();
-  for (uint32_t i = 0; i < m_reader.entryCount(); ++i) {
-    Digest digest;
-    std::memcpy(digest.data(), m_reader.Entry(i), digest.size());
-    if (i != manifest) entries.emplace(digest, i);
-  }
   // Every name is judged before anything is written, so that --strict
   // writes nothing at all.
   std::vector<Planned> plan;
@@ -149,11 +138,8 @@ int Unpacker::Run() {
       if (m_strict) break;
       continue;
     }
-    Digest digest;
-    m_reader.NameDigest(m_names[i], digest.data());
-    const auto found = entries.find(digest);
-    const int64_t entry = found == entries.end() ? int64_t{-1} : int64_t{found->second};
-    if (entry >= 0) totalBytes += kest2::GetEntrySize(m_reader.Entry(found->second));
+    const int64_t entry = m_reader.FindByName(m_names[i]);
+    if (entry >= 0) totalBytes += kest2::GetEntrySize(m_reader.Entry(static_cast<uint32_t>(entry)));
     plan.push_back(Planned{i, std::move(checked.components), entry});
   }
   if (m_strict && refused > 0) {
@@ -287,7 +273,7 @@ bool Unpacker::CopyThroughReader(const std::string& name, uint32_t entry, int fd
   ReadProblem problem;
   const bool read = m_reader.ReadEntry(
       entry, EscapeName(name),
-      [&](const uint8_t* bytes, size_t length, ReadProblem*) {
+      [&](const uint8_t* bytes, size_t length) {
         if (!WriteAll(fd, bytes, length, &writeError)) return false;
         m_progress->Add(length);
         return true;

@@ -131,12 +131,6 @@ int Verifier::Run() {
 
 void Verifier::CheckNames(const std::vector<std::string>& names) {
   const bool absolute = (m_reader.header().archiveFlags & kest2::ZORBA_FLAG_ABSOLUTE_PATHS) != 0;
-  std::map<Digest, uint32_t> entries;
-  for (uint32_t i = 0; i < m_reader.entryCount(); ++i) {
-    Digest digest;
-    std::memcpy(digest.data(), m_reader.Entry(i), digest.size());
-    if (i != m_manifest) entries.emplace(digest, i);
-  }
   std::vector<int64_t> namedBy(m_reader.entryCount(), -1);
   if (names.empty()) Damage("the manifest names no file");
   for (size_t p = 0; p < names.size(); ++p) {
@@ -150,14 +144,12 @@ void Verifier::CheckNames(const std::vector<std::string>& names) {
       // found by it.
       Damage(shown + " does not begin with '/', and the header says the names do");
     }
-    Digest digest;
-    m_reader.NameDigest(names[p], digest.data());
-    const auto found = entries.find(digest);
-    if (found == entries.end()) {
+    const int64_t found = m_reader.FindByName(names[p]);
+    if (found < 0) {
       Damage(shown + " has no entry in the TOC");
       continue;
     }
-    const uint32_t entry = found->second;
+    const uint32_t entry = static_cast<uint32_t>(found);
     if (namedBy[entry] >= 0) {
       Damage(shown + " names the same file as manifest name " + Number(namedBy[entry] + 1));
       continue;
