@@ -126,6 +126,18 @@ TEST_F(VerifyCommandTest, ABlockThatInflatesToTheWrongLengthSaysBoth) {
   ExpectDamage("block 2 of \"big.txt\" at offset [0-9]+: inflates to 1000 bytes, not 1100");
 }
 
+// A damaged size must not be met with the memory it claims: no zlib stream
+// inflates to more than 1032 times its length.
+TEST_F(VerifyCommandTest, ABlockClaimingMoreThanItsStreamCanHoldIsRefused) {
+  CraftedArchive archive;
+  archive.blockSize = (1u << 30) + 1;
+  archive.files = {{"big.txt", Text(20000)}};
+  const CraftedLayout layout = kest2_test::WriteCraftedArchive(Crafted(), archive);
+  Patch(Crafted(), layout.entryOffset[0] + 20, 1u << 30, 5);
+  ExpectDamage("block 0 of \"big.txt\" at offset " + std::to_string(layout.dataOffset[0]) +
+               ": [0-9]+ stored bytes cannot inflate to 1073741824");
+}
+
 TEST_F(VerifyCommandTest, ACutFileIsFoundWithTheEntryThatRunsPastIt) {
   const CraftedLayout layout = WriteCrafted();
   fs::resize_file(Crafted(), layout.dataOffset[1] + 2);  // inside small.txt

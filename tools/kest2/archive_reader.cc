@@ -23,6 +23,11 @@ namespace {
 // A manifest inflates; one larger than this is taken for damage rather
 // than held in memory.
 constexpr uint64_t kMaxManifestSize = uint64_t{1} << 30;
+// No zlib stream inflates to more than 1032 times its length (plus its
+// header and a block's worth); a block that claims more is damaged, and is
+// not given the memory it claims.
+constexpr uint64_t kMaxInflateRatio = 1032;
+constexpr uint64_t kInflateSlack = 1024;
 
 bool Damaged(const std::string& what, ReadProblem* problem) {
   problem->damaged = true;
@@ -261,6 +266,11 @@ bool ArchiveReader::ReadBlock(const StoredBlock& block, const std::string& label
     out->resize(block.length);
     return ReadAt(block.offset, block.length, out->data(), where, problem);
   }
+  if (block.length > uint64_t{block.storedSize} * kMaxInflateRatio + kInflateSlack) {
+    return Damaged(where + ": " + Number(block.storedSize) + " stored bytes cannot inflate to " +
+                       Number(block.length),
+                   problem);
+  }
   m_stored.resize(block.storedSize);
   if (!ReadAt(block.offset, block.storedSize, m_stored.data(), where, problem)) return false;
   if (!m_inflaterReady) {
@@ -323,7 +333,6 @@ bool ArchiveReader::ReadManifest(std::vector<std::string>* names, ReadProblem* p
                    problem);
   }
   std::string text;
-  text.reserve(static_cast<size_t>(size));
   const bool read = ReadEntry(
       index, "the manifest",
       [&](const uint8_t* bytes, size_t length) {
