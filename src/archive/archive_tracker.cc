@@ -312,11 +312,19 @@ int64_t DirSearch(const ArchiveTracker* tracker, const char* directory, int64_t 
   const int64_t count = tracker->manifestPathCount;
   const char* const* paths = tracker->manifestPaths;
   if (position < 0) {
-    // The first path not less than the key in its first n characters.
+    // The first path not less than the key and a separator: the paths
+    // inside the directory lie together from there.  The key alone could
+    // find a sibling that shares its name and sorts before the separator
+    // ("sub.txt" and "sub-old" come before "sub/x"), and hide the directory.
+    size_t searched = n;
+    if (n > 0 && !IsSeparator(key[n - 1])) {
+      key[searched++] = '/';
+      key[searched] = '\0';
+    }
     int64_t low = 0, high = count;
     while (low < high) {
       const int64_t middle = low + (high - low) / 2;
-      if (CompareKeyed(tracker, paths[middle], key, n) < 0) {
+      if (CompareKeyed(tracker, paths[middle], key, searched) < 0) {
         low = middle + 1;
       } else {
         high = middle;

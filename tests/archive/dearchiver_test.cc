@@ -327,6 +327,37 @@ TEST_F(DearchiverTest, LookupsListingsAndTheMountPointBoundary) {
   EXPECT_EQ(names, (std::vector<std::string>{"/data/dir/b.txt", "/data/dir/sub/"}));
 }
 
+// "sub.txt" and "sub-old" sort between "sub" and "sub/x" in the manifest, so
+// a search for "sub" alone lands on them; the directory must still be found
+// and listed, with case ignored too (where "SUB.TXT" sorts as "sub.txt").
+TEST_F(DearchiverTest, ADirectoryIsFoundBesideFilesThatBeginWithItsName) {
+  Install();
+  const std::string tree = MakeTree("siblings", {{"sub/x", Bytes(5, 1, true)},
+                                                 {"sub/deep/y", Bytes(6, 2, true)},
+                                                 {"sub/deep.txt", Bytes(7, 3, true)},
+                                                 {"SUB.TXT", Bytes(8, 4, true)},
+                                                 {"sub-old", Bytes(9, 5, true)},
+                                                 {"sub0", Bytes(10, 6, true)}});
+  for (const bool ignoreCase : {false, true}) {
+    SCOPED_TRACE(ignoreCase ? "case ignored" : "case kept");
+    kest2_cli::PackOptions options;
+    options.ignoreCase = ignoreCase;
+    const std::string name = ignoreCase ? "siblings-nocase.zorba" : "siblings.zorba";
+    const std::string at = ignoreCase ? "/nocase" : "/case";
+    ZulKestFH fh = 0;
+    ASSERT_EQ(Mount(Pack(tree, name, options), at.c_str(), &fh), ZUL_KEST_OK);
+    EXPECT_TRUE(zulKestDirectoryExistsSync(nullptr, (at + "/sub").c_str()));
+    EXPECT_TRUE(zulKestDirectoryExistsSync(nullptr, (at + "/sub/deep").c_str()));
+    EXPECT_FALSE(zulKestDirectoryExistsSync(nullptr, (at + "/sub0").c_str()));
+    EXPECT_EQ(List(at), (std::map<std::string, int64_t>{
+                            {"SUB.TXT", 8}, {"sub", 0}, {"sub-old", 9}, {"sub0", 10}}));
+    EXPECT_EQ(List(at + "/sub"),
+              (std::map<std::string, int64_t>{{"deep", 0}, {"deep.txt", 7}, {"x", 5}}));
+    EXPECT_EQ(List(at + "/sub/deep"), (std::map<std::string, int64_t>{{"y", 6}}));
+    EXPECT_EQ(zulKestArchiveUnmountSync(nullptr, fh), ZUL_KEST_OK);
+  }
+}
+
 TEST_F(DearchiverTest, NewerArchiveWinsAndRemountKeepsHandlesValid) {
   Install();
   const std::string older = Pack(MakeTree("old", {{"shared.txt", Bytes(11, 1, true)},

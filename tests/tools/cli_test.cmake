@@ -118,6 +118,33 @@ endif()
 run(1 cat ${WORK}/tree.zorba missing.txt)
 expect("${err}" "^kest2 cat: ${WORK}/tree.zorba/missing.txt: no such file or directory \\(ZUL_KEST_ERROR_BAD_PATH\\)\n$")
 
+# Listing inside archives, checking and unpacking them (the crafted and
+# damaged cases are the GoogleTest suites' LsCommandTest, VerifyCommandTest
+# and UnpackCommandTest).
+file(WRITE ${WORK}/tree/sub/inner.txt "inner\n")
+run(0 pack ${WORK}/tree ${WORK}/tree.zorba)
+run(0 ls ${WORK}/tree.zorba/sub)
+expect("${out}" "^-            6  inner.txt\n$")
+run(0 ls -R ${WORK}/tree.zorba)
+expect("${out}" "^${WORK}/tree.zorba:\n.*\n\n${WORK}/tree.zorba/sub:\n-            6  inner.txt\n$")
+run(0 verify ${WORK}/tree.zorba)
+expect("${out}" "^${WORK}/tree.zorba: intact: 3 files, [0-9]+ blocks, 3200012 bytes\n$")
+run(0 unpack ${WORK}/tree.zorba ${WORK}/unpacked)
+expect("${out}" "^${WORK}/tree.zorba: 3 files, 3200012 bytes written to ${WORK}/unpacked\n$")
+file(READ ${WORK}/unpacked/big.txt unpacked)
+if(NOT unpacked STREQUAL big)
+  message(FATAL_ERROR "unpack changed the bytes")
+endif()
+run(1 unpack ${WORK}/tree.zorba ${WORK}/unpacked)
+expect("${err}" "unpacked/big.txt exists \\(--force replaces it\\)\n")
+run(0 unpack --force ${WORK}/tree.zorba ${WORK}/unpacked)
+run(1 verify ${WORK}/tree/small.txt)
+expect("${err}" "^kest2 verify: ${WORK}/tree/small.txt: the file is 6 bytes long, shorter than an archive header")
+run(2 verify)
+run(0 unpack --help)
+expect("${out}" "Exit status: 0 when every file was written")
+file(REMOVE_RECURSE ${WORK}/tree/sub/inner.txt ${WORK}/unpacked)
+
 # Overlays: a patch directory laid over the tree.
 file(WRITE ${WORK}/patch/small.txt "patched\n")
 file(WRITE ${WORK}/patch/extra.txt "extra\n")

@@ -13,8 +13,11 @@
 #include "kest2/demo_command.h"
 #include "kest2/error_words.h"
 #include "kest2/library_session.h"
+#include "kest2/ls_command.h"
 #include "kest2/pack_command.h"
 #include "kest2/progress.h"
+#include "kest2/unpack_command.h"
+#include "kest2/verify_command.h"
 
 namespace kest2_cli {
 namespace {
@@ -76,61 +79,6 @@ int CatFiles(const Arguments& paths) {
   }
   std::fflush(stdout);
   return status;
-}
-
-struct Listed {
-  std::string name;
-  int64_t size;
-  bool directory;
-};
-
-int ListDirectory(const std::string& path);
-
-// `ls ARCHIVE` lists the archive's top directory.
-int Ls(const Arguments& arguments) {
-  const std::string path = arguments.empty() ? std::string(".") : arguments[0];
-  if (!LooksLikeArchive(path)) return ListDirectory(path);
-  ArchiveSession archive;
-  const int32_t mounted = archive.Mount(path);
-  if (mounted != ZUL_KEST_OK) return Fail("ls", path, mounted);
-  return ListDirectory(path);
-}
-
-int ListDirectory(const std::string& path) {
-  // The listing keeps its state in the caller's buffer; when it is too
-  // small the open says how much it needs.
-  std::vector<uint64_t> buffer(0x20000 / 8);
-  ZulKestDH dh = 0;
-  for (;;) {
-    const ZulKestOp op = zulKestDHOpen(nullptr, &dh, path.c_str(), buffer.data(),
-                                       static_cast<int64_t>(buffer.size() * 8));
-    const int32_t result = zulKestOpWait(op);
-    const int64_t needed = zulKestOpGetActualCount(op);
-    zulKestOpDelete(op);
-    if (result == ZUL_KEST_ERROR_BAD_SIZE && needed > static_cast<int64_t>(buffer.size() * 8)) {
-      buffer.assign(static_cast<size_t>(needed + 7) / 8, 0);
-      continue;
-    }
-    if (result != ZUL_KEST_OK) return Fail("ls", path, result);
-    break;
-  }
-  std::vector<Listed> entries;
-  ZulKestDirEntry entry;
-  int32_t result;
-  while ((result = zulKestDHReadSync(nullptr, dh, &entry)) == ZUL_KEST_OK) {
-    entries.push_back(Listed{entry.fullPath + entry.offsetToName, entry.fileSize,
-                             (entry.statFlags & ZUL_KEST_STAT_DIRECTORY) != 0});
-  }
-  zulKestDHCloseSync(nullptr, dh);
-  if (result != ZUL_KEST_ERROR_EOF) return Fail("ls", path, result);
-  std::sort(entries.begin(), entries.end(),
-            [](const Listed& a, const Listed& b) { return a.name < b.name; });
-  for (const Listed& listed : entries) {
-    std::printf("%c %12lld  %s%s\n", listed.directory ? 'd' : '-',
-                static_cast<long long>(listed.size), listed.name.c_str(),
-                listed.directory ? "/" : "");
-  }
-  return 0;
 }
 
 int Stat(const Arguments& paths) {
@@ -288,11 +236,8 @@ const Command kCommands[] = {
      "it to standard output.  'kest2 cat ARCHIVE PATH...' writes files stored in\n"
      "an archive made by 'kest2 pack'.\n",
      1, SIZE_MAX, Cat},
-    {"ls", "[DIR|ARCHIVE]", "list a directory or an archive",
-     "Lists the directory (default: the current one), one entry per line: type\n"
-     "('d' or '-'), size in bytes and name, sorted by name.  Given an archive\n"
-     "made by 'kest2 pack', lists the archive's top directory.\n",
-     0, 1, Ls},
+    {"ls", "[-R] [DIR|ARCHIVE [PATH]]", "list a directory, or one in an archive", kLsHelp, 0, 4,
+     Ls},
     {"stat", "PATH...", "show the status of files and directories",
      "Prints type, size, mode, the owner's access and the modification and\n"
      "access dates of each path.\n",
@@ -305,6 +250,10 @@ const Command kCommands[] = {
      2, 2, Cp},
     {"pack", "[OPTIONS] DIR ARCHIVE", "pack a directory into an archive", kPackHelp, 2, SIZE_MAX,
      Pack, false},
+    {"unpack", "[OPTIONS] ARCHIVE DIR", "write an archive's files into a directory", kUnpackHelp, 2,
+     5, Unpack},
+    {"verify", "ARCHIVE", "check every block and name of an archive", kVerifyHelp, 1, 2, Verify,
+     false},
     {"demo", "[--files N] [--dir DIR]", "stream a generated, packed and overlaid data set",
      kDemoHelp, 0, 4, Demo},
     {nullptr, nullptr, nullptr, nullptr, 0, 0, nullptr},

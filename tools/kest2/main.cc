@@ -42,12 +42,13 @@ void PrintUsage(FILE* out) {
                "File commands carried out through the kest2 I/O scheduling library.\n"
                "\n"
                "Commands:\n");
-  int usageWidth = 0;
+  int nameWidth = 0, usageWidth = 0;
   for (const Command* command = kest2_cli::Commands(); command->name != nullptr; ++command) {
+    nameWidth = std::max(nameWidth, static_cast<int>(std::strlen(command->name)));
     usageWidth = std::max(usageWidth, static_cast<int>(std::strlen(command->usage)));
   }
   for (const Command* command = kest2_cli::Commands(); command->name != nullptr; ++command) {
-    std::fprintf(out, "  %-5s %-*s %s\n", command->name, usageWidth, command->usage,
+    std::fprintf(out, "  %-*s %-*s %s\n", nameWidth, command->name, usageWidth, command->usage,
                  command->summary);
   }
   std::fprintf(out,
