@@ -15,6 +15,7 @@
 #include "kest2/library_session.h"
 #include "kest2/pack_command.h"
 #include "kest2/progress.h"
+#include "kest2/timeline_command.h"
 
 namespace kest2_cli {
 namespace {
@@ -307,6 +308,8 @@ const Command kCommands[] = {
      Pack, false},
     {"demo", "[--files N] [--dir DIR]", "stream a generated, packed and overlaid data set",
      kDemoHelp, 0, 4, Demo},
+    {"timeline", "FILE [--svg OUT]", "draw a trace written by --timeline", kTimelineHelp, 1, 4,
+     TimelineCommand, false},
     {nullptr, nullptr, nullptr, nullptr, 0, 0, nullptr},
 };
 
