@@ -91,7 +91,8 @@ TimelineRecord* ClaimRecord(TimelineStorage* timeline, uint64_t* number) {
   return record;
 }
 
-// Takes one note: fill(record) writes its fields over a zeroed record.
+// Takes one note: fill(record, timeline) writes its fields over a zeroed
+// record whose times and thread are set.
 template <typename Fill>
 void Note(TimelineKind kind, int64_t begin, Fill fill) {
   TimelineStorage* timeline = EnterNote();
@@ -107,7 +108,7 @@ void Note(TimelineKind kind, int64_t begin, Fill fill) {
     record->begin = begin != 0 ? begin : end;
     record->end = end;
     record->thread = thread;
-    fill(record);
+    fill(record, timeline);
     __atomic_store_n(&record->sequence, number + 1, __ATOMIC_RELEASE);
   }
   LeaveNote();
@@ -117,7 +118,7 @@ void Note(TimelineKind kind, int64_t begin, Fill fill) {
 
 void TimelineNoteChunk(int64_t begin, uint16_t chunk, const char* typeName, uint32_t op,
                        int8_t priority, ZulKestTime deadline, int32_t result) {
-  Note(TimelineKind::kChunk, begin, [&](TimelineRecord* record) {
+  Note(TimelineKind::kChunk, begin, [&](TimelineRecord* record, TimelineStorage*) {
     record->chunk = chunk;
     record->label = typeName;
     record->op = op;
@@ -129,7 +130,7 @@ void TimelineNoteChunk(int64_t begin, uint16_t chunk, const char* typeName, uint
 
 void TimelineNoteNative(int64_t begin, uint16_t chunk, uint8_t kind, const char* path,
                         int64_t offset, int64_t length) {
-  Note(TimelineKind::kNative, begin, [&](TimelineRecord* record) {
+  Note(TimelineKind::kNative, begin, [&](TimelineRecord* record, TimelineStorage*) {
     record->chunk = chunk;
     record->type = kind;
     record->offset = offset;
@@ -150,36 +151,27 @@ void TimelineNoteAccept(uint32_t op) {
 
 void TimelineNoteCompletion(uint32_t op, uint16_t what, int8_t priority, ZulKestTime deadline,
                             int32_t result, int64_t bytes, const char* path) {
-  // The acceptance is looked up before the note is taken: the operation's
-  // slot is its own until it is deleted, which comes after this.
-  int64_t accepted = 0;
-  uint16_t acceptThread = 0;
-  if (TimelineStorage* timeline = EnterNote()) {
-    TimelineAccept* entry = &timeline->accepts[op & kOpSlotMask];
-    if (__atomic_load_n(&entry->op, __ATOMIC_RELAXED) == op) {
-      accepted = __atomic_load_n(&entry->time, __ATOMIC_RELAXED);
-      acceptThread = __atomic_load_n(&entry->thread, __ATOMIC_RELAXED);
-      __atomic_store_n(&entry->op, 0u, __ATOMIC_RELAXED);
-    }
-    LeaveNote();
-  }
-  Note(TimelineKind::kOperation, accepted, [&](TimelineRecord* record) {
+  Note(TimelineKind::kOperation, 0, [&](TimelineRecord* record, TimelineStorage* timeline) {
     record->op = op;
     record->type = static_cast<uint8_t>(what);
     record->priority = priority;
     record->deadline = deadline;
     record->result = result;
     record->amount = bytes;
-    if (accepted != 0) {
-      record->flags = kTimelineAccepted;
-      record->chunk = acceptThread;  // where the span starts
-    }
     CopyPathTail(record->text, sizeof(record->text), path);
+    // The span starts at the acceptance when it was noted: the operation's
+    // slot of the table is its own until it is deleted, after this.
+    TimelineAccept* entry = &timeline->accepts[op & kOpSlotMask];
+    if (__atomic_load_n(&entry->op, __ATOMIC_RELAXED) != op) return;
+    record->begin = __atomic_load_n(&entry->time, __ATOMIC_RELAXED);
+    record->chunk = __atomic_load_n(&entry->thread, __ATOMIC_RELAXED);
+    record->flags = kTimelineAccepted;
+    __atomic_store_n(&entry->op, 0u, __ATOMIC_RELAXED);
   });
 }
 
 void TimelineNoteInflate(int64_t begin, uint32_t compressed, uint32_t inflated, int32_t result) {
-  Note(TimelineKind::kInflate, begin, [&](TimelineRecord* record) {
+  Note(TimelineKind::kInflate, begin, [&](TimelineRecord* record, TimelineStorage*) {
     record->offset = compressed;
     record->amount = inflated;
     record->result = result;
@@ -187,7 +179,7 @@ void TimelineNoteInflate(int64_t begin, uint32_t compressed, uint32_t inflated, 
 }
 
 void TimelineNoteBlockRead(int64_t begin, uint16_t chunk, int64_t offset, int64_t bytes) {
-  Note(TimelineKind::kBlockRead, begin, [&](TimelineRecord* record) {
+  Note(TimelineKind::kBlockRead, begin, [&](TimelineRecord* record, TimelineStorage*) {
     record->chunk = chunk;
     record->offset = offset;
     record->amount = bytes;
