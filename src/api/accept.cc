@@ -18,6 +18,7 @@
 #include "core/handletable.h"
 #include "core/records.h"
 #include "debug/dump.h"
+#include "debug/timeline.h"
 #include "debug/trace.h"
 #include "io/overlay_table.h"
 #include "kest2.h"
@@ -46,6 +47,7 @@ uint32_t OpAccept(Operation* op) {
     char dump[kDumpBufferSize];
     TraceLine(kTraceOp, "Accept", "%s", zulKestDebugDumpOp(op->h, dump, sizeof(dump)));
   }
+  if (TimelineRecording()) TimelineNoteAccept(op->h);
   op->err = ZUL_KEST_OK;
   op->done = 0;
   const uint32_t opflags = op->attr.opflags;

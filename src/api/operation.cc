@@ -8,6 +8,7 @@
 #include "core/handletable.h"
 #include "core/platform.h"
 #include "debug/dump.h"
+#include "debug/timeline.h"
 #include "debug/trace.h"
 #include "io/native_fs.h"
 #include "io/overlay_dir_listing.h"
@@ -82,6 +83,18 @@ int32_t WaitCommon(Operation* op, ZulKestTime deadline, const char* function) {
   return result;
 }
 
+// The timeline's note of a completion.  A handle request has no path of
+// its own; its file's tells what it worked on.
+void NoteCompletionOnTimeline(const Operation* op) {
+  const char* path = GetPath(&op->path);
+  if (path[0] == '\0') {
+    if (const FileHandle* file = Lookup<FileHandle>(kFhTable, op->targetHandle))
+      path = GetPath(&file->path);
+  }
+  TimelineNoteCompletion(op->h, op->what, static_cast<int8_t>(op->attr.priority), op->attr.deadline,
+                         op->err, __atomic_load_n(&op->actCount, __ATOMIC_ACQUIRE), path);
+}
+
 }  // namespace
 
 Operation* OpCreate(const ZulKestOpAttr* attr, uint16_t type) {
@@ -143,6 +156,7 @@ uint32_t OpNotify(Operation* op, ZulKestOpEvent event) {
     TraceLine(kTraceOp, "Callback", "%s %s", event == ZUL_KEST_EVENT_COMPLETE ? "COMPLETE" : "DELETE",
               DumpOp(op, dump, sizeof(dump)));
   }
+  if (event == ZUL_KEST_EVENT_COMPLETE && TimelineRecording()) NoteCompletionOnTimeline(op);
   if (op->attr.pCallback != nullptr) {
     // While its callback runs the operation counts as finished on this
     // thread, so the callback may read the result, wait and delete.

@@ -7,6 +7,7 @@
 #include "archive/codec_registry.h"
 #include "archive/decompression_job.h"
 #include "debug/dump.h"
+#include "debug/timeline.h"
 #include "debug/trace.h"
 #include "io/filter_walk.h"
 #include "sched/chunk_tree.h"
@@ -73,6 +74,7 @@ struct BufferState {
   uint8_t needs;
   uint8_t* readBuffer;  // the work buffer lent to the read
   DecompressionJob* job;
+  int64_t timelineBegin;  // when the buffers were lent, while a timeline records
 };
 static_assert(sizeof(BufferState) <= sizeof(ChunkCallbackRecord::filterData), "");
 
@@ -200,9 +202,20 @@ int32_t BufferAllocate(int32_t event, ChunkCallbackRecord* callback) {
                     static_cast<void*>(buffers->job), static_cast<void*>(buffers->job->output));
       }
       __atomic_store_n(&BufferBusyMask(context), mask, __ATOMIC_RELEASE);
+      buffers->timelineBegin = TimelineBegin();
     }
   }
   return result;
+}
+
+// The timeline's span of a block read: from the moment its buffers were
+// lent until it has run.
+void NoteBlockRead(const BufferState* buffers) {
+  if (buffers->timelineBegin == 0) return;
+  const LaneState* lane = StateOf<LaneState>(ChunkRecord<ChunkCallbackRecord>(buffers->lane));
+  TimelineNoteBlockRead(buffers->timelineBegin, buffers->read,
+                        ChunkRecord<ChunkFhIoRecord>(buffers->read)->offset,
+                        __atomic_load_n(&lane->moved, __ATOMIC_ACQUIRE));
 }
 
 // Hands the lane's job to the codec; false, with the lane still armed,
@@ -231,6 +244,7 @@ void SubmitFromRead(BufferState* buffers) {
 
 int32_t BufferCallback(ChunkCallbackRecord* callback, int32_t event) {
   if (event == kLinkedEventRan) {
+    NoteBlockRead(StateOf<BufferState>(callback));
     SubmitFromRead(StateOf<BufferState>(callback));
     return ZUL_KEST_OK;
   }
@@ -350,7 +364,7 @@ int32_t CreateBlockRead(ReadState* state, uint64_t b, ChunkID laneId, ChunkID re
   job->owner = laneRecord;
   buffers->callback = BufferCallback;
   buffers->context = state->context;
-  *StateOf<BufferState>(buffers) = BufferState{read, laneId, needs, nullptr, job};
+  *StateOf<BufferState>(buffers) = BufferState{read, laneId, needs, nullptr, job, 0};
   readHeader->linked = callback;
   io->offset = static_cast<int64_t>(block.offset);
   io->reqCount = block.storedSize;

@@ -17,6 +17,7 @@
 #include "archive/zorba_format.h"
 #include "core/globals.h"
 #include "core/platform.h"
+#include "debug/timeline.h"
 #include "kest2.h"
 
 namespace kest2 {
@@ -166,7 +167,10 @@ void WorkerLoop(void* argument) {
       job->next = nullptr;
       MutexUnlock(&g_zlib.mutex);
 
+      const int64_t inflateBegin = TimelineBegin();
       job->result = InflateWhole(job, worker->whole) ? Z_OK : InflateJob(job, &worker->arena);
+      if (inflateBegin != 0)
+        TimelineNoteInflate(inflateBegin, job->compressedSize, job->outputSize, job->result);
       // Read before the done bit is published: from then on the owner, which
       // polls the bit without the lock, may reuse the job.
       const DecompressionCompletion completion = job->completion;

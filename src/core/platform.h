@@ -17,6 +17,7 @@
 
 #include <pthread.h>
 
+#include <cstddef>
 #include <cstdint>
 
 #include "core/thread_annotations.h"
@@ -150,6 +151,9 @@ int32_t CreateThread(HybPlatformThreadStart* start,
 // Waits for the thread to end; the caller then clears start->threadId.
 void JoinThread(HybPlatformThreadStart* start);
 ThreadId CurrentThreadId();
+// The calling thread's name as the system keeps it (at most 15 characters),
+// into name (at least kThreadNameSize bytes); false when it cannot be had.
+bool CurrentThreadName(char* name, size_t size);
 bool ThreadIdEqual(ThreadId a, ThreadId b);
 // One step of a spin-wait: lets the other threads of this core run.
 void YieldProcessor();

@@ -287,6 +287,11 @@ void JoinThread(HybPlatformThreadStart* start) {
 
 ThreadId CurrentThreadId() { return static_cast<ThreadId>(pthread_self()); }
 
+bool CurrentThreadName(char* name, size_t size) {
+  if (size < kThreadNameSize) return false;
+  return pthread_getname_np(pthread_self(), name, size) == 0;
+}
+
 bool ThreadIdEqual(ThreadId a, ThreadId b) {
   if (a == 0 || b == 0) return a == b;
   return pthread_equal(static_cast<pthread_t>(a), static_cast<pthread_t>(b)) !=

@@ -11,6 +11,7 @@
 
 #include "core/globals.h"
 #include "core/platform.h"
+#include "debug/timeline.h"
 #include "sched/chunk_tree.h"
 
 namespace kest2 {
@@ -270,8 +271,8 @@ NativeEvent::NativeEvent(uint8_t kind, ChunkID chunk, const char* path)
 
 NativeEvent::NativeEvent(uint8_t kind, ChunkID chunk, const char* path, int64_t offset,
                          int64_t position, int64_t length)
-    : m_hook(EventHook()) {
-  if (m_hook == nullptr) return;
+    : m_hook(EventHook()), m_timelineBegin(TimelineBegin()) {
+  if (m_hook == nullptr && m_timelineBegin == 0) return;
   std::memset(&m_request, 0, sizeof(m_request));
   std::memset(&m_event, 0, sizeof(m_event));
   m_request.offset = offset;
@@ -286,12 +287,18 @@ NativeEvent::NativeEvent(uint8_t kind, ChunkID chunk, const char* path, int64_t 
   }
   m_event.request = &m_request;
   m_event.kind = kind;
-  m_event.startTime = CycleCounter();
+  if (m_hook != nullptr) m_event.startTime = CycleCounter();
 }
 
 void NativeEvent::Finish() {
+  const uint64_t end = m_hook != nullptr ? CycleCounter() : 0;
+  if (m_timelineBegin != 0) {
+    TimelineNoteNative(m_timelineBegin, m_request.chunkId, m_event.kind, m_request.path,
+                       m_request.offset, m_request.length);
+    m_timelineBegin = 0;
+  }
   if (m_hook == nullptr) return;
-  m_event.endTime = CycleCounter();
+  m_event.endTime = end;
   m_hook = nullptr;  // one report per call
   const ZulKestEventHook hook = EventHook();
   if (hook != nullptr) hook(&m_event);  // not when removed during the call

@@ -169,10 +169,11 @@ enum NativeEventKind : uint8_t {
   kEventDirClose = 8,
 };
 
-// Reports one operating-system call to the profiling hook.  Construct it
-// just before the call and Finish() just after: the records are built on the
-// stack and the hook called once, only when the hook is set at both
-// moments.  Costs one relaxed load when no hook is installed.
+// Reports one operating-system call to the profiling hook and to the
+// timeline.  Construct it just before the call and Finish() just after: the
+// records are built on the stack and the hook called once, only when the
+// hook is set at both moments; the timeline notes the call when it recorded
+// at the first.  Costs two relaxed loads when neither is on.
 class NativeEvent {
  public:
   // A call that is not a transfer: offset 0, position INT64_MAX, length 0.
@@ -187,6 +188,7 @@ class NativeEvent {
 
  private:
   ZulKestEventHook m_hook;  // null: nothing to report
+  int64_t m_timelineBegin;  // 0: the timeline does not record
   ZulKestIORequest m_request;
   ZulKestIOEvent m_event;
 };

@@ -5,6 +5,7 @@
 #include "core/handletable.h"
 #include "core/records.h"
 #include "debug/dump.h"
+#include "debug/timeline.h"
 #include "debug/trace.h"
 #include "sched/chunk_tree.h"
 #include "sched/chunk_types.h"
@@ -39,6 +40,42 @@ void UpdateHandleBookkeeping(ChunkID id, const ChunkHeader* chunk) {
   } else {
     DecrementPending(marks.pending, id, marks.tag, marks.decremented);
   }
+}
+
+// What the timeline shows of a chunk, read before it runs (its operation
+// may be gone once a root has run).  begin is 0 when no timeline records.
+struct ChunkSpan {
+  int64_t begin = 0;
+  uint32_t op = 0;
+  int8_t priority = 0;
+  ZulKestTime deadline = 0;
+};
+
+ChunkSpan BeginChunkSpan(ChunkID id) {
+  ChunkSpan span;
+  if (!TimelineRecording()) return span;
+  {
+    // Priority, deadline and links change under the chunk lock.
+    ChunkLocker lock;
+    const ChunkHeader* chunk = ChunkAt(id);
+    span.priority = chunk->priority;
+    span.deadline = chunk->deadline;
+    // The operation is the root above the chunk's first parents.
+    for (ChunkID at = id; at != CHUNKID_INVALID && at != GlobalRootChunk(); at = GetParent(at, 0)) {
+      if (ChunkAt(at)->type == CHUNK_ROOT) {
+        span.op = ChunkRecord<ChunkRootRecord>(at)->op;
+        break;
+      }
+    }
+  }
+  span.begin = MonotonicNanoseconds();
+  return span;
+}
+
+void EndChunkSpan(const ChunkSpan& span, ChunkID id, uint8_t type, int32_t result) {
+  if (span.begin == 0) return;
+  const char* name = type < kChunkTypeCount ? ChunkTypeOf(type).name : nullptr;
+  TimelineNoteChunk(span.begin, id, name, span.op, span.priority, span.deadline, result);
 }
 
 }  // namespace
@@ -77,12 +114,14 @@ int32_t Execute(ChunkID id, ChunkRunner run) {
   } else {
     if (TraceEnabled(kTraceChunk))
       TraceLine(kTraceChunk, "Execute", "starting: %s", DumpChunk(id, dump, sizeof(dump)));
+    const ChunkSpan span = BeginChunkSpan(id);
     {
       // The profiling event covers the handler call only: skipped chunks
       // ran nothing and report nothing.
       SchedulerEvent event(kEventExecute, id);
       result = run(id);
     }
+    EndChunkSpan(span, id, type, result);
     if (TraceEnabled(kTraceChunk)) {
       TraceLine(kTraceChunk, "Execute", "finished: err=%d, %s", result,
                 DumpChunk(id, dump, sizeof(dump)));

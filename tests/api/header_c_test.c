@@ -4,6 +4,7 @@
 #include <stdio.h>
 
 #include "kest2.h"
+#include "kest2_timeline.h"
 
 _Static_assert(sizeof(ZulKestParams) == 176, "ZulKestParams");
 _Static_assert(sizeof(ZulKestOpAttr) == 48, "ZulKestOpAttr");
@@ -18,6 +19,7 @@ _Static_assert(sizeof(ZulKestZorbaDearchiverContext) == 56, "ZulKestZorbaDearchi
 _Static_assert(sizeof(ZulKestStatistics) == 224, "ZulKestStatistics");
 _Static_assert(offsetof(ZulKestParams, threadStackSize) == 160, "stack sizes");
 _Static_assert(offsetof(ZulKestOpAttr, userTag) == 28, "userTag");
+_Static_assert(sizeof(ZulKestTimelineInfo) == 48, "ZulKestTimelineInfo");
 
 int main(void) {
   ZulKestParams params = {0};
@@ -27,6 +29,10 @@ int main(void) {
   char text[64];
   zulKestDebugDumpError(ZUL_KEST_ERROR_BAD_PTR, text, sizeof(text));
   if (params.paramsSize != 176 || text[0] != 'Z') return 1;
+  /* The timeline add-on answers through C linkage too. */
+  ZulKestTimelineInfo info;
+  if (zulKestTimelineStart(NULL, 0) != ZUL_KEST_ERROR_BAD_PTR) return 1;
+  if (zulKestTimelineGetInfo(&info) != ZUL_KEST_ERROR_BAD_ARGUMENT || info.capacity != 0) return 1;
   printf("C header test passed: %s\n", text);
   return 0;
 }

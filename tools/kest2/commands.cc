@@ -16,6 +16,7 @@
 #include "kest2/ls_command.h"
 #include "kest2/pack_command.h"
 #include "kest2/progress.h"
+#include "kest2/timeline_command.h"
 #include "kest2/unpack_command.h"
 #include "kest2/verify_command.h"
 
@@ -256,6 +257,8 @@ const Command kCommands[] = {
      false},
     {"demo", "[--files N] [--dir DIR]", "stream a generated, packed and overlaid data set",
      kDemoHelp, 0, 4, Demo},
+    {"timeline", "FILE [--svg OUT]", "draw a trace written by --timeline", kTimelineHelp, 1, 4,
+     TimelineCommand, false},
     {nullptr, nullptr, nullptr, nullptr, 0, 0, nullptr},
 };
 

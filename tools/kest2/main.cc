@@ -17,6 +17,7 @@
 #include "kest2/error_words.h"
 #include "kest2/library_session.h"
 #include "kest2/progress.h"
+#include "kest2/timeline_recording.h"
 
 namespace {
 
@@ -42,7 +43,8 @@ void PrintUsage(FILE* out) {
                "File commands carried out through the kest2 I/O scheduling library.\n"
                "\n"
                "Commands:\n");
-  int nameWidth = 0, usageWidth = 0;
+  int nameWidth = 0;
+  int usageWidth = 0;
   for (const Command* command = kest2_cli::Commands(); command->name != nullptr; ++command) {
     nameWidth = std::max(nameWidth, static_cast<int>(std::strlen(command->name)));
     usageWidth = std::max(usageWidth, static_cast<int>(std::strlen(command->usage)));
@@ -66,6 +68,12 @@ void PrintUsage(FILE* out) {
                "                     newer (UPPER wins where its file is newer) or writable\n"
                "                     (opaque for writes, translucent for reads).  Repeatable;\n"
                "                     later overlays apply on top of earlier ones.\n"
+               "  --timeline FILE    record what the library did during the command (each\n"
+               "                     chunk, system call, block read and inflate on its thread,\n"
+               "                     each operation with its deadline) and write it to FILE as\n"
+               "                     Trace Event JSON when the command ends, also when it\n"
+               "                     fails (exit status 1 when FILE cannot be written);\n"
+               "                     draw it with 'kest2 timeline FILE --svg OUT'\n"
                "  --progress         show the progress of pack, unpack, verify and cp on\n"
                "                     standard error even when it is not a terminal\n"
                "  --no-progress      never show progress (default: shown on a terminal when\n"
@@ -124,6 +132,7 @@ int UsageError(const char* message, const std::string& detail) {
 
 int main(int argc, char** argv) {
   kest2_cli::SessionOptions options;
+  std::string timelinePath;
   int i = 1;
   for (; i < argc && argv[i][0] == '-'; ++i) {
     const std::string option = argv[i];
@@ -142,6 +151,9 @@ int main(int argc, char** argv) {
       if (!kest2_cli::ParseOverlayOption(argv[++i], &overlay))
         return UsageError("--overlay takes LOWER=UPPER[:opaque|translucent|newer|writable], not ", argv[i]);
       options.overlays.push_back(overlay);
+    } else if (option == "--timeline") {
+      if (i + 1 >= argc || argv[i + 1][0] == '\0') return UsageError("missing value for ", option);
+      timelinePath = argv[++i];
     } else if (option == "--trace" || option == "--io-threads") {
       if (i + 1 >= argc) return UsageError("missing value for ", option);
       const std::string value = argv[++i];
@@ -189,12 +201,30 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "Usage: kest2 [OPTIONS] %s %s\n", command->name, command->usage);
     return kUsageError;
   }
-  if (!command->usesLibrary) return command->run(arguments);
-  kest2_cli::LibrarySession session(options);
-  if (session.status() != ZUL_KEST_OK) {
-    std::fprintf(stderr, "kest2: the library did not start: %s\n",
-                 kest2_cli::DescribeError(session.status()).c_str());
+  if (!command->usesLibrary) {
+    if (!timelinePath.empty())
+      return UsageError("--timeline records the library's work, and this command does not use it: ",
+                        name);
+    return command->run(arguments);
+  }
+  // Started before the library and written after it has terminated, so
+  // that the timeline holds all of the session.
+  kest2_cli::TimelineRecording timeline(timelinePath);
+  if (timeline.status() != ZUL_KEST_OK) {
+    std::fprintf(stderr, "kest2: --timeline did not start: %s\n",
+                 kest2_cli::DescribeError(timeline.status()).c_str());
     return kUsageError;
   }
-  return command->run(arguments);
+  int status;
+  {
+    kest2_cli::LibrarySession session(options);
+    if (session.status() != ZUL_KEST_OK) {
+      std::fprintf(stderr, "kest2: the library did not start: %s\n",
+                   kest2_cli::DescribeError(session.status()).c_str());
+      status = kUsageError;
+    } else {
+      status = command->run(arguments);
+    }
+  }
+  return timeline.Finish(status);
 }
