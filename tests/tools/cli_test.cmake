@@ -2,21 +2,7 @@
 # checks its output, its error lines and its exit codes.
 #   cmake -DKEST2=<program> -DWORK=<scratch directory> -P cli_test.cmake
 
-function(run expected_code)
-  execute_process(COMMAND ${KEST2} ${ARGN}
-                  RESULT_VARIABLE code OUTPUT_VARIABLE out ERROR_VARIABLE err)
-  if(NOT code STREQUAL expected_code)
-    message(FATAL_ERROR "kest2 ${ARGN}: exit ${code}, wanted ${expected_code}\n${out}\n${err}")
-  endif()
-  set(out "${out}" PARENT_SCOPE)
-  set(err "${err}" PARENT_SCOPE)
-endfunction()
-
-function(expect text pattern)
-  if(NOT text MATCHES "${pattern}")
-    message(FATAL_ERROR "expected /${pattern}/ in:\n${text}")
-  endif()
-endfunction()
+include(${CMAKE_CURRENT_LIST_DIR}/cli_functions.cmake)
 
 file(REMOVE_RECURSE ${WORK})
 file(MAKE_DIRECTORY ${WORK}/tree/sub)
@@ -115,6 +101,10 @@ run(0 cat ${WORK}/tree.zorba big.txt)
 if(NOT out STREQUAL big)
   message(FATAL_ERROR "cat of an archived file changed the bytes")
 endif()
+run(0 cat ${WORK}/tree.zorba/small.txt ${WORK}/tree/small.txt)
+expect("${out}" "^hello\nhello\n$")
+run(1 cat ${WORK}/tree/small.txt/inside ${WORK}/tree.zorba/small.txt)
+expect("${out}" "^hello\n$")
 run(1 cat ${WORK}/tree.zorba missing.txt)
 expect("${err}" "^kest2 cat: ${WORK}/tree.zorba/missing.txt: no such file or directory \\(ZUL_KEST_ERROR_BAD_PATH\\)\n$")
 

@@ -2,6 +2,8 @@
 
 #include "kest2/archive_session.h"
 
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <cstring>
 
@@ -40,6 +42,21 @@ bool LooksLikeArchive(const std::string& path) {
   const uint32_t value =
       uint32_t{magic[0]} << 24 | uint32_t{magic[1]} << 16 | uint32_t{magic[2]} << 8 | magic[3];
   return got == sizeof(magic) && value == kest2::kZorbaMagic;
+}
+
+bool SplitArchivePath(const std::string& path, std::string* archive, std::string* inside) {
+  for (size_t slash = path.find('/', 1); slash != std::string::npos;
+       slash = path.find('/', slash + 1)) {
+    const std::string prefix = path.substr(0, slash);
+    struct stat st;
+    if (::stat(prefix.c_str(), &st) != 0) return false;
+    if (S_ISDIR(st.st_mode)) continue;
+    if (!S_ISREG(st.st_mode) || !LooksLikeArchive(prefix)) return false;
+    *archive = prefix;
+    *inside = path.substr(slash + 1);
+    return true;
+  }
+  return false;
 }
 
 int32_t ArchiveSession::Mount(const std::string& archive, const std::string& mountPoint) {

@@ -16,6 +16,11 @@ namespace kest2_cli {
 // Whether the file at path begins with the archive magic.
 bool LooksLikeArchive(const std::string& path);
 
+// ARCHIVE/PATH where ARCHIVE is an archive file: the first leading part of
+// `path` that is not a directory must be a file that looks like one.  False
+// when no part is (a loose path).
+bool SplitArchivePath(const std::string& path, std::string* archive, std::string* inside);
+
 class ArchiveSession {
  public:
   // The dearchiver goes into filter slot `slot`.

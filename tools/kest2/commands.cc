@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <map>
+#include <memory>
 #include <random>
 
 #include "kest2.h"
@@ -29,10 +31,36 @@ constexpr int64_t kTransferSize = 1 << 20;
 // library reads the next piece while this one is written out.
 int CatFiles(const Arguments& paths);
 
+// Reads the paths, mounting each archive file that one of them passes
+// through (ARCHIVE/PATH) at its own path, once.  A path under an archive
+// that cannot be mounted is reported with the archive.
+int CatThroughArchives(const Arguments& paths) {
+  std::map<std::string, std::unique_ptr<ArchiveSession>> mounted;
+  std::map<std::string, bool> usable;
+  Arguments readable;
+  int status = 0;
+  for (const std::string& path : paths) {
+    std::string archive, inside;
+    if (SplitArchivePath(path, &archive, &inside)) {
+      if (usable.count(archive) == 0) {
+        // Each archive gets a filter slot of its own.
+        auto session = std::make_unique<ArchiveSession>(static_cast<int>(mounted.size()));
+        const int32_t result = session->Mount(archive);
+        usable[archive] = result == ZUL_KEST_OK;
+        if (result != ZUL_KEST_OK) status = Fail("cat", archive, result);
+        mounted[archive] = std::move(session);
+      }
+      if (!usable[archive]) continue;
+    }
+    readable.push_back(path);
+  }
+  return std::max(status, CatFiles(readable));
+}
+
 // `cat ARCHIVE PATH...` reads paths inside the archive; any other form
-// reads files.
+// reads files, loose or inside archives (ARCHIVE/PATH).
 int Cat(const Arguments& arguments) {
-  if (arguments.size() < 2 || !LooksLikeArchive(arguments[0])) return CatFiles(arguments);
+  if (arguments.size() < 2 || !LooksLikeArchive(arguments[0])) return CatThroughArchives(arguments);
   ArchiveSession archive;
   const int32_t mounted = archive.Mount(arguments[0]);
   if (mounted != ZUL_KEST_OK) return Fail("cat", arguments[0], mounted);
@@ -234,8 +262,8 @@ int Cp(const Arguments& arguments) {
 const Command kCommands[] = {
     {"cat", "PATH...", "write files to standard output",
      "Reads each file through the library, two 1 MiB reads in flight, and writes\n"
-     "it to standard output.  'kest2 cat ARCHIVE PATH...' writes files stored in\n"
-     "an archive made by 'kest2 pack'.\n",
+     "it to standard output.  'kest2 cat ARCHIVE PATH...' and 'kest2 cat\n"
+     "ARCHIVE/PATH' write files stored in an archive made by 'kest2 pack'.\n",
      1, SIZE_MAX, Cat},
     {"ls", "[-R] [DIR|ARCHIVE [PATH]]", "list a directory, or one in an archive", kLsHelp, 0, 4,
      Ls},

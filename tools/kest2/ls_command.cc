@@ -45,23 +45,6 @@ int LsUsage(const std::string& message) {
   return 2;
 }
 
-// ARCHIVE/PATH where ARCHIVE is an archive file: the first leading part of
-// `path` that is not a directory must be a file that looks like one.
-bool SplitArchivePath(const std::string& path, std::string* archive, std::string* inside) {
-  for (size_t slash = path.find('/', 1); slash != std::string::npos;
-       slash = path.find('/', slash + 1)) {
-    const std::string prefix = path.substr(0, slash);
-    struct stat st;
-    if (::stat(prefix.c_str(), &st) != 0) return false;
-    if (S_ISDIR(st.st_mode)) continue;
-    if (!S_ISREG(st.st_mode) || !LooksLikeArchive(prefix)) return false;
-    *archive = prefix;
-    *inside = path.substr(slash + 1);
-    return true;
-  }
-  return false;
-}
-
 // The library keeps a listing's state in the caller's buffer; when it is
 // too small the open says how much it needs.
 int32_t ReadDirectory(const std::string& path, std::vector<Listed>* entries) {
