@@ -4,21 +4,7 @@
 # with 1 and 2 and a line in words.
 #   cmake -DKEST2=<program> -DWORK=<scratch directory> -P cli_timeline_test.cmake
 
-function(run expected_code)
-  execute_process(COMMAND ${KEST2} ${ARGN}
-                  RESULT_VARIABLE code OUTPUT_VARIABLE out ERROR_VARIABLE err)
-  if(NOT code STREQUAL expected_code)
-    message(FATAL_ERROR "kest2 ${ARGN}: exit ${code}, wanted ${expected_code}\n${out}\n${err}")
-  endif()
-  set(out "${out}" PARENT_SCOPE)
-  set(err "${err}" PARENT_SCOPE)
-endfunction()
-
-function(expect text pattern)
-  if(NOT text MATCHES "${pattern}")
-    message(FATAL_ERROR "expected /${pattern}/ in:\n${text}")
-  endif()
-endfunction()
+include(${CMAKE_CURRENT_LIST_DIR}/cli_functions.cmake)
 
 # Parses a trace; sets <prefix>_events (the number of events), <prefix>_named
 # (thread_name events) and <prefix>_lost.
