@@ -104,10 +104,11 @@ KEST2_EXPORT int32_t zulKestTimelineStart(void* storage, uint64_t size);
  * the notes other threads are taking at the moment are finished (a few
  * stores each).  Does nothing when no timeline records. */
 KEST2_EXPORT void zulKestTimelineStop(void);
-/* Fills *out with the counts of the current or last timeline.  Returns ZUL_KEST_OK,
- * ZUL_KEST_ERROR_BAD_PTR (out null) or ZUL_KEST_ERROR_BAD_ARGUMENT (no timeline was started).  kept
- * and lost are exact once the timeline has stopped.  Reads the ring once; returns without waiting.
- */
+/* Fills *out with the counts of the current or last timeline.  Returns
+ * ZUL_KEST_OK, ZUL_KEST_ERROR_BAD_PTR (out null) or
+ * ZUL_KEST_ERROR_BAD_ARGUMENT (no timeline was started).  kept and lost are
+ * exact once the timeline has stopped.  Reads the ring once; returns
+ * without waiting. */
 KEST2_EXPORT int32_t zulKestTimelineGetInfo(ZulKestTimelineInfo* out);
 /* Writes the stopped timeline's JSON through sink(context, text, length),
  * in pieces of at most 4 KiB.  Returns ZUL_KEST_OK, ZUL_KEST_ERROR_BAD_PTR
