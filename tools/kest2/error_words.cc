@@ -81,4 +81,9 @@ int Fail(const char* command, const std::string& path, int64_t code) {
   return 1;
 }
 
+int UsageError(const char* command, const std::string& message) {
+  std::fprintf(stderr, "kest2 %s: %s\nTry 'kest2 %s --help'.\n", command, message.c_str(), command);
+  return 2;
+}
+
 }  // namespace kest2_cli

@@ -27,6 +27,10 @@ std::string DescribeError(int64_t code);
 // 1, the exit status of a failed operation.
 int Fail(const char* command, const std::string& path, int64_t code);
 
+// Prints "kest2 COMMAND: MESSAGE" and the pointer to the command's help to
+// standard error and returns 2, the exit status of bad usage.
+int UsageError(const char* command, const std::string& message);
+
 }  // namespace kest2_cli
 
 #endif  // KEST2_TOOLS_KEST2_ERROR_WORDS_H_

@@ -40,11 +40,6 @@ struct Listed {
   bool directory;
 };
 
-int LsUsage(const std::string& message) {
-  std::fprintf(stderr, "kest2 ls: %s\nTry 'kest2 ls --help'.\n", message.c_str());
-  return 2;
-}
-
 // The library keeps a listing's state in the caller's buffer; when it is
 // too small the open says how much it needs.
 int32_t ReadDirectory(const std::string& path, std::vector<Listed>* entries) {
@@ -135,10 +130,10 @@ int Ls(const Arguments& arguments) {
     } else if (argument == "-R" || argument == "--recursive") {
       recursive = true;
     } else {
-      return LsUsage("unknown option " + argument);
+      return UsageError("ls", "unknown option " + argument);
     }
   }
-  if (operands.size() > 2) return LsUsage("expects [DIR | ARCHIVE [PATH]]");
+  if (operands.size() > 2) return UsageError("ls", "expects [DIR | ARCHIVE [PATH]]");
   std::string archive, inside;
   if (operands.size() == 2) {
     archive = operands[0];

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "kest2/archive_writer.h"
+#include "kest2/error_words.h"
 #include "kest2/progress.h"
 
 namespace kest2_cli {
@@ -37,11 +38,6 @@ const char kPackHelp[] =
     "                    archive is the same for any N\n";
 
 namespace {
-
-int PackUsageError(const std::string& message) {
-  std::fprintf(stderr, "kest2 pack: %s\nTry 'kest2 pack --help'.\n", message.c_str());
-  return 2;
-}
 
 // A decimal number in [low, high], with an optional k or M suffix when
 // `suffixes` is set.
@@ -92,35 +88,35 @@ int Pack(const Arguments& arguments) {
       } else if (i + 1 < arguments.size()) {
         value = arguments[++i];
       } else {
-        return PackUsageError("missing value for " + argument);
+        return UsageError("pack", "missing value for " + argument);
       }
       uint64_t number = 0;
       if (argument == "--block-size") {
         if (!ParseNumber(value, 256, kMaxPackBlockSize, true, &number)) {
-          return PackUsageError("--block-size takes 256 to 64M, not " + value);
+          return UsageError("pack", "--block-size takes 256 to 64M, not " + value);
         }
         options.blockSize = static_cast<uint32_t>(number);
       } else if (argument == "--level") {
         if (!ParseNumber(value, 0, 9, false, &number)) {
-          return PackUsageError("--level takes 0 to 9, not " + value);
+          return UsageError("pack", "--level takes 0 to 9, not " + value);
         }
         options.level = static_cast<int>(number);
       } else if (argument == "--version") {
         if (!ParseNumber(value, 1, 3, false, &number) || number == 2) {
-          return PackUsageError("--version takes 1 or 3, not " + value);
+          return UsageError("pack", "--version takes 1 or 3, not " + value);
         }
         options.version = static_cast<uint32_t>(number);
       } else {
         if (!ParseNumber(value, 1, 256, false, &number)) {
-          return PackUsageError("-j takes 1 to 256, not " + value);
+          return UsageError("pack", "-j takes 1 to 256, not " + value);
         }
         options.jobs = static_cast<unsigned>(number);
       }
     } else {
-      return PackUsageError("unknown option " + argument);
+      return UsageError("pack", "unknown option " + argument);
     }
   }
-  if (operands.size() != 2) return PackUsageError("expects DIR and ARCHIVE");
+  if (operands.size() != 2) return UsageError("pack", "expects DIR and ARCHIVE");
 
   std::unique_ptr<Progress> shown;
   uint64_t bytesShown = 0, filesShown = 0;

@@ -8,6 +8,7 @@
 #include <map>
 #include <string>
 
+#include "kest2/error_words.h"
 #include "kest2/json_value.h"
 #include "kest2/timeline_svg.h"
 
@@ -30,11 +31,6 @@ const char kTimelineHelp[] =
     "cannot be written; 2 on bad usage.\n";
 
 namespace {
-
-int TimelineUsageError(const std::string& message) {
-  std::fprintf(stderr, "kest2 timeline: %s\nTry 'kest2 timeline --help'.\n", message.c_str());
-  return 2;
-}
 
 int FailWithWords(const std::string& path, const std::string& words) {
   std::fprintf(stderr, "kest2 timeline: %s: %s\n", path.c_str(), words.c_str());
@@ -109,18 +105,18 @@ int TimelineCommand(const Arguments& arguments) {
       optionsEnded = true;
     } else if (!optionsEnded && argument == "--svg") {
       if (i + 1 >= arguments.size() || arguments[i + 1].empty())
-        return TimelineUsageError("--svg needs a file name");
+        return UsageError("timeline", "--svg needs a file name");
       svg = arguments[++i];
       haveSvg = true;
     } else if (!optionsEnded && argument.size() > 1 && argument[0] == '-') {
-      return TimelineUsageError("unknown option " + argument);
+      return UsageError("timeline", "unknown option " + argument);
     } else if (input.empty()) {
       input = argument;
     } else {
-      return TimelineUsageError("one trace file at a time, not also " + argument);
+      return UsageError("timeline", "one trace file at a time, not also " + argument);
     }
   }
-  if (input.empty()) return TimelineUsageError("which trace file?");
+  if (input.empty()) return UsageError("timeline", "which trace file?");
 
   std::string text;
   std::string error;

@@ -45,11 +45,6 @@ namespace {
 
 constexpr int64_t kTransferSize = 1 << 20;
 
-int UnpackUsage(const std::string& message) {
-  std::fprintf(stderr, "kest2 unpack: %s\nTry 'kest2 unpack --help'.\n", message.c_str());
-  return 2;
-}
-
 bool WriteAll(int fd, const uint8_t* data, size_t length, std::string* error) {
   while (length > 0) {
     const ssize_t n = ::write(fd, data, length);
@@ -303,10 +298,10 @@ int Unpack(const Arguments& arguments) {
     } else if (argument == "--strict") {
       strict = true;
     } else {
-      return UnpackUsage("unknown option " + argument);
+      return UsageError("unpack", "unknown option " + argument);
     }
   }
-  if (operands.size() != 2) return UnpackUsage("expects ARCHIVE and DIR");
+  if (operands.size() != 2) return UsageError("unpack", "expects ARCHIVE and DIR");
   Unpacker unpacker(operands[0], operands[1], force, strict);
   return unpacker.Run();
 }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "kest2/archive_reader.h"
+#include "kest2/error_words.h"
 #include "kest2/progress.h"
 #include "kest2/safe_names.h"
 
@@ -219,15 +220,10 @@ int Verify(const Arguments& arguments) {
     } else if (argument == "--") {
       optionsEnded = true;
     } else {
-      std::fprintf(stderr, "kest2 verify: unknown option %s\nTry 'kest2 verify --help'.\n",
-                   argument.c_str());
-      return 2;
+      return UsageError("verify", "unknown option " + argument);
     }
   }
-  if (operands.size() != 1) {
-    std::fprintf(stderr, "kest2 verify: expects one ARCHIVE\nTry 'kest2 verify --help'.\n");
-    return 2;
-  }
+  if (operands.size() != 1) return UsageError("verify", "expects one ARCHIVE");
   Verifier verifier(operands[0]);
   return verifier.Run();
 }
