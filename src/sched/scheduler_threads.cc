@@ -636,6 +636,18 @@ int32_t ExecuteChunk(Scheduler* scheduler, ChunkID id, bool fastPath) REQUIRES(s
     // A chunk run by a caller may have readied queued ones (an open, say).
     if (fastPath) KickHeld(scheduler, true);
   }
+  // An I/O thread with more work queued would keep its core while the
+  // callback thread it just readied waits for one: with as many busy I/O
+  // threads as cores, the kernel lets the running thread finish its time
+  // slice first (milliseconds), and every operation it completed meanwhile
+  // waits as long.  Yielding hands the core over now.  With nothing queued
+  // the thread is about to go idle anyway.
+  if (!fastPath && scheduler != &g_callbackScheduler &&
+      (ready.places & PlaceBit(&g_callbackScheduler)) != 0 && scheduler->m_queueCount != 0) {
+    MutexUnlock(&scheduler->mutex);
+    YieldProcessor();
+    MutexLock(&scheduler->mutex);
+  }
   return ZUL_KEST_OK;
 }
 
