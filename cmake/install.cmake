@@ -3,7 +3,8 @@
 # the exported targets) and a pkg-config file.
 #
 # Installed layout (GNUInstallDirs, relative to the prefix):
-#   include/kest2.h, include/kest2_timeline.h, include/kest2_version.h
+#   include/kest2.h, include/kest2_timeline.h, include/kest2_scheduling.h,
+#   include/kest2_version.h
 #   lib/libkest2.a, lib/libkest2.so -> libkest2.so.0 -> libkest2.so.0.1.0
 #   bin/kest2
 #   lib/cmake/kest2/kest2Config.cmake, kest2ConfigVersion.cmake,
@@ -57,6 +58,7 @@ install(TARGETS kest2_static kest2_shared kest2_default
 install(FILES
     ${PROJECT_SOURCE_DIR}/include/kest2.h
     ${PROJECT_SOURCE_DIR}/include/kest2_timeline.h
+    ${PROJECT_SOURCE_DIR}/include/kest2_scheduling.h
     ${PROJECT_BINARY_DIR}/include/kest2_version.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   COMPONENT Development)

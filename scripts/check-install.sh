@@ -46,7 +46,7 @@ echo "=== ${DIR}: install into ${PREFIX} ==="
 cmake --install "$DIR" --prefix "$PREFIX"
 
 # The files a user relies on, wherever GNUInstallDirs put the libraries.
-for f in include/kest2.h include/kest2_timeline.h include/kest2_version.h bin/kest2; do
+for f in include/kest2.h include/kest2_timeline.h include/kest2_scheduling.h include/kest2_version.h bin/kest2; do
   [[ -f "$PREFIX/$f" ]] || fail "not installed: $f"
 done
 for pattern in libkest2.a libkest2.so 'libkest2.so.*' kest2Config.cmake \

@@ -10,6 +10,13 @@
 // lateness than the new chunk's own, and among the rest the one with the
 // fewest misses, then the earliest finish, wins.  Sequential reads of one
 // stream skip the simulation and are appended.
+//
+// With the deadline-order option, places that miss equally are told apart
+// by deadline order before the finish: the fewest queued chunks left on the
+// wrong side of the new one (a later deadline ahead of it, an earlier one
+// behind).  On storage where seeks cost next to nothing the estimated
+// finish only measures the model's seek costs, and chasing it files an
+// urgent read behind bulk reads that the model already counts late.
 
 #include <algorithm>
 #include <climits>
@@ -19,6 +26,7 @@
 #include "core/disc_map.h"
 #include "core/handletable.h"
 #include "core/records.h"
+#include "kest2_scheduling.h"
 #include "sched/chunk_tree.h"
 #include "sched/scheduler.h"
 
@@ -28,7 +36,7 @@ namespace {
 constexpr ZulKestTime kDefaultDeadlineDelay = 300000000000LL;  // 300 s
 constexpr ZulKestTime kIdleStartDelay = 10000;                 // 10 us
 constexpr int64_t kStreamAppendDistance = 32768;
-constexpr ZulKestTime kMaxSeekCost = 1000000000;               // 1 s
+constexpr ZulKestTime kMaxSeekCost = 1000000000;  // 1 s
 constexpr uint64_t kPseudoPositionMask = 0x6FFFFFF000000000ULL;
 constexpr uint64_t kStreamMask = 0xEFFFFFF000000000ULL;
 
@@ -36,12 +44,14 @@ bool IsTransfer(const ChunkHeader* chunk) {
   return chunk->type == CHUNK_FH_READ || chunk->type == CHUNK_FH_WRITE;
 }
 
-ZulKestTime SeekCost(const Scheduler* scheduler, const PositionKey& head, const PositionKey& key) REQUIRES(scheduler->mutex) {
+ZulKestTime SeekCost(const Scheduler* scheduler, const PositionKey& head, const PositionKey& key)
+    REQUIRES(scheduler->mutex) {
   if (!SameStream(head, key)) return scheduler->seekEstimate[0];
   if (key.position == head.position) return 0;
   const uint64_t distance =
-      key.position > head.position ? static_cast<uint64_t>(key.position) - static_cast<uint64_t>(head.position)
-                                   : static_cast<uint64_t>(head.position) - static_cast<uint64_t>(key.position);
+      key.position > head.position
+          ? static_cast<uint64_t>(key.position) - static_cast<uint64_t>(head.position)
+          : static_cast<uint64_t>(head.position) - static_cast<uint64_t>(key.position);
   const uint64_t steps = distance / 65536;
   const uint64_t perStep = static_cast<uint64_t>(scheduler->seekEstimate[1]);
   if (perStep != 0 && steps > static_cast<uint64_t>(kMaxSeekCost) / perStep) return kMaxSeekCost;
@@ -49,10 +59,13 @@ ZulKestTime SeekCost(const Scheduler* scheduler, const PositionKey& head, const 
   return cost > static_cast<uint64_t>(kMaxSeekCost) ? kMaxSeekCost : static_cast<ZulKestTime>(cost);
 }
 
+uint32_t g_placementOptions;
+
 struct Candidate {
   bool found = false;
   uint64_t index = 0;
   uint32_t misses = 0;
+  uint64_t inversions = 0;  // counted only under the deadline-order option
   ZulKestTime clock = 0;
 };
 
@@ -132,7 +145,8 @@ class LaterChunks {
 //    deadline, and the new chunk's own deadline holds at the back;
 // then every place misses nothing, ends at the same time or later, and on
 // a tie the back wins (a chunk that costs nothing goes the full way).
-bool BackWinsOutright(const Scheduler* scheduler, ChunkID id, ZulKestTime start) REQUIRES(scheduler->mutex) {
+bool BackWinsOutright(const Scheduler* scheduler, ChunkID id, ZulKestTime start)
+    REQUIRES(scheduler->mutex) {
   const QueueSummary& summary = scheduler->summary;
   const uint64_t count = scheduler->m_queueCount;
   if (summary.count != count || summary.sameStreamPairs != 0) return false;
@@ -181,10 +195,12 @@ bool BackWinsOutright(const Scheduler* scheduler, ChunkID id, ZulKestTime start)
 // makes late, and a last pass picks the winner: O(n log n) instead of
 // simulating the rest of the queue for every index.
 // The simulated queue starts at `start`.
-uint64_t PlaceBySimulation(Scheduler* scheduler, ChunkID id, ZulKestTime start) REQUIRES(scheduler->mutex) {
+uint64_t PlaceBySimulation(Scheduler* scheduler, ChunkID id, ZulKestTime start, bool deadlineOrder)
+    REQUIRES(scheduler->mutex) {
   InsertScratch* scratch = &scheduler->insertScratch;
   const uint64_t count = scheduler->m_queueCount;
   const ChunkHeader* chunk = ChunkAt(id);
+  uint64_t earlierDeadlines = 0;  // queued chunks due before the new one
 
   EstimateState prefix{};
   prefix.clock = start;
@@ -194,6 +210,7 @@ uint64_t PlaceBySimulation(Scheduler* scheduler, ChunkID id, ZulKestTime start) 
   for (uint64_t c = 0; c < count; ++c) {
     const ChunkID queued = QueueAt(scheduler, c);
     if (ChunkAt(queued)->deadline < minDeadline) minDeadline = ChunkAt(queued)->deadline;
+    if (ChunkAt(queued)->deadline < chunk->deadline) ++earlierDeadlines;
     EstimateState trial = prefix;
     const int32_t lateness = EstimateStep(scheduler, id, INT32_MAX, &trial);
     trial.laterHigher = 0;
@@ -243,21 +260,34 @@ uint64_t PlaceBySimulation(Scheduler* scheduler, ChunkID id, ZulKestTime start) 
   // an unpositioned chunk that costs nothing stays in front.
   const bool takeTies = IsPositionedTransfer(chunk) || scheduler->typeEstimate[chunk->type] > 0;
   Candidate best;
-  auto consider = [&best, takeTies](uint64_t index, uint32_t misses, ZulKestTime clock) {
-    const bool better = !best.found || misses < best.misses ||
-                        (misses == best.misses && clock < best.clock);
-    const bool tie = best.found && misses == best.misses && clock == best.clock;
-    if (better || (tie && takeTies)) best = Candidate{true, index, misses, clock};
+  auto consider = [&best, takeTies](uint64_t index, uint32_t misses, uint64_t inversions,
+                                    ZulKestTime clock) {
+    const bool better =
+        !best.found || misses < best.misses ||
+        (misses == best.misses &&
+         (inversions < best.inversions || (inversions == best.inversions && clock < best.clock)));
+    const bool tie =
+        best.found && misses == best.misses && inversions == best.inversions && clock == best.clock;
+    if (better || (tie && takeTies)) best = Candidate{true, index, misses, inversions, clock};
+  };
+  // Inversions at index c: later deadlines ahead of it plus earlier ones
+  // from c on.  Without the option every place counts 0.
+  uint64_t laterAhead = 0, earlierAhead = 0;
+  auto inversions = [&]() {
+    return deadlineOrder ? laterAhead + earlierDeadlines - earlierAhead : 0;
   };
   for (uint64_t c = 0; c < count; ++c) {
     const uint8_t flags = scratch->flags[c];
-    if ((flags & kLaterHigher) != 0 || (flags & (kEligible | kLaterEqual)) == 0) continue;
-    consider(c, scratch->misses[c], prefix.clock + scratch->shift[c]);
+    if ((flags & kLaterHigher) == 0 && (flags & (kEligible | kLaterEqual)) != 0)
+      consider(c, scratch->misses[c], inversions(), prefix.clock + scratch->shift[c]);
+    const ZulKestTime deadline = ChunkAt(QueueAt(scheduler, c))->deadline;
+    if (deadline > chunk->deadline) ++laterAhead;
+    if (deadline < chunk->deadline) ++earlierAhead;
   }
   // At the back nothing follows the new chunk.
   EstimateState trial = prefix;
   if (EstimateStep(scheduler, id, INT32_MAX, &trial) <= previousLateness || count == 0)
-    consider(count, trial.misses, trial.clock);
+    consider(count, trial.misses, inversions(), trial.clock);
   return best.found ? best.index : count;
 }
 
@@ -306,9 +336,9 @@ void ComputeChunkPosition(ChunkID id) {
   // high bits, the offset orders a file's own pieces.
   uint64_t digestBits;
   std::memcpy(&digestBits, file->path.digest, sizeof(digestBits));
-  io->position = static_cast<int64_t>(((digestBits & kPseudoPositionMask) +
-                                       static_cast<uint64_t>(io->offset)) |
-                                      (uint64_t{1} << 63));
+  io->position = static_cast<int64_t>(
+      ((digestBits & kPseudoPositionMask) + static_cast<uint64_t>(io->offset)) |
+      (uint64_t{1} << 63));
 }
 
 PositionKey ChunkPositionKey(ChunkID id) {
@@ -370,8 +400,17 @@ uint64_t FindInsertPosition(Scheduler* scheduler, ChunkID id) {
   // or just after now when none runs.
   const ZulKestTime running = __atomic_load_n(&scheduler->runningFinish, __ATOMIC_RELAXED);
   const ZulKestTime start = running != 0 ? running : now + kIdleStartDelay;
-  if (BackWinsOutright(scheduler, id, start)) return count;
-  return PlaceBySimulation(scheduler, id, start);
+  // The shortcut proves the back wins on misses and finish only; under the
+  // deadline-order option a chunk due before queued ones may not go there.
+  const bool deadlineOrder = (PlacementOptions() & ZUL_KEST_SCHEDULING_DEADLINE_ORDER) != 0;
+  if (!deadlineOrder && BackWinsOutright(scheduler, id, start)) return count;
+  return PlaceBySimulation(scheduler, id, start, deadlineOrder);
+}
+
+uint32_t PlacementOptions() { return __atomic_load_n(&g_placementOptions, __ATOMIC_RELAXED); }
+
+void SetPlacementOptions(uint32_t options) {
+  __atomic_store_n(&g_placementOptions, options, __ATOMIC_RELAXED);
 }
 
 }  // namespace kest2

@@ -172,6 +172,11 @@ int32_t EstimateStep(const Scheduler* scheduler, ChunkID id, int32_t referenceLa
 // The queue index at which the chunk misses the fewest deadlines.
 uint64_t FindInsertPosition(Scheduler* scheduler, ChunkID id) REQUIRES(scheduler->mutex);
 
+// Opt-in placement changes (ZUL_KEST_SCHEDULING_*), process-wide; 0, the
+// default, is the placement described in insert_position.cc.
+uint32_t PlacementOptions();
+void SetPlacementOptions(uint32_t options);
+
 // --- Scheduling (schedule.cc) ----------------------------------------------
 
 // Chunk type codes of the profiling hook's scheduler events.

@@ -4,6 +4,7 @@
 #include <stdio.h>
 
 #include "kest2.h"
+#include "kest2_scheduling.h"
 #include "kest2_timeline.h"
 
 _Static_assert(sizeof(ZulKestParams) == 176, "ZulKestParams");
@@ -33,6 +34,9 @@ int main(void) {
   ZulKestTimelineInfo info;
   if (zulKestTimelineStart(NULL, 0) != ZUL_KEST_ERROR_BAD_PTR) return 1;
   if (zulKestTimelineGetInfo(&info) != ZUL_KEST_ERROR_BAD_ARGUMENT || info.capacity != 0) return 1;
+  /* So does the scheduling add-on. */
+  if (zulKestSetSchedulingOptions(0x80000000u) != ZUL_KEST_ERROR_BAD_ARGUMENT) return 1;
+  if (zulKestGetSchedulingOptions() != 0) return 1;
   printf("C header test passed: %s\n", text);
   return 0;
 }

@@ -15,6 +15,7 @@
 #include "common/random.h"
 #include "core/handletable.h"
 #include "kest2.h"
+#include "kest2_scheduling.h"
 #include "sched/chunk_tree.h"
 #include "sched/scheduler.h"
 #include "test_support.h"
@@ -40,6 +41,7 @@ class InsertPositionTest : public ::testing::Test {
     MutexLock(&scheduler_->mutex);
   }
   void TearDown() override {
+    zulKestSetSchedulingOptions(0);
     MutexUnlock(&scheduler_->mutex);
     CondDestroy(&scheduler_->queueFull);
     MutexDestroy(&scheduler_->mutex);
@@ -124,6 +126,45 @@ TEST_F(InsertPositionTest, NoDeadlineMeansThreeHundredSeconds) {
   EXPECT_GE(ChunkAt(id)->deadline, before + 300000 * kMs);
 }
 
+// The case the option is for: the model counts every queued read late, so
+// all places miss alike.  By default a new urgent read may go anywhere
+// ahead of an urgent read already queued, and goes where it saves the most
+// modelled seeking; under the option it goes before the reads due later.
+TEST_F(InsertPositionTest, DeadlineOrderPutsAnUrgentReadBeforeBulkReadsAllLateAlike) {
+  const ZulKestTime soon = kBase + kMs / 2;  // late wherever it goes
+  auto bulk = [this, soon](int64_t position) { return Read(position, k64K, soon + kMs, -10); };
+  // The near seek from 2 to 200 (x 64 KiB) is charged 198 x 50 us; a read
+  // at 100 in between costs only its own transfer on top.
+  Queue({bulk(0), bulk(k64K), bulk(200 * k64K), bulk(201 * k64K),
+         Read(300 * k64K, 4096, soon - kMs / 10, 10)});
+  const ChunkID urgent = Read(100 * k64K, 4096, soon, 10);
+  EXPECT_EQ(Place(urgent), 2u);
+  ASSERT_EQ(zulKestSetSchedulingOptions(ZUL_KEST_SCHEDULING_DEADLINE_ORDER), ZUL_KEST_OK);
+  EXPECT_EQ(Place(urgent), 0u);  // only the urgent read due before it is behind
+}
+
+// Deadline order decides only between places the rule allows: a read
+// already late with a higher priority is not overtaken, even by one due
+// earlier.
+TEST_F(InsertPositionTest, DeadlineOrderKeepsLateHigherPriorityChunksAhead) {
+  ASSERT_EQ(zulKestSetSchedulingOptions(ZUL_KEST_SCHEDULING_DEADLINE_ORDER), ZUL_KEST_OK);
+  Queue({Read(0, k64K, kBase + 2 * kMs, 5), Read(300 * k64K, k64K, kBase + 1000 * kMs)});
+  const ChunkID earlier = Read(100 * k64K, k64K, kBase + kMs, 0);
+  EXPECT_EQ(Place(earlier), 1u);
+  // With the higher priority it goes first.
+  ChunkAt(earlier)->priority = 6;
+  EXPECT_EQ(Place(earlier), 0u);
+}
+
+TEST_F(InsertPositionTest, SchedulingOptionsRejectUnknownBits) {
+  EXPECT_EQ(zulKestGetSchedulingOptions(), 0u);
+  EXPECT_EQ(zulKestSetSchedulingOptions(ZUL_KEST_SCHEDULING_DEADLINE_ORDER), ZUL_KEST_OK);
+  EXPECT_EQ(zulKestSetSchedulingOptions(0x2u), ZUL_KEST_ERROR_BAD_ARGUMENT);
+  EXPECT_EQ(zulKestGetSchedulingOptions(), ZUL_KEST_SCHEDULING_DEADLINE_ORDER);
+  EXPECT_EQ(zulKestSetSchedulingOptions(0), ZUL_KEST_OK);
+  EXPECT_EQ(zulKestGetSchedulingOptions(), 0u);
+}
+
 TEST_F(InsertPositionTest, InsertingAtTheFrontWrapsThePosition) {
   Scheduler* s = scheduler_.get();
   InsertIntoQueue(s, 0, 11);
@@ -141,7 +182,9 @@ TEST_F(InsertPositionTest, InsertingAtTheFrontWrapsThePosition) {
 
 // The placement rule as stated: simulate the rest of the queue once for
 // every candidate index (quadratic; the library's own search must agree).
-uint64_t ReferencePlace(Scheduler* s, ChunkID id) {
+// With deadlineOrder, equal misses are told apart first by the queued
+// chunks left on the wrong side of the new one, counted afresh per index.
+uint64_t ReferencePlace(Scheduler* s, ChunkID id, bool deadlineOrder = false) {
   const ChunkHeader* chunk = ChunkAt(id);
   const uint64_t count = s->m_queueCount;
   if (count == 0) return 0;
@@ -165,8 +208,14 @@ uint64_t ReferencePlace(Scheduler* s, ChunkID id) {
   bool found = false;
   uint64_t bestIndex = 0;
   uint32_t bestMisses = 0;
+  uint64_t bestInversions = 0;
   ZulKestTime bestClock = 0;
   for (uint64_t c = 0; c <= count; ++c) {
+    uint64_t inversions = 0;
+    for (uint64_t i = 0; deadlineOrder && i < count; ++i) {
+      const ZulKestTime deadline = ChunkAt(QueueAt(s, i))->deadline;
+      if (i < c ? deadline > chunk->deadline : deadline < chunk->deadline) ++inversions;
+    }
     EstimateState trial = prefix;
     const ZulKestTime before = trial.clock;
     const int32_t lateness = EstimateStep(s, id, INT32_MAX, &trial);
@@ -177,12 +226,16 @@ uint64_t ReferencePlace(Scheduler* s, ChunkID id) {
     const bool eligible = lateness <= previousLateness || trial.laterEqual != 0 || c == 0;
     if (trial.laterHigher == 0 && eligible) {
       const bool better = !found || trial.misses < bestMisses ||
-                          (trial.misses == bestMisses && trial.clock < bestClock);
-      const bool tie = found && trial.misses == bestMisses && trial.clock == bestClock;
+                          (trial.misses == bestMisses &&
+                           (inversions < bestInversions ||
+                            (inversions == bestInversions && trial.clock < bestClock)));
+      const bool tie = found && trial.misses == bestMisses && inversions == bestInversions &&
+                       trial.clock == bestClock;
       if (better || (tie && (positioned || ownDuration > 0))) {
         found = true;
         bestIndex = c;
         bestMisses = trial.misses;
+        bestInversions = inversions;
         bestClock = trial.clock;
       }
     }
@@ -192,7 +245,8 @@ uint64_t ReferencePlace(Scheduler* s, ChunkID id) {
 }
 
 // Random queues with streams, far and near seeks, unpositioned chunks (some
-// free of cost), chunks already late, equal and opposite priorities.
+// free of cost), chunks already late, equal and opposite priorities; every
+// other round under the deadline-order option.
 TEST_F(InsertPositionTest, PlacementMatchesTheRuleSimulatedAtEveryIndex) {
   Scheduler* s = scheduler_.get();
   const unsigned seed = std::random_device{}();
@@ -208,9 +262,14 @@ TEST_F(InsertPositionTest, PlacementMatchesTheRuleSimulatedAtEveryIndex) {
       const uint32_t handle = 7 + rng() % 3;
       int64_t position;
       switch (rng() % 3) {
-        case 0: position = *streamEnd; break;                            // continues a stream
-        case 1: position = *streamEnd + (rng() % 8) * k64K; break;       // near
-        default: position = static_cast<int64_t>(rng() % 4096) * k64K;   // anywhere
+        case 0:
+          position = *streamEnd;
+          break;  // continues a stream
+        case 1:
+          position = *streamEnd + (rng() % 8) * k64K;
+          break;  // near
+        default:
+          position = static_cast<int64_t>(rng() % 4096) * k64K;  // anywhere
       }
       const int64_t length = (1 + rng() % 4) * k64K / (rng() % 4 == 0 ? 2 : 1);
       id = Read(position, length, 0, priorities[rng() % 8], handle);
@@ -220,11 +279,14 @@ TEST_F(InsertPositionTest, PlacementMatchesTheRuleSimulatedAtEveryIndex) {
     // (the model below counts in milliseconds, so chunks finish
     // exactly at their deadlines, which is on time), and now and then none.
     const int64_t offset = (static_cast<int64_t>(rng() % (40 + spread)) - 10) * kMs;
-    ChunkAt(id)->deadline = rng() % 10 == 0 ? 0 : kBase + offset + (rng() % 4 != 0 ? 0 : rng() % kMs);
+    ChunkAt(id)->deadline =
+        rng() % 10 == 0 ? 0 : kBase + offset + (rng() % 4 != 0 ? 0 : rng() % kMs);
     return id;
   };
   std::vector<ChunkID> queued;
   for (int round = 0; round < 1000; ++round) {
+    const bool deadlineOrder = round % 2 == 1;
+    zulKestSetSchedulingOptions(deadlineOrder ? ZUL_KEST_SCHEDULING_DEADLINE_ORDER : 0);
     s->typeEstimate[CHUNK_STAT] = rng() % 2 == 0 ? 0 : kMs;
     s->typeEstimate[CHUNK_FH_READ] = 2 * kMs;  // per 64 KiB
     s->seekEstimate[0] = 3 * kMs;
@@ -236,13 +298,14 @@ TEST_F(InsertPositionTest, PlacementMatchesTheRuleSimulatedAtEveryIndex) {
     spread = length * 4;
     for (uint64_t i = 0; i < length; ++i) {
       queued.push_back(randomChunk(&streamEnd));
-      if (ChunkAt(queued.back())->deadline == 0) ChunkAt(queued.back())->deadline = kBase + 300000 * kMs;
+      if (ChunkAt(queued.back())->deadline == 0)
+        ChunkAt(queued.back())->deadline = kBase + 300000 * kMs;
       InsertIntoQueue(s, s->m_queueCount, queued.back());
     }
     for (int trial = 0; trial < 5; ++trial) {
       const ChunkID fresh = randomChunk(&streamEnd);
       const uint64_t placed = Place(fresh);  // stamps a missing deadline first
-      ASSERT_EQ(placed, ReferencePlace(s, fresh))
+      ASSERT_EQ(placed, ReferencePlace(s, fresh, deadlineOrder))
           << "seed " << seed << " round " << round << " queue " << s->m_queueCount;
       DeallocateChunk(fresh);
     }

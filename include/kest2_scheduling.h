@@ -1,0 +1,54 @@
+/*
+ * kest2 scheduling options: opt-in changes to how the I/O schedulers order
+ * their queues.  None is set by default, and without them every chunk is
+ * placed as kest2.h describes: at the queue index where the fewest deadlines
+ * are missed by the schedulers' time model, then where the queue finishes
+ * soonest by that model (which groups reads that are neighbours on the
+ * media).
+ *
+ * ZUL_KEST_SCHEDULING_DEADLINE_ORDER: among the places that miss equally,
+ * prefer deadline order over the earliest estimated finish: the new chunk
+ * goes where the fewest queued chunks are left on the wrong side of it (a
+ * later deadline ahead, an earlier one behind), and the estimated finish
+ * only decides between places equal in that too.  The time model, the
+ * protection of chunks already late and the priorities stay as they are.
+ * Meant for storage where seeking costs next to nothing (solid-state
+ * drives, files in the page cache, RAM): there the finish estimate measures
+ * little but the model's own seek costs, which start far above the real
+ * ones and are only ever raised by measurement, and chasing it can file an
+ * urgent read behind bulk reads that the model counts late anyway.  Costs
+ * a search of the whole queue for every chunk placed, where the default
+ * often proves the back of the queue right without one.
+ *
+ * The options are process-wide and independent of initialisation: they may
+ * be set before zulKestInitialize, stay set across zulKestTerminate, and
+ * apply to every chunk placed after the call.
+ */
+#ifndef KEST2_SCHEDULING_H_
+#define KEST2_SCHEDULING_H_
+
+#include <stdint.h>
+
+#include "kest2.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define ZUL_KEST_SCHEDULING_DEADLINE_ORDER 0x00000001u
+/* Every option this library knows. */
+#define ZUL_KEST_SCHEDULING_ALL ZUL_KEST_SCHEDULING_DEADLINE_ORDER
+
+/* Sets the options (ZUL_KEST_SCHEDULING_* or'ed; 0 for the default
+ * placement).  Returns ZUL_KEST_OK, or ZUL_KEST_ERROR_BAD_ARGUMENT (an
+ * unknown bit; nothing changes).  Returns at once; thread-safe.  Chunks
+ * already queued keep their places. */
+KEST2_EXPORT int32_t zulKestSetSchedulingOptions(uint32_t options);
+/* The options in force.  Returns at once. */
+KEST2_EXPORT uint32_t zulKestGetSchedulingOptions(void);
+
+#ifdef __cplusplus
+} /* extern "C" */
+#endif
+
+#endif /* KEST2_SCHEDULING_H_ */
