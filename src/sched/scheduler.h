@@ -92,6 +92,9 @@ struct Scheduler {
   uint64_t removeHint GUARDED_BY(mutex);
   int32_t activeThreads;                  // chunks executing for this scheduler
   uint32_t wakeSequence;                  // bumped by every wake-up (atomic)
+  // Callback scheduler: set when an I/O thread readies a root due soon,
+  // cleared each time the callback thread looks for work (atomic).
+  uint32_t urgentRootReady;
   bool threadSpinning GUARDED_BY(mutex);  // one idle thread watches wakeSequence
   bool initialized;
   bool shuttingDown;

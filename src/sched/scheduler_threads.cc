@@ -26,6 +26,9 @@ namespace {
 
 constexpr int64_t kBusyBackOffMicroseconds = 50000;
 constexpr ZulKestTime kSlowHandoverNanoseconds = 100001;
+// Roots due within this long are handed to the callback thread at once
+// (a few of the kernel's time slices).
+constexpr ZulKestTime kUrgentHandOff = 20000000;  // 20 ms
 constexpr int64_t kSeekLearnDistance = 32768;
 constexpr ZulKestTime kSeekLearnMinimum = 10000;
 constexpr int64_t kIdleWaitMaxMilliseconds = 1000;
@@ -131,6 +134,18 @@ void Learn(Scheduler* scheduler, const Measured& chunk, ZulKestTime elapsed,
   if (distance < kSeekLearnDistance) return;
   const int64_t steps = distance / 65536 > 0 ? distance / 65536 : 1;
   LearnSeekEstimate(&scheduler->seekEstimate[1], surplus / steps);
+}
+
+// Whether the completion readied a root on the callback scheduler whose
+// deadline falls within kUrgentHandOff of now.  Chunk lock held: the
+// callback thread may free a root as soon as it is kicked.
+bool ReadiedUrgentRoot(const ReadyParents& ready, ZulKestTime now) {
+  if ((ready.places & PlaceBit(&g_callbackScheduler)) == 0) return false;
+  for (uint32_t i = 0; i < ready.count && i < kReadyParentIds; ++i) {
+    const ChunkHeader* parent = ChunkAt(ready.ids[i]);
+    if (parent->type == CHUNK_ROOT && parent->deadline - now < kUrgentHandOff) return true;
+  }
+  return false;
 }
 
 // The schedulers to kick once the chunk has completed, gathered before: a
@@ -345,6 +360,10 @@ void SchedulerThread(void* argument) {
     if (scheduler->shuttingDown && scheduler->m_queueCount == 0) break;
     if (__atomic_load_n(&scheduler->activeThreads, __ATOMIC_ACQUIRE) < scheduler->threadCount &&
         SuspendCount() <= 0) {
+      // The callback thread has a core: the urgent roots ready now are
+      // about to run.
+      if (__atomic_load_n(&scheduler->urgentRootReady, __ATOMIC_RELAXED) != 0)
+        __atomic_store_n(&scheduler->urgentRootReady, 0u, __ATOMIC_RELAXED);
       const ChunkID c = NextEligible(scheduler);
       if (c != CHUNKID_INVALID) {
         __atomic_add_fetch(&scheduler->activeThreads, 1, __ATOMIC_ACQ_REL);
@@ -618,8 +637,11 @@ int32_t ExecuteChunk(Scheduler* scheduler, ChunkID id, bool fastPath) REQUIRES(s
     if (!fastPath) kick = SchedulersToKick(scheduler, id);
     measured = Measure(id);
     const bool isRoot = CompleteChunk(id, result, &ready);
-    elapsed = zulKestTimeGetCurrent() - start;
+    const ZulKestTime now = zulKestTimeGetCurrent();
+    elapsed = now - start;
     if (isRoot) ReleaseFinishedRoot(id);
+    if (!fastPath && scheduler != &g_callbackScheduler && ReadiedUrgentRoot(ready, now))
+      __atomic_store_n(&g_callbackScheduler.urgentRootReady, 1u, __ATOMIC_RELAXED);
   }
   // A caller's chunk kicks only the queues it made ready (its own is
   // kicked below); a thread's kicks those that may wait on it.
@@ -637,13 +659,18 @@ int32_t ExecuteChunk(Scheduler* scheduler, ChunkID id, bool fastPath) REQUIRES(s
     if (fastPath) KickHeld(scheduler, true);
   }
   // An I/O thread with more work queued would keep its core while the
-  // callback thread it just readied waits for one: with as many busy I/O
-  // threads as cores, the kernel lets the running thread finish its time
-  // slice first (milliseconds), and every operation it completed meanwhile
-  // waits as long.  Yielding hands the core over now.  With nothing queued
-  // the thread is about to go idle anyway.
+  // callback thread waits for one: with as many busy I/O threads as cores,
+  // the kernel lets the running thread finish its time slice first
+  // (milliseconds), and every operation completed meanwhile waits as long.
+  // While a root due within a few time slices is ready, every I/O thread
+  // that finishes a chunk hands its core over (the callback thread may be
+  // queued behind either).  Not for the others: a yield per completion
+  // costs the callback thread its batching (at 1024 reads in flight, a
+  // third of the throughput).  With nothing queued the I/O thread is about
+  // to go idle anyway.
   if (!fastPath && scheduler != &g_callbackScheduler &&
-      (ready.places & PlaceBit(&g_callbackScheduler)) != 0 && scheduler->m_queueCount != 0) {
+      __atomic_load_n(&g_callbackScheduler.urgentRootReady, __ATOMIC_RELAXED) != 0 &&
+      scheduler->m_queueCount != 0) {
     MutexUnlock(&scheduler->mutex);
     YieldProcessor();
     MutexLock(&scheduler->mutex);
