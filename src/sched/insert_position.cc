@@ -210,7 +210,7 @@ uint64_t PlaceBySimulation(Scheduler* scheduler, ChunkID id, ZulKestTime start, 
   for (uint64_t c = 0; c < count; ++c) {
     const ChunkID queued = QueueAt(scheduler, c);
     if (ChunkAt(queued)->deadline < minDeadline) minDeadline = ChunkAt(queued)->deadline;
-    if (ChunkAt(queued)->deadline < chunk->deadline) ++earlierDeadlines;
+    if (deadlineOrder && ChunkAt(queued)->deadline < chunk->deadline) ++earlierDeadlines;
     EstimateState trial = prefix;
     const int32_t lateness = EstimateStep(scheduler, id, INT32_MAX, &trial);
     trial.laterHigher = 0;
@@ -280,9 +280,11 @@ uint64_t PlaceBySimulation(Scheduler* scheduler, ChunkID id, ZulKestTime start, 
     const uint8_t flags = scratch->flags[c];
     if ((flags & kLaterHigher) == 0 && (flags & (kEligible | kLaterEqual)) != 0)
       consider(c, scratch->misses[c], inversions(), prefix.clock + scratch->shift[c]);
-    const ZulKestTime deadline = ChunkAt(QueueAt(scheduler, c))->deadline;
-    if (deadline > chunk->deadline) ++laterAhead;
-    if (deadline < chunk->deadline) ++earlierAhead;
+    if (deadlineOrder) {
+      const ZulKestTime deadline = ChunkAt(QueueAt(scheduler, c))->deadline;
+      if (deadline > chunk->deadline) ++laterAhead;
+      if (deadline < chunk->deadline) ++earlierAhead;
+    }
   }
   // At the back nothing follows the new chunk.
   EstimateState trial = prefix;
