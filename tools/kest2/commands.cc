@@ -23,6 +23,28 @@
 #include "kest2/verify_command.h"
 
 namespace kest2_cli {
+
+int ParseFlags(const char* command, const Arguments& arguments, std::initializer_list<Flag> flags,
+               std::vector<std::string>* operands) {
+  bool optionsEnded = false;
+  for (const std::string& argument : arguments) {
+    if (optionsEnded || argument.size() < 2 || argument[0] != '-') {
+      operands->push_back(argument);
+      continue;
+    }
+    if (argument == "--") {
+      optionsEnded = true;
+      continue;
+    }
+    const Flag* known = std::find_if(flags.begin(), flags.end(), [&argument](const Flag& flag) {
+      return argument == flag.name || (flag.alias != nullptr && argument == flag.alias);
+    });
+    if (known == flags.end()) return UsageError(command, "unknown option " + argument);
+    *known->value = true;
+  }
+  return 0;
+}
+
 namespace {
 
 constexpr int64_t kTransferSize = 1 << 20;

@@ -7,6 +7,7 @@
 #ifndef KEST2_TOOLS_KEST2_COMMANDS_H_
 #define KEST2_TOOLS_KEST2_COMMANDS_H_
 
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,19 @@ struct Command {
   int (*run)(const Arguments& arguments);
   bool usesLibrary = true;  // run inside a library session
 };
+
+// An on/off option of a command, under one or two spellings.
+struct Flag {
+  const char* name;
+  const char* alias;  // nullptr: none
+  bool* value;        // set when the option is given
+};
+
+// Splits a command's arguments into operands and the flags it knows: "--"
+// ends the options, and "-" alone is an operand.  Returns 0, or the exit
+// status of the usage error it printed for an unknown option.
+int ParseFlags(const char* command, const Arguments& arguments, std::initializer_list<Flag> flags,
+               std::vector<std::string>* operands);
 
 // The commands, in the order the help lists them; ends with a null name.
 const Command* Commands();

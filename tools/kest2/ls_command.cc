@@ -120,19 +120,11 @@ class Lister {
 }  // namespace
 
 int Ls(const Arguments& arguments) {
-  bool recursive = false, optionsEnded = false;
+  bool recursive = false;
   std::vector<std::string> operands;
-  for (const std::string& argument : arguments) {
-    if (optionsEnded || argument.size() < 2 || argument[0] != '-') {
-      operands.push_back(argument);
-    } else if (argument == "--") {
-      optionsEnded = true;
-    } else if (argument == "-R" || argument == "--recursive") {
-      recursive = true;
-    } else {
-      return UsageError("ls", "unknown option " + argument);
-    }
-  }
+  if (const int status =
+          ParseFlags("ls", arguments, {{"-R", "--recursive", &recursive}}, &operands))
+    return status;
   if (operands.size() > 2) return UsageError("ls", "expects [DIR | ARCHIVE [PATH]]");
   std::string archive, inside;
   if (operands.size() == 2) {

@@ -286,21 +286,12 @@ bool Unpacker::CopyThroughReader(const std::string& name, uint32_t entry, int fd
 }  // namespace
 
 int Unpack(const Arguments& arguments) {
-  bool force = false, strict = false, optionsEnded = false;
+  bool force = false, strict = false;
   std::vector<std::string> operands;
-  for (const std::string& argument : arguments) {
-    if (optionsEnded || argument.size() < 2 || argument[0] != '-') {
-      operands.push_back(argument);
-    } else if (argument == "--") {
-      optionsEnded = true;
-    } else if (argument == "--force") {
-      force = true;
-    } else if (argument == "--strict") {
-      strict = true;
-    } else {
-      return UsageError("unpack", "unknown option " + argument);
-    }
-  }
+  const int status =
+      ParseFlags("unpack", arguments,
+                 {{"--force", nullptr, &force}, {"--strict", nullptr, &strict}}, &operands);
+  if (status != 0) return status;
   if (operands.size() != 2) return UsageError("unpack", "expects ARCHIVE and DIR");
   Unpacker unpacker(operands[0], operands[1], force, strict);
   return unpacker.Run();

@@ -213,16 +213,7 @@ bool Verifier::CheckBlocks() {
 
 int Verify(const Arguments& arguments) {
   std::vector<std::string> operands;
-  bool optionsEnded = false;
-  for (const std::string& argument : arguments) {
-    if (optionsEnded || argument.size() < 2 || argument[0] != '-') {
-      operands.push_back(argument);
-    } else if (argument == "--") {
-      optionsEnded = true;
-    } else {
-      return UsageError("verify", "unknown option " + argument);
-    }
-  }
+  if (const int status = ParseFlags("verify", arguments, {}, &operands)) return status;
   if (operands.size() != 1) return UsageError("verify", "expects one ARCHIVE");
   Verifier verifier(operands[0]);
   return verifier.Run();
