@@ -2,7 +2,7 @@
 // against pools of the same number of threads that a user would write
 // instead: one serving requests in arrival order (FIFO, the floor) and one
 // serving the earliest deadline first (EDF).  kest2 runs twice: as it
-// comes, and with the deadline-order scheduling option (kest2-dl).
+// comes, and with the priority-order scheduling option (kest2-po).
 //
 // The default workload: waves of large background reads (1 MiB, low
 // priority, late deadlines), as when an application streams in bulk data,
@@ -23,9 +23,11 @@
 // and two workloads of their own:
 //   large     the same bytes per wave in 16 MiB reads, which a pool's pread
 //             cannot interrupt while kest2 cuts them into pieces;
-//   overload  background waves at twice the default for the first half of
-//             the run, with deadlines of 100 ms, then a quarter of it: more
-//             than the machine carries for a while, then relief.
+//   overload  background waves demanding 1.5 times what the contenders'
+//             pread threads carry (measured before the runs) for the first
+//             half of the run, with deadlines of 100 ms, then a quarter of
+//             the default: a backlog that outgrows its deadlines, then
+//             relief.  Only the urgent reads are judged there.
 // Rounds continue until every contender with misses has at least 30 (or 10
 // rounds have run), and each row prints the per-round median and spread.
 //
@@ -94,6 +96,7 @@ struct Config {
   int maxRounds = 10;
   int minMisses = 30;
   bool sweep = false;
+  std::string only;  // with --sweep: just the scenario of this name
   std::vector<int> threads = {1, 2};
 
   int64_t smallFileSize() const { return int64_t{smallFileMiB} << 20; }
@@ -108,15 +111,34 @@ struct Scenario {
   double load = 1;
   int64_t largeSize = kLargeSize;
   double largeDeadlineMs = 0;  // 0: the configuration's
-  bool overload = false;
+  // Overload: the first half of the waves demands this multiple of what the
+  // contenders' pread threads carry together; the rest demand `load`.
+  double overload = 0;
+  double peakLoad = 0;  // that demand as a multiple of the default (AtThreads)
 };
 
+// The default background demand, MiB per second.
+double DefaultMiBPerSecond(const Config& config) {
+  return config.readsPerWave * static_cast<double>(kLargeSize >> 20) /
+         (config.wavePeriodMs / 1000.0);
+}
+
+// The scenario as run with `threads` threads, each carrying
+// poolMiBPerSecond: an overload's peak follows the threads' capacity.
+Scenario AtThreads(const Config& config, Scenario scenario, int threads, double poolMiBPerSecond) {
+  if (scenario.overload > 0) {
+    scenario.peakLoad =
+        scenario.overload * poolMiBPerSecond * threads / DefaultMiBPerSecond(config);
+  }
+  return scenario;
+}
+
 // Background reads in wave `wave`: the same bytes as `load` times the
-// default wave, in reads of the scenario's size.  An overload doubles the
-// first half of the waves and quarters the rest.
+// default wave, in reads of the scenario's size; an overload's first half
+// of the waves at its peak.
 int ReadsInWave(const Config& config, const Scenario& scenario, int wave) {
-  double factor = scenario.load;
-  if (scenario.overload) factor *= wave < config.waves / 2 ? 2.0 : 0.25;
+  const bool peak = scenario.overload > 0 && wave < config.waves / 2;
+  const double factor = peak ? scenario.peakLoad : scenario.load;
   const double bytes = config.readsPerWave * factor * static_cast<double>(kLargeSize);
   return std::max(1,
                   static_cast<int>(std::lround(bytes / static_cast<double>(scenario.largeSize))));
@@ -197,6 +219,9 @@ bool ParseArgument(const char* argument, Config* config) {
     config->maxRounds = std::atoi(value);
   } else if (name == "--min-misses") {
     config->minMisses = std::atoi(value);
+  } else if (name == "--only") {
+    config->sweep = true;
+    config->only = value;
   } else if (name == "--threads") {
     config->threads.clear();
     for (const char* p = value; p != nullptr; p = std::strchr(p, ',')) {
@@ -287,7 +312,11 @@ void DrawRequests(const Config& config, const Scenario& scenario, uint64_t seed,
   }
 
   workload->smallBuffers.assign(small * kSmallSize, 1);
-  const size_t largeSlots = 4 * static_cast<size_t>(largestWave);
+  // Background reads share buffers (only their byte counts are checked):
+  // enough for four waves, at most 512 MiB.
+  const size_t largeSlots =
+      std::max<size_t>(1, std::min<size_t>(4 * static_cast<size_t>(largestWave),
+                                           (size_t{512} << 20) / static_cast<size_t>(largeSize)));
   workload->largeBuffers.assign(largeSlots * static_cast<size_t>(largeSize), 1);
   size_t nextLarge = 0;
   size_t nextSmall = 0;
@@ -571,10 +600,10 @@ void WarmAll(const Workload& workload) {
   for (const std::string& path : workload.paths) WarmFile(path);
 }
 
-// kest2 as it comes, kest2 with the deadline-order scheduling option, and
+// kest2 as it comes, kest2 with the priority-order scheduling option, and
 // the two pools.
-enum Contender { kKest2, kKest2Deadline, kEdf, kFifo, kContenders };
-const char* const kContenderNames[kContenders] = {"kest2", "kest2-dl", "edf", "fifo"};
+enum Contender { kKest2, kKest2Ordered, kEdf, kFifo, kContenders };
+const char* const kContenderNames[kContenders] = {"kest2", "kest2-po", "edf", "fifo"};
 
 // One scenario's counts: per thread count, per contender.
 using Tallies = std::vector<std::array<Tally, kContenders>>;
@@ -591,22 +620,23 @@ bool EnoughMisses(const Config& config, const Tallies& tallies) {
 
 // Runs the scenario's rounds: each draws its own request list, and each
 // contender in turn runs it, the first place rotating from round to round.
-Tallies RunScenario(const Config& config, const Scenario& scenario, Workload* workload,
-                    int* rounds) {
+Tallies RunScenario(const Config& config, const Scenario& scenario, double poolMiBPerSecond,
+                    Workload* workload, int* rounds) {
   Tallies tallies(config.threads.size());
   std::vector<Outcome> outcomes;
   int round = 0;
   while (round < config.maxRounds && (round < config.minRounds || !EnoughMisses(config, tallies))) {
-    DrawRequests(config, scenario, kBaseSeed + static_cast<uint64_t>(round), workload);
     for (size_t t = 0; t < config.threads.size(); ++t) {
+      const int threads = config.threads[t];
+      DrawRequests(config, AtThreads(config, scenario, threads, poolMiBPerSecond),
+                   kBaseSeed + static_cast<uint64_t>(round), workload);
       for (int turn = 0; turn < kContenders; ++turn) {
         const auto contender = static_cast<Contender>((round + turn) % kContenders);
-        const int threads = config.threads[t];
         WarmAll(*workload);
         ZulKestTime start;
-        if (contender == kKest2 || contender == kKest2Deadline) {
+        if (contender == kKest2 || contender == kKest2Ordered) {
           const uint32_t options =
-              contender == kKest2Deadline ? ZUL_KEST_SCHEDULING_DEADLINE_ORDER : 0;
+              contender == kKest2Ordered ? ZUL_KEST_SCHEDULING_PRIORITY_ORDER : 0;
           start = RunKest2(*workload, config, threads, options, false, &outcomes);
         } else {
           start =
@@ -622,15 +652,22 @@ Tallies RunScenario(const Config& config, const Scenario& scenario, Workload* wo
   return tallies;
 }
 
-void PrintScenario(const Config& config, const Scenario& scenario, const Tallies& tallies,
-                   int rounds) {
+void PrintScenario(const Config& config, const Scenario& scenario, double poolMiBPerSecond,
+                   const Tallies& tallies, int rounds) {
   const double deadlineMs =
       scenario.largeDeadlineMs > 0 ? scenario.largeDeadlineMs : config.largeDeadlineMs;
-  std::printf("\n%s: background reads of %lld MiB, %d per wave", scenario.name.c_str(),
-              static_cast<long long>(scenario.largeSize >> 20), ReadsInWave(config, scenario, 0));
-  if (scenario.overload) {
-    std::printf(" for %d waves, then %d", config.waves / 2,
+  std::printf("\n%s: background reads of %lld MiB, ", scenario.name.c_str(),
+              static_cast<long long>(scenario.largeSize >> 20));
+  if (scenario.overload > 0) {
+    for (int threads : config.threads) {
+      const Scenario run = AtThreads(config, scenario, threads, poolMiBPerSecond);
+      std::printf("%d per wave with %d thread%s, ", ReadsInWave(config, run, 0), threads,
+                  threads > 1 ? "s" : "");
+    }
+    std::printf("for %d waves, then %d", config.waves / 2,
                 ReadsInWave(config, scenario, config.waves - 1));
+  } else {
+    std::printf("%d per wave", ReadsInWave(config, scenario, 0));
   }
   std::printf(", due %.0f ms after arrival; %d rounds\n", deadlineMs, rounds);
   std::printf("%7s  %-9s %8s %7s %8s %7s %7s %9s %9s %9s %9s %9s %6s  %s\n", "threads", "scheduler",
@@ -646,9 +683,12 @@ void PrintScenario(const Config& config, const Scenario& scenario, const Tallies
   }
 }
 
-// The background's demand in its first wave (an overload's peak).
-double DemandMiBPerSecond(const Config& config, const Scenario& scenario) {
-  return ReadsInWave(config, scenario, 0) * static_cast<double>(scenario.largeSize >> 20) /
+// The background's demand in its first wave (an overload's peak) with
+// `threads` threads.
+double DemandMiBPerSecond(const Config& config, const Scenario& scenario, int threads,
+                          double poolMiBPerSecond) {
+  const Scenario run = AtThreads(config, scenario, threads, poolMiBPerSecond);
+  return ReadsInWave(config, run, 0) * static_cast<double>(run.largeSize >> 20) /
          (config.wavePeriodMs / 1000.0);
 }
 
@@ -662,13 +702,13 @@ struct ScenarioResult {
 // the urgent reads' under overload, where the background is meant to slip.
 int JudgedMisses(const ScenarioResult& result, size_t t, Contender contender) {
   const Tally& tally = result.tallies[t][contender];
-  return result.scenario.overload ? tally.smallMissed : tally.missed();
+  return result.scenario.overload > 0 ? tally.smallMissed : tally.missed();
 }
 
 const std::vector<double>& JudgedRounds(const ScenarioResult& result, size_t t,
                                         Contender contender) {
   const Tally& tally = result.tallies[t][contender];
-  return result.scenario.overload ? tally.roundSmallMisses : tally.roundMisses;
+  return result.scenario.overload > 0 ? tally.roundSmallMisses : tally.roundMisses;
 }
 
 // kest2's misses against EDF's: infinite when only kest2 missed, 1 when
@@ -688,8 +728,9 @@ void PrintGoal(const Config& config, const std::vector<ScenarioResult>& results,
   for (const char* name : kContenderNames) std::printf("  %-22s", name);
   std::printf("\n");
   for (const ScenarioResult& result : results) {
-    const double demand = DemandMiBPerSecond(config, result.scenario) / 1024.0;
     for (size_t t = 0; t < config.threads.size(); ++t) {
+      const double demand =
+          DemandMiBPerSecond(config, result.scenario, config.threads[t], poolMiBPerSecond) / 1024.0;
       std::printf("%-16s %7d %9.2f", result.scenario.name.c_str(), config.threads[t], demand);
       for (int c = 0; c < kContenders; ++c) {
         const auto contender = static_cast<Contender>(c);
@@ -704,17 +745,18 @@ void PrintGoal(const Config& config, const std::vector<ScenarioResult>& results,
   std::printf(
       "\ngoal: kest2 misses no more than edf at every load the pool carries "
       "(%.2f GiB/s per pread thread measured), fewer on large reads and overload; "
-      "kest2-dl is kest2 with the deadline-order scheduling option\n",
+      "kest2-po is kest2 with the priority-order scheduling option\n",
       poolMiBPerSecond / 1024.0);
   std::printf("%-16s %7s  %-9s %12s %12s %11s  %s\n", "scenario", "threads", "scheduler", "missed",
               "edf missed", "ratio", "goal");
   for (const ScenarioResult& result : results) {
-    const bool mustWin = result.scenario.overload || result.scenario.largeSize != kLargeSize;
-    const double demandMiBPerSecond = DemandMiBPerSecond(config, result.scenario);
+    const bool mustWin = result.scenario.overload > 0 || result.scenario.largeSize != kLargeSize;
     for (size_t t = 0; t < config.threads.size(); ++t) {
       const int e = JudgedMisses(result, t, kEdf);
-      const bool carried = demandMiBPerSecond <= poolMiBPerSecond * config.threads[t];
-      for (Contender contender : {kKest2, kKest2Deadline}) {
+      const bool carried =
+          DemandMiBPerSecond(config, result.scenario, config.threads[t], poolMiBPerSecond) <=
+          poolMiBPerSecond * config.threads[t];
+      for (Contender contender : {kKest2, kKest2Ordered}) {
         const int k = JudgedMisses(result, t, contender);
         char ratio[32] = "n/a";
         if (e != 0) std::snprintf(ratio, sizeof(ratio), "%.2f", static_cast<double>(k) / e);
@@ -726,7 +768,7 @@ void PrintGoal(const Config& config, const std::vector<ScenarioResult>& results,
         std::printf("%-16s %7d  %-9s %12d %12d %11s  %-7s %s\n", result.scenario.name.c_str(),
                     config.threads[t], kContenderNames[contender], k, e, ratio, goal, verdict);
         const std::string what = std::string("misses vs EDF") +
-                                 (contender == kKest2Deadline ? " (deadline order)" : "") + ", " +
+                                 (contender == kKest2Ordered ? " (priority order)" : "") + ", " +
                                  result.scenario.name + ", " + std::to_string(config.threads[t]) +
                                  " I/O thread" + (config.threads[t] > 1 ? "s" : "");
         SummaryRow("deadline", what.c_str(), Format("EDF %.0f missed", e), Format("%.0f missed", k),
@@ -736,106 +778,24 @@ void PrintGoal(const Config& config, const std::vector<ScenarioResult>& results,
   }
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  Config config;
-  for (int i = 1; i < argc; ++i) {
-    if (!ParseArgument(argv[i], &config) || !Valid(config)) {
-      std::printf(
-          "usage: %s [--sweep] [--waves=N] [--wave-reads=N] [--period-ms=X] [--small-gap-ms=X]\n"
-          "          [--small-deadline-ms=X] [--large-deadline-ms=X] [--small-files=N]\n"
-          "          [--small-file-mib=N] [--rounds=N | --max-rounds=N --min-misses=N]\n"
-          "          [--threads=1,2]   (1 to 3 threads)\n",
-          argv[0]);
-      return 2;
-    }
-  }
-  std::setvbuf(stdout, nullptr, _IOLBF, 0);
-
-  kest2_common::TempDir dir("kest2_bench_");
-  Workload workload = MakeWorkload(config, dir.path());
-  WarmAll(workload);
-  const Scenario standard{"load 1", 1.0};
-  DrawRequests(config, standard, kBaseSeed, &workload);
-  int small = 0;
-  for (const Request& request : workload.requests) small += request.large ? 0 : 1;
-  const int large = config.waves * config.readsPerWave;
-  const double largeUs = TimePread(workload.paths[0], kLargeSize, kLargeFileSize);
-  const double pieceUs = TimePread(workload.paths[0], kLargeSize / 2, kLargeFileSize);
-  const double smallUs = TimePread(workload.paths[kLargeFiles], kSmallSize, config.smallFileSize());
-
-  std::printf("kest2 deadline benchmark: large background reads and small urgent reads\n");
-  std::printf("page cache: warm (every file is read once before each run)\n");
-  std::printf("files: %d x %lld MiB for large reads, %d x %d MiB for small reads, in %s\n",
-              kLargeFiles, static_cast<long long>(kLargeFileSize >> 20), config.smallFiles,
-              config.smallFileMiB, dir.path().c_str());
-  std::printf(
-      "large: %d reads of 1 MiB per round in %d waves of %d, one wave every %.0f ms; "
-      "priority %d, deadline arrival + %.0f ms\n",
-      large, config.waves, config.readsPerWave, config.wavePeriodMs, config.largePriority,
-      config.largeDeadlineMs);
-  std::printf(
-      "small: about %d reads of 4 KiB per round, one every %.2f ms on average; "
-      "priority %d, deadline arrival + %.1f ms\n",
-      small, config.smallGapMs, config.smallPriority, config.smallDeadlineMs);
-  std::printf("warm pread, one thread alone: 1 MiB %.0f us, 512 KiB %.0f us, 4 KiB %.1f us\n",
-              largeUs, pieceUs, smallUs);
-  std::printf(
-      "a wave is %.1f ms of pread work for one thread; a small read served next waits "
-      "for at most the reads in progress (kest2 splits reads into 512 KiB pieces)\n",
-      config.readsPerWave * largeUs / 1000.0);
-  std::printf(
-      "kest2: ioThreadCount N, one scheduler, default maxChunk, default opflags (queued); "
-      "kest2-dl: the same with the deadline-order scheduling option; "
-      "edf: N pread workers, earliest deadline first; fifo: N pread workers in arrival "
-      "order\n");
-  std::printf(
-      "completion: kest2 when the completion callback runs, edf and fifo when pread "
-      "returns\n");
-  std::printf(
-      "rounds: %d to %d, until every contender with misses has %d; each with its own "
-      "request list, the contenders' order rotating; counts are summed over rounds\n",
-      config.minRounds, config.maxRounds, config.minMisses);
-
-  std::printf(
-      "latency: from scheduled arrival to completion; issue: from scheduled arrival "
-      "until the issuing call returned\n");
-
-  std::vector<Scenario> scenarios = {standard};
-  if (config.sweep) {
-    scenarios = {{"load 0.25", 0.25},
-                 {"load 0.5", 0.5},
-                 standard,
-                 {"load 1.5", 1.5},
-                 {"large reads", 1.0, int64_t{16} << 20},
-                 {"overload", 1.0, kLargeSize, 100, true}};
-  }
-  std::vector<ScenarioResult> results;
-  for (const Scenario& scenario : scenarios) {
-    int rounds = 0;
-    Tallies tallies = RunScenario(config, scenario, &workload, &rounds);
-    PrintScenario(config, scenario, tallies, rounds);
-    results.push_back(ScenarioResult{scenario, std::move(tallies), rounds});
-  }
-
+// The kest2 small reads' latency stage by stage, and the target against FIFO.
+void PrintStagesAndTarget(const Config& config, const ScenarioResult& standardResult,
+                          Workload* workload, double largeUs) {
+  const Scenario standard = standardResult.scenario;
   std::printf(
       "\nkest2 small reads, stage by stage (one more run per thread count on the first "
       "round's list, with the profiling hook timing each native pread)\n");
   std::printf("%7s  %-36s %9s %9s %9s %9s\n", "threads", "stage", "p50 ms", "p90 ms", "p99 ms",
               "max ms");
-  DrawRequests(config, standard, kBaseSeed, &workload);
+  DrawRequests(config, standard, kBaseSeed, workload);
   for (int threads : config.threads) {
-    WarmAll(workload);
+    WarmAll(*workload);
     TimeModel model;
     std::vector<Outcome> outcomes;
-    const ZulKestTime start = RunKest2(workload, config, threads, 0, true, &outcomes, &model);
-    PrintStages(threads, workload, start, outcomes, model, largeUs / 16.0);
+    const ZulKestTime start = RunKest2(*workload, config, threads, 0, true, &outcomes, &model);
+    PrintStages(threads, *workload, start, outcomes, model, largeUs / 16.0);
   }
 
-  const ScenarioResult& standardResult =
-      *std::find_if(results.begin(), results.end(),
-                    [](const ScenarioResult& r) { return r.scenario.name == "load 1"; });
   std::printf("\ntarget: kest2 misses under half of fifo's (kest2/fifo < 0.50), load 1\n");
   std::printf("%7s %8s %13s %13s %11s  %s\n", "threads", "requests", "kest2 missed", "fifo missed",
               "kest2/fifo", "target");
@@ -868,7 +828,101 @@ int main(int argc, char** argv) {
           static_cast<double>(k.missed()) / f.missed() < 0.5 ? "met" : "NOT met");
     }
   }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Config config;
+  for (int i = 1; i < argc; ++i) {
+    if (!ParseArgument(argv[i], &config) || !Valid(config)) {
+      std::printf(
+          "usage: %s [--sweep | --only=SCENARIO] [--waves=N] [--wave-reads=N] [--period-ms=X] "
+          "[--small-gap-ms=X]\n"
+          "          [--small-deadline-ms=X] [--large-deadline-ms=X] [--small-files=N]\n"
+          "          [--small-file-mib=N] [--rounds=N | --max-rounds=N --min-misses=N]\n"
+          "          [--threads=1,2]   (1 to 3 threads)\n",
+          argv[0]);
+      return 2;
+    }
+  }
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+
+  kest2_common::TempDir dir("kest2_bench_");
+  Workload workload = MakeWorkload(config, dir.path());
+  WarmAll(workload);
+  const Scenario standard{"load 1", 1.0};
+  DrawRequests(config, standard, kBaseSeed, &workload);
+  int small = 0;
+  for (const Request& request : workload.requests) small += request.large ? 0 : 1;
+  const int large = config.waves * config.readsPerWave;
+  const double largeUs = TimePread(workload.paths[0], kLargeSize, kLargeFileSize);
+  const double pieceUs = TimePread(workload.paths[0], kLargeSize / 2, kLargeFileSize);
+  const double smallUs = TimePread(workload.paths[kLargeFiles], kSmallSize, config.smallFileSize());
   // One pread thread carries 1 MiB per largeUs microseconds.
-  PrintGoal(config, results, 1e6 / largeUs);
+  const double poolMiBPerSecond = 1e6 / largeUs;
+
+  std::printf("kest2 deadline benchmark: large background reads and small urgent reads\n");
+  std::printf("page cache: warm (every file is read once before each run)\n");
+  std::printf("files: %d x %lld MiB for large reads, %d x %d MiB for small reads, in %s\n",
+              kLargeFiles, static_cast<long long>(kLargeFileSize >> 20), config.smallFiles,
+              config.smallFileMiB, dir.path().c_str());
+  std::printf(
+      "large: %d reads of 1 MiB per round in %d waves of %d, one wave every %.0f ms; "
+      "priority %d, deadline arrival + %.0f ms\n",
+      large, config.waves, config.readsPerWave, config.wavePeriodMs, config.largePriority,
+      config.largeDeadlineMs);
+  std::printf(
+      "small: about %d reads of 4 KiB per round, one every %.2f ms on average; "
+      "priority %d, deadline arrival + %.1f ms\n",
+      small, config.smallGapMs, config.smallPriority, config.smallDeadlineMs);
+  std::printf("warm pread, one thread alone: 1 MiB %.0f us, 512 KiB %.0f us, 4 KiB %.1f us\n",
+              largeUs, pieceUs, smallUs);
+  std::printf(
+      "a wave is %.1f ms of pread work for one thread; a small read served next waits "
+      "for at most the reads in progress (kest2 splits reads into 512 KiB pieces)\n",
+      config.readsPerWave * largeUs / 1000.0);
+  std::printf(
+      "kest2: ioThreadCount N, one scheduler, default maxChunk, default opflags (queued); "
+      "kest2-po: the same with the priority-order scheduling option; "
+      "edf: N pread workers, earliest deadline first; fifo: N pread workers in arrival "
+      "order\n");
+  std::printf(
+      "completion: kest2 when the completion callback runs, edf and fifo when pread "
+      "returns\n");
+  std::printf(
+      "rounds: %d to %d, until every contender with misses has %d; each with its own "
+      "request list, the contenders' order rotating; counts are summed over rounds\n",
+      config.minRounds, config.maxRounds, config.minMisses);
+
+  std::printf(
+      "latency: from scheduled arrival to completion; issue: from scheduled arrival "
+      "until the issuing call returned\n");
+
+  std::vector<Scenario> scenarios = {standard};
+  if (config.sweep) {
+    scenarios = {{"load 0.25", 0.25},
+                 {"load 0.5", 0.5},
+                 standard,
+                 {"load 1.5", 1.5},
+                 {"large reads", 1.0, int64_t{16} << 20},
+                 {"overload", 0.25, kLargeSize, 100, 1.5}};
+  }
+  std::vector<ScenarioResult> results;
+  for (const Scenario& scenario : scenarios) {
+    if (!config.only.empty() && scenario.name != config.only) continue;
+    int rounds = 0;
+    Tallies tallies = RunScenario(config, scenario, poolMiBPerSecond, &workload, &rounds);
+    PrintScenario(config, scenario, poolMiBPerSecond, tallies, rounds);
+    results.push_back(ScenarioResult{scenario, std::move(tallies), rounds});
+  }
+
+  // The stages and the target against FIFO are of the default load.
+  const auto standardResult =
+      std::find_if(results.begin(), results.end(),
+                   [](const ScenarioResult& r) { return r.scenario.name == "load 1"; });
+  if (standardResult != results.end())
+    PrintStagesAndTarget(config, *standardResult, &workload, largeUs);
+  PrintGoal(config, results, poolMiBPerSecond);
   return 0;
 }

@@ -20,6 +20,15 @@
  * a search of the whole queue for every chunk placed, where the default
  * often proves the back of the queue right without one.
  *
+ * ZUL_KEST_SCHEDULING_PRIORITY_ORDER: as the deadline order, with the
+ * priority ranked first: a queued chunk of higher priority belongs ahead
+ * of the new one and one of lower priority behind it, whatever their
+ * deadlines; deadlines order chunks of equal priority.  It differs from
+ * the deadline order once chunks of low priority fall overdue (under
+ * overload): deadline order files a new urgent request behind them,
+ * priority order ahead.  Set together with the deadline order, the
+ * priority order is the one counted.
+ *
  * The options are process-wide and independent of initialisation: they may
  * be set before zulKestInitialize, stay set across zulKestTerminate, and
  * apply to every chunk placed after the call.
@@ -36,8 +45,10 @@ extern "C" {
 #endif
 
 #define ZUL_KEST_SCHEDULING_DEADLINE_ORDER 0x00000001u
+#define ZUL_KEST_SCHEDULING_PRIORITY_ORDER 0x00000002u
 /* Every option this library knows. */
-#define ZUL_KEST_SCHEDULING_ALL ZUL_KEST_SCHEDULING_DEADLINE_ORDER
+#define ZUL_KEST_SCHEDULING_ALL \
+  (ZUL_KEST_SCHEDULING_DEADLINE_ORDER | ZUL_KEST_SCHEDULING_PRIORITY_ORDER)
 
 /* Sets the options (ZUL_KEST_SCHEDULING_* or'ed; 0 for the default
  * placement).  Returns ZUL_KEST_OK, or ZUL_KEST_ERROR_BAD_ARGUMENT (an

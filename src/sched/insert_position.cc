@@ -11,12 +11,12 @@
 // fewest misses, then the earliest finish, wins.  Sequential reads of one
 // stream skip the simulation and are appended.
 //
-// With the deadline-order option, places that miss equally are told apart
-// by deadline order before the finish: the fewest queued chunks left on the
-// wrong side of the new one (a later deadline ahead of it, an earlier one
-// behind).  On storage where seeks cost next to nothing the estimated
-// finish only measures the model's seek costs, and chasing it files an
-// urgent read behind bulk reads that the model already counts late.
+// With an ordering option, places that miss equally are told apart by
+// order before the finish: the fewest queued chunks left on the wrong side
+// of the new one (by deadline, or by priority and then deadline).  On
+// storage where seeks cost next to nothing the estimated finish only
+// measures the model's seek costs, and chasing it files an urgent read
+// behind bulk reads that the model already counts late.
 
 #include <algorithm>
 #include <climits>
@@ -61,11 +61,30 @@ ZulKestTime SeekCost(const Scheduler* scheduler, const PositionKey& head, const 
 
 uint32_t g_placementOptions;
 
+// The order the ordering options count inversions against: by deadline,
+// or by priority first (higher first) and deadline among equals.
+enum class QueueOrder { kNone, kDeadline, kPriorityThenDeadline };
+
+QueueOrder OrderOf(uint32_t options) {
+  if ((options & ZUL_KEST_SCHEDULING_PRIORITY_ORDER) != 0) return QueueOrder::kPriorityThenDeadline;
+  if ((options & ZUL_KEST_SCHEDULING_DEADLINE_ORDER) != 0) return QueueOrder::kDeadline;
+  return QueueOrder::kNone;
+}
+
+// -1 when `queued` belongs ahead of `chunk` in that order, 1 when behind
+// it, 0 when neither.
+int CompareInOrder(QueueOrder order, const ChunkHeader* queued, const ChunkHeader* chunk) {
+  if (order == QueueOrder::kPriorityThenDeadline && queued->priority != chunk->priority)
+    return queued->priority > chunk->priority ? -1 : 1;
+  if (queued->deadline != chunk->deadline) return queued->deadline < chunk->deadline ? -1 : 1;
+  return 0;
+}
+
 struct Candidate {
   bool found = false;
   uint64_t index = 0;
   uint32_t misses = 0;
-  uint64_t inversions = 0;  // counted only under the deadline-order option
+  uint64_t inversions = 0;  // counted only under an ordering option
   ZulKestTime clock = 0;
 };
 
@@ -195,12 +214,13 @@ bool BackWinsOutright(const Scheduler* scheduler, ChunkID id, ZulKestTime start)
 // makes late, and a last pass picks the winner: O(n log n) instead of
 // simulating the rest of the queue for every index.
 // The simulated queue starts at `start`.
-uint64_t PlaceBySimulation(Scheduler* scheduler, ChunkID id, ZulKestTime start, bool deadlineOrder)
+uint64_t PlaceBySimulation(Scheduler* scheduler, ChunkID id, ZulKestTime start, QueueOrder order)
     REQUIRES(scheduler->mutex) {
   InsertScratch* scratch = &scheduler->insertScratch;
   const uint64_t count = scheduler->m_queueCount;
   const ChunkHeader* chunk = ChunkAt(id);
-  uint64_t earlierDeadlines = 0;  // queued chunks due before the new one
+  const bool ordered = order != QueueOrder::kNone;
+  uint64_t belongAhead = 0;  // queued chunks that belong ahead of the new one
 
   EstimateState prefix{};
   prefix.clock = start;
@@ -210,7 +230,7 @@ uint64_t PlaceBySimulation(Scheduler* scheduler, ChunkID id, ZulKestTime start, 
   for (uint64_t c = 0; c < count; ++c) {
     const ChunkID queued = QueueAt(scheduler, c);
     if (ChunkAt(queued)->deadline < minDeadline) minDeadline = ChunkAt(queued)->deadline;
-    if (deadlineOrder && ChunkAt(queued)->deadline < chunk->deadline) ++earlierDeadlines;
+    if (ordered && CompareInOrder(order, ChunkAt(queued), chunk) < 0) ++belongAhead;
     EstimateState trial = prefix;
     const int32_t lateness = EstimateStep(scheduler, id, INT32_MAX, &trial);
     trial.laterHigher = 0;
@@ -270,20 +290,19 @@ uint64_t PlaceBySimulation(Scheduler* scheduler, ChunkID id, ZulKestTime start, 
         best.found && misses == best.misses && inversions == best.inversions && clock == best.clock;
     if (better || (tie && takeTies)) best = Candidate{true, index, misses, inversions, clock};
   };
-  // Inversions at index c: later deadlines ahead of it plus earlier ones
-  // from c on.  Without the option every place counts 0.
-  uint64_t laterAhead = 0, earlierAhead = 0;
-  auto inversions = [&]() {
-    return deadlineOrder ? laterAhead + earlierDeadlines - earlierAhead : 0;
-  };
+  // Inversions at index c: the chunks ahead of it that belong behind the
+  // new one plus those from c on that belong ahead.  Without an ordering
+  // option every place counts 0.
+  uint64_t behindButAhead = 0, aheadAlready = 0;
+  auto inversions = [&]() { return behindButAhead + belongAhead - aheadAlready; };
   for (uint64_t c = 0; c < count; ++c) {
     const uint8_t flags = scratch->flags[c];
     if ((flags & kLaterHigher) == 0 && (flags & (kEligible | kLaterEqual)) != 0)
       consider(c, scratch->misses[c], inversions(), prefix.clock + scratch->shift[c]);
-    if (deadlineOrder) {
-      const ZulKestTime deadline = ChunkAt(QueueAt(scheduler, c))->deadline;
-      if (deadline > chunk->deadline) ++laterAhead;
-      if (deadline < chunk->deadline) ++earlierAhead;
+    if (ordered) {
+      const int side = CompareInOrder(order, ChunkAt(QueueAt(scheduler, c)), chunk);
+      if (side > 0) ++behindButAhead;
+      if (side < 0) ++aheadAlready;
     }
   }
   // At the back nothing follows the new chunk.
@@ -402,11 +421,12 @@ uint64_t FindInsertPosition(Scheduler* scheduler, ChunkID id) {
   // or just after now when none runs.
   const ZulKestTime running = __atomic_load_n(&scheduler->runningFinish, __ATOMIC_RELAXED);
   const ZulKestTime start = running != 0 ? running : now + kIdleStartDelay;
-  // The shortcut proves the back wins on misses and finish only; under the
-  // deadline-order option a chunk due before queued ones may not go there.
-  const bool deadlineOrder = (PlacementOptions() & ZUL_KEST_SCHEDULING_DEADLINE_ORDER) != 0;
-  if (!deadlineOrder && BackWinsOutright(scheduler, id, start)) return count;
-  return PlaceBySimulation(scheduler, id, start, deadlineOrder);
+  // The shortcut proves the back wins on misses and finish only; under an
+  // ordering option a chunk that belongs ahead of queued ones may not go
+  // there.
+  const QueueOrder order = OrderOf(PlacementOptions());
+  if (order == QueueOrder::kNone && BackWinsOutright(scheduler, id, start)) return count;
+  return PlaceBySimulation(scheduler, id, start, order);
 }
 
 uint32_t PlacementOptions() { return __atomic_load_n(&g_placementOptions, __ATOMIC_RELAXED); }

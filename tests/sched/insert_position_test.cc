@@ -156,10 +156,27 @@ TEST_F(InsertPositionTest, DeadlineOrderKeepsLateHigherPriorityChunksAhead) {
   EXPECT_EQ(Place(earlier), 0u);
 }
 
+// Under overload the bulk reads queued earlier fall overdue, and deadline
+// order files a new urgent read behind them (next to an urgent read already
+// there); priority order puts it ahead of every lower priority.
+TEST_F(InsertPositionTest, PriorityOrderPutsAnUrgentReadAheadOfOverdueBulkReads) {
+  const ZulKestTime soon = kBase + kMs / 2;  // late wherever it goes
+  auto overdue = [this](int64_t position) { return Read(position, k64K, kBase - 10 * kMs, -10); };
+  Queue({overdue(0), overdue(k64K), Read(300 * k64K, 4096, soon - kMs / 10, 10), overdue(2 * k64K),
+         overdue(3 * k64K)});
+  const ChunkID urgent = Read(100 * k64K, 4096, soon, 10);
+  ASSERT_EQ(zulKestSetSchedulingOptions(ZUL_KEST_SCHEDULING_DEADLINE_ORDER), ZUL_KEST_OK);
+  EXPECT_EQ(Place(urgent), 3u);  // behind everything due before it
+  ASSERT_EQ(zulKestSetSchedulingOptions(ZUL_KEST_SCHEDULING_PRIORITY_ORDER), ZUL_KEST_OK);
+  EXPECT_EQ(Place(urgent), 0u);  // only the urgent read due before it is behind
+  ASSERT_EQ(zulKestSetSchedulingOptions(ZUL_KEST_SCHEDULING_ALL), ZUL_KEST_OK);
+  EXPECT_EQ(Place(urgent), 0u);  // priority order includes deadline order
+}
+
 TEST_F(InsertPositionTest, SchedulingOptionsRejectUnknownBits) {
   EXPECT_EQ(zulKestGetSchedulingOptions(), 0u);
   EXPECT_EQ(zulKestSetSchedulingOptions(ZUL_KEST_SCHEDULING_DEADLINE_ORDER), ZUL_KEST_OK);
-  EXPECT_EQ(zulKestSetSchedulingOptions(0x2u), ZUL_KEST_ERROR_BAD_ARGUMENT);
+  EXPECT_EQ(zulKestSetSchedulingOptions(0x4u), ZUL_KEST_ERROR_BAD_ARGUMENT);
   EXPECT_EQ(zulKestGetSchedulingOptions(), ZUL_KEST_SCHEDULING_DEADLINE_ORDER);
   EXPECT_EQ(zulKestSetSchedulingOptions(0), ZUL_KEST_OK);
   EXPECT_EQ(zulKestGetSchedulingOptions(), 0u);
@@ -184,7 +201,7 @@ TEST_F(InsertPositionTest, InsertingAtTheFrontWrapsThePosition) {
 // every candidate index (quadratic; the library's own search must agree).
 // With deadlineOrder, equal misses are told apart first by the queued
 // chunks left on the wrong side of the new one, counted afresh per index.
-uint64_t ReferencePlace(Scheduler* s, ChunkID id, bool deadlineOrder = false) {
+uint64_t ReferencePlace(Scheduler* s, ChunkID id, uint32_t options = 0) {
   const ChunkHeader* chunk = ChunkAt(id);
   const uint64_t count = s->m_queueCount;
   if (count == 0) return 0;
@@ -212,9 +229,14 @@ uint64_t ReferencePlace(Scheduler* s, ChunkID id, bool deadlineOrder = false) {
   ZulKestTime bestClock = 0;
   for (uint64_t c = 0; c <= count; ++c) {
     uint64_t inversions = 0;
-    for (uint64_t i = 0; deadlineOrder && i < count; ++i) {
-      const ZulKestTime deadline = ChunkAt(QueueAt(s, i))->deadline;
-      if (i < c ? deadline > chunk->deadline : deadline < chunk->deadline) ++inversions;
+    for (uint64_t i = 0; options != 0 && i < count; ++i) {
+      const ChunkHeader* queued = ChunkAt(QueueAt(s, i));
+      // Ahead (-1) or behind (1) the new chunk in the option's order.
+      int side = queued->deadline < chunk->deadline ? -1 : queued->deadline > chunk->deadline;
+      if ((options & ZUL_KEST_SCHEDULING_PRIORITY_ORDER) != 0 &&
+          queued->priority != chunk->priority)
+        side = queued->priority > chunk->priority ? -1 : 1;
+      if (i < c ? side > 0 : side < 0) ++inversions;
     }
     EstimateState trial = prefix;
     const ZulKestTime before = trial.clock;
@@ -285,8 +307,11 @@ TEST_F(InsertPositionTest, PlacementMatchesTheRuleSimulatedAtEveryIndex) {
   };
   std::vector<ChunkID> queued;
   for (int round = 0; round < 1000; ++round) {
-    const bool deadlineOrder = round % 2 == 1;
-    zulKestSetSchedulingOptions(deadlineOrder ? ZUL_KEST_SCHEDULING_DEADLINE_ORDER : 0);
+    // The default rule, deadline order and priority order in turn.
+    const uint32_t kOptions[] = {0, ZUL_KEST_SCHEDULING_DEADLINE_ORDER,
+                                 ZUL_KEST_SCHEDULING_PRIORITY_ORDER};
+    const uint32_t options = kOptions[round % 3];
+    zulKestSetSchedulingOptions(options);
     s->typeEstimate[CHUNK_STAT] = rng() % 2 == 0 ? 0 : kMs;
     s->typeEstimate[CHUNK_FH_READ] = 2 * kMs;  // per 64 KiB
     s->seekEstimate[0] = 3 * kMs;
@@ -305,7 +330,7 @@ TEST_F(InsertPositionTest, PlacementMatchesTheRuleSimulatedAtEveryIndex) {
     for (int trial = 0; trial < 5; ++trial) {
       const ChunkID fresh = randomChunk(&streamEnd);
       const uint64_t placed = Place(fresh);  // stamps a missing deadline first
-      ASSERT_EQ(placed, ReferencePlace(s, fresh, deadlineOrder))
+      ASSERT_EQ(placed, ReferencePlace(s, fresh, options))
           << "seed " << seed << " round " << round << " queue " << s->m_queueCount;
       DeallocateChunk(fresh);
     }
