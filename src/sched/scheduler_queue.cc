@@ -91,7 +91,9 @@ void RemoveFromQueue(Scheduler* scheduler, uint64_t index) {
   scheduler->queue[scheduler->queuePosition] = 0;
   scheduler->queuePosition = (scheduler->queuePosition + 1) % kQueueSize;
   scheduler->m_queueCount -= 1;
-  if (scheduler->m_queueCount == kQueueFullCount) CondSignal(&scheduler->queueFull);
+  // Every thread waiting for room is woken: the count passes the mark once
+  // on its way down, and a waiter left asleep then would sleep for good.
+  if (scheduler->m_queueCount == kQueueFullCount) CondBroadcast(&scheduler->queueFull);
 }
 
 bool AddReadyHint(Scheduler* scheduler, ChunkID id) {

@@ -370,6 +370,51 @@ TEST_F(EngineTest, ManyThreadsIssuingAtOnceAllGetTheirBytes) {
   EXPECT_TRUE(zulKestIsIdle());
 }
 
+// A full queue holds every submitting thread until there is room.  The
+// count passes the mark only once on its way down, so all of them must be
+// woken then, not one.
+TEST_F(EngineTest, EveryThreadWaitingForRoomInAFullQueueGoesOn) {
+  constexpr int kWaiters = 3;
+  constexpr int kFull = 8191;  // one above the mark at which submitters wait
+  ZulKestParams params = storage_.MakeParams(kFull + 64, 8, 4, 64, 65536);
+  params.pVprintf = kest2_test::OutputCapture::Hook();
+  ASSERT_EQ(zulKestInitialize(&params), ZUL_KEST_OK);
+  const std::string path = MakeFile("full", 4096, 13);
+  ZulKestFH fh = 0;
+  ASSERT_EQ(zulKestFHOpenSync(nullptr, &fh, path.c_str(), nullptr), ZUL_KEST_OK);
+  uint8_t byte = 0;
+  std::vector<ZulKestOp> ops;
+  zulKestSuspend();
+  for (int i = 0; i < kFull; ++i) {
+    ops.push_back(zulKestFHPread(nullptr, fh, &byte, 1, i % 4096));
+    ASSERT_NE(ops.back(), 0u);
+  }
+  std::atomic<int> done{0};
+  std::vector<std::thread> waiters;
+  for (int t = 0; t < kWaiters; ++t) {
+    waiters.emplace_back([&] {
+      uint8_t mine = 0;
+      EXPECT_EQ(zulKestOpSyncWaitForIO(zulKestFHPread(nullptr, fh, &mine, 1, 0)), 1);
+      ++done;
+    });
+  }
+  auto waiting = [this] {
+    const std::string text = output_.text();
+    int count = 0;
+    for (size_t at = text.find("queue is full, waiting"); at != std::string::npos;
+         at = text.find("queue is full, waiting", at + 1))
+      ++count;
+    return count;
+  };
+  ASSERT_TRUE(kest2_test::WaitUntil([&] { return waiting() == kWaiters; }));
+  zulKestResume();
+  // A waiter left asleep would hang here (the watchdog names the test).
+  for (auto& waiter : waiters) waiter.join();
+  EXPECT_EQ(done, kWaiters);
+  for (ZulKestOp op : ops) EXPECT_EQ(zulKestOpSyncWaitForIO(op), 1);
+  EXPECT_EQ(zulKestFHCloseSync(nullptr, fh), ZUL_KEST_OK);
+}
+
 TEST_F(EngineTest, TerminationWaitsForQueuedWorkToDrain) {
   Start(1, 65536);
   const std::string path = MakeFile("drain", 1 << 20, 8);
