@@ -170,7 +170,7 @@ TEST_F(InsertPositionTest, PriorityOrderPutsAnUrgentReadAheadOfOverdueBulkReads)
   ASSERT_EQ(zulKestSetSchedulingOptions(ZUL_KEST_SCHEDULING_PRIORITY_ORDER), ZUL_KEST_OK);
   EXPECT_EQ(Place(urgent), 0u);  // only the urgent read due before it is behind
   ASSERT_EQ(zulKestSetSchedulingOptions(ZUL_KEST_SCHEDULING_ALL), ZUL_KEST_OK);
-  EXPECT_EQ(Place(urgent), 0u);  // priority order includes deadline order
+  EXPECT_EQ(Place(urgent), 0u);  // with both set, the priority order counts
 }
 
 TEST_F(InsertPositionTest, SchedulingOptionsRejectUnknownBits) {
@@ -199,7 +199,7 @@ TEST_F(InsertPositionTest, InsertingAtTheFrontWrapsThePosition) {
 
 // The placement rule as stated: simulate the rest of the queue once for
 // every candidate index (quadratic; the library's own search must agree).
-// With deadlineOrder, equal misses are told apart first by the queued
+// Under an ordering option, equal misses are told apart first by the queued
 // chunks left on the wrong side of the new one, counted afresh per index.
 uint64_t ReferencePlace(Scheduler* s, ChunkID id, uint32_t options = 0) {
   const ChunkHeader* chunk = ChunkAt(id);
