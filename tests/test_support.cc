@@ -54,11 +54,21 @@ std::vector<uint8_t> ReadFile(const std::string& path) {
   return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
 }
 
-void WriteFile(const std::string& path, const std::vector<uint8_t>& bytes) {
+namespace {
+
+void WriteBytes(const std::string& path, const char* data, size_t size) {
   std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-  std::ofstream(path, std::ios::binary)
-      .write(reinterpret_cast<const char*>(bytes.data()),
-             static_cast<std::streamsize>(bytes.size()));
+  std::ofstream(path, std::ios::binary).write(data, static_cast<std::streamsize>(size));
+}
+
+}  // namespace
+
+void WriteFile(const std::string& path, const std::vector<uint8_t>& bytes) {
+  WriteBytes(path, reinterpret_cast<const char*>(bytes.data()), bytes.size());
+}
+
+void WriteFile(const std::string& path, const std::string& text) {
+  WriteBytes(path, text.data(), text.size());
 }
 
 pid_t SystemThreadId() { return static_cast<pid_t>(syscall(SYS_gettid)); }

@@ -42,6 +42,7 @@ class OutputCapture {
 std::vector<uint8_t> ReadFile(const std::string& path);
 // Writes a file whole, making its directories first.
 void WriteFile(const std::string& path, const std::vector<uint8_t>& bytes);
+void WriteFile(const std::string& path, const std::string& text);
 
 // Waits until condition() holds, yielding between looks; false when it
 // still does not after 30 s.  The bound only turns a hang into a failure:

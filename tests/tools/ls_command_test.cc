@@ -6,11 +6,11 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "common/temp_dir.h"
 #include "tools/crafted_archive.h"
+#include "test_support.h"
 #include "tools/program_run.h"
 
 namespace {
@@ -19,19 +19,14 @@ namespace fs = std::filesystem;
 using kest2_test::ProgramRun;
 using kest2_test::RunKest2;
 
-void Write(const std::string& path, const std::string& content) {
-  fs::create_directories(fs::path(path).parent_path());
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
-}
-
 class LsCommandTest : public testing::Test {
  protected:
   void SetUp() override {
     if (!kest2_test::HaveKest2Program()) GTEST_SKIP() << "built without the kest2 program";
-    Write(Tree() + "/a.txt", "a\n");
-    Write(Tree() + "/sub/b.txt", std::string(5000, 'b'));
-    Write(Tree() + "/sub/deeper/c.txt", "c\n");
-    Write(Tree() + "/sub2/d.txt", "dd\n");
+    kest2_test::WriteFile(Tree() + "/a.txt", "a\n");
+    kest2_test::WriteFile(Tree() + "/sub/b.txt", std::string(5000, 'b'));
+    kest2_test::WriteFile(Tree() + "/sub/deeper/c.txt", "c\n");
+    kest2_test::WriteFile(Tree() + "/sub2/d.txt", "dd\n");
     ASSERT_EQ(RunKest2({"pack", Tree(), Archive()}).status, 0);
   }
 

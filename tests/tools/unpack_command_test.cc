@@ -76,11 +76,6 @@ Tree ListTree(const std::string& root, const std::string& skip = "") {
   return tree;
 }
 
-void Write(const std::string& path, const std::string& content) {
-  fs::create_directories(fs::path(path).parent_path());
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
-}
-
 class UnpackCommandTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -109,11 +104,11 @@ class UnpackCommandTest : public testing::Test {
 
 TEST_F(UnpackCommandTest, PackedTreesComeBackByteForByte) {
   const std::string tree = Path("tree");
-  Write(tree + "/a/b/c/deep.txt", Text(1000));
-  Write(tree + "/a/several-blocks.txt", Text(5 * 4096 + 17));  // compressed blocks
-  Write(tree + "/a/noise.bin", Noise(3 * 4096 + 5, 1));        // stored with --store
-  Write(tree + "/empty", "");
-  Write(tree + "/top.txt", "top\n");
+  kest2_test::WriteFile(tree + "/a/b/c/deep.txt", Text(1000));
+  kest2_test::WriteFile(tree + "/a/several-blocks.txt", Text(5 * 4096 + 17));  // compressed blocks
+  kest2_test::WriteFile(tree + "/a/noise.bin", Noise(3 * 4096 + 5, 1));        // stored with --store
+  kest2_test::WriteFile(tree + "/empty", "");
+  kest2_test::WriteFile(tree + "/top.txt", "top\n");
   const Tree packed = ListTree(tree);
   // Both archive versions, and names stored with a leading "/" and hashed
   // upper-cased.
@@ -223,8 +218,8 @@ TEST_F(UnpackCommandTest, LinksPlantedUnderTheTargetAreNeverFollowed) {
 
 TEST_F(UnpackCommandTest, ForceReplacesRegularFilesOnly) {
   const std::string target = Path("out");
-  Write(target + "/f.txt", "old\n");
-  Write(Path("elsewhere.txt"), "elsewhere\n");
+  kest2_test::WriteFile(target + "/f.txt", "old\n");
+  kest2_test::WriteFile(Path("elsewhere.txt"), "elsewhere\n");
   ASSERT_EQ(::link(Path("elsewhere.txt").c_str(), (target + "/hard.txt").c_str()), 0);
   fs::create_directories(target + "/d");
   CraftedArchive archive;
@@ -313,7 +308,7 @@ TEST_F(UnpackCommandTest, MissingArchivesAndBadUsageSayWhat) {
   ProgramRun run = RunKest2({"unpack", Path("missing.zorba"), Path("out")});
   EXPECT_EQ(run.status, 1);
   EXPECT_EQ(run.err, "kest2 unpack: " + Path("missing.zorba") + ": No such file or directory\n");
-  Write(Path("not-an-archive"), "hello, this is text and no archive\n");
+  kest2_test::WriteFile(Path("not-an-archive"), "hello, this is text and no archive\n");
   run = RunKest2({"unpack", Path("not-an-archive"), Path("out")});
   EXPECT_EQ(run.status, 1);
   EXPECT_EQ(run.err, "kest2 unpack: " + Path("not-an-archive") +
