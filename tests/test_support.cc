@@ -4,10 +4,12 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <mutex>
+#include <random>
 
 #include "core/globals.h"
 
@@ -47,6 +49,12 @@ std::string OutputCapture::text() const {
 void OutputCapture::Clear() {
   std::lock_guard<std::mutex> lock(g_captureMutex);
   g_captured.clear();
+}
+
+uint32_t TestSeed() {
+  if (const char* replay = std::getenv("KEST2_TEST_SEED"))
+    return static_cast<uint32_t>(std::strtoul(replay, nullptr, 10));
+  return std::random_device{}();
 }
 
 std::vector<uint8_t> ReadFile(const std::string& path) {

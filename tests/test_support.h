@@ -44,6 +44,10 @@ std::vector<uint8_t> ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::vector<uint8_t>& bytes);
 void WriteFile(const std::string& path, const std::string& text);
 
+// The seed of a randomised test: KEST2_TEST_SEED when it is set, to replay
+// a failure the test reported with its seed, else a fresh one.
+uint32_t TestSeed();
+
 // Waits until condition() holds, yielding between looks; false when it
 // still does not after 30 s.  The bound only turns a hang into a failure:
 // what a test checks must never depend on how long the wait took.

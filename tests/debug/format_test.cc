@@ -3,6 +3,7 @@
 
 #include "common/random.h"
 #include "debug/format.h"
+#include "test_support.h"
 
 #include <gtest/gtest.h>
 
@@ -11,7 +12,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -260,7 +260,7 @@ struct Triple {
 int CompareTriples(const void* a, const void* b) { return std::memcmp(a, b, 3); }
 
 TEST(SortTest, RandomArraysMatchStdSort) {
-  const unsigned seed = std::random_device{}();
+  const unsigned seed = kest2_test::TestSeed();
   SCOPED_TRACE("seed " + std::to_string(seed));
   kest2_common::Random rng(seed);
   static_assert(sizeof(Triple) == 3, "packed element");

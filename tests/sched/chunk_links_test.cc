@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <random>
 #include <set>
 #include <string>
 #include <thread>
@@ -14,6 +13,7 @@
 #include "common/random.h"
 #include "debug/trace.h"
 #include "sched/chunk_tree_fixture.h"
+#include "test_support.h"
 
 namespace kest2 {
 namespace {
@@ -46,7 +46,7 @@ TEST_F(ChunkTreeTest, ChildListsKeepInsertionOrderAndFreeEmptiedRecords) {
   remove(2);
   ASSERT_NO_FATAL_FAILURE(check("third removed"));
 
-  const uint32_t seed = std::random_device{}();
+  const uint32_t seed = kest2_test::TestSeed();
   SCOPED_TRACE("seed " + std::to_string(seed));
   kest2_common::Random rng(seed);
   for (int step = 0; step < 200; ++step) {
@@ -160,7 +160,7 @@ TEST_F(ChunkTreeTest, ThreadsBuildLinkAndFreeTreesConcurrently) {
   const ChunkID global = GlobalRootChunk();
   const uint32_t base = Used();
   std::atomic<int> faults{0};
-  const uint32_t seed = std::random_device{}();
+  const uint32_t seed = kest2_test::TestSeed();
   SCOPED_TRACE("seed " + std::to_string(seed));
 
   auto worker = [&](uint32_t threadSeed) {
