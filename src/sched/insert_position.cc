@@ -44,20 +44,83 @@ bool IsTransfer(const ChunkHeader* chunk) {
   return chunk->type == CHUNK_FH_READ || chunk->type == CHUNK_FH_WRITE;
 }
 
-ZulKestTime SeekCost(const Scheduler* scheduler, const PositionKey& head, const PositionKey& key)
-    REQUIRES(scheduler->mutex) {
-  if (!SameStream(head, key)) return scheduler->seekEstimate[0];
-  if (key.position == head.position) return 0;
-  const uint64_t distance =
-      key.position > head.position
-          ? static_cast<uint64_t>(key.position) - static_cast<uint64_t>(head.position)
-          : static_cast<uint64_t>(head.position) - static_cast<uint64_t>(key.position);
-  const uint64_t steps = distance / 65536;
-  const uint64_t perStep = static_cast<uint64_t>(scheduler->seekEstimate[1]);
-  if (perStep != 0 && steps > static_cast<uint64_t>(kMaxSeekCost) / perStep) return kMaxSeekCost;
-  const uint64_t cost = steps * perStep;
-  return cost > static_cast<uint64_t>(kMaxSeekCost) ? kMaxSeekCost : static_cast<ZulKestTime>(cost);
-}
+// What the time model needs of one chunk, read once per placement.
+struct StepInput {
+  ZulKestTime cost;  // its own duration, seek aside
+  ZulKestTime deadline;
+  PositionKey key;  // positioned: where it starts
+  int64_t length;   // positioned: how far it goes
+  int8_t priority;
+  bool positioned;
+};
+
+// The time model as one placement applies it, with the seek cap's division
+// done once rather than at every step.
+class TimeModel {
+ public:
+  explicit TimeModel(const Scheduler* scheduler) REQUIRES(scheduler->mutex)
+      : m_estimates(scheduler->typeEstimate),
+        m_farSeek(scheduler->seekEstimate[0]),
+        m_perStep(static_cast<uint64_t>(scheduler->seekEstimate[1])),
+        m_maxSteps(m_perStep != 0 ? static_cast<uint64_t>(kMaxSeekCost) / m_perStep : UINT64_MAX) {}
+
+  StepInput Describe(ChunkID id) const {
+    const ChunkHeader* chunk = ChunkAt(id);
+    StepInput in{};
+    in.deadline = chunk->deadline;
+    in.priority = chunk->priority;
+    in.positioned = IsPositionedTransfer(chunk);
+    // Positioned: per 64 KiB, split so that large requests cannot overflow.
+    const ZulKestTime estimate = m_estimates[chunk->type];
+    if (!in.positioned) {
+      in.cost = estimate;
+      return in;
+    }
+    in.key = ChunkPositionKey(id);
+    in.length = reinterpret_cast<const ChunkFhIoRecord*>(chunk)->reqCount;
+    in.cost = (in.length / 65536) * estimate + ((in.length % 65536) * estimate) / 65536;
+    return in;
+  }
+
+  // Advances the simulation by one chunk; returns its lateness.
+  int32_t Step(const StepInput& in, int32_t referenceLateness, EstimateState* state) const {
+    state->clock += in.cost;
+    if (in.positioned) {
+      state->clock += Seek(state->head, in.key);
+      state->head = PositionKey{in.key.handle, in.key.position + in.length};
+    } else {
+      state->head.handle = -1;
+    }
+    int32_t lateness = kOnTime;
+    if (in.deadline < state->clock) {
+      ++state->misses;
+      lateness = in.priority;
+    }
+    if (lateness > referenceLateness) ++state->laterHigher;
+    if (lateness == referenceLateness) ++state->laterEqual;
+    return lateness;
+  }
+
+ private:
+  ZulKestTime Seek(const PositionKey& head, const PositionKey& key) const {
+    if (!SameStream(head, key)) return m_farSeek;
+    if (key.position == head.position) return 0;
+    const uint64_t distance =
+        key.position > head.position
+            ? static_cast<uint64_t>(key.position) - static_cast<uint64_t>(head.position)
+            : static_cast<uint64_t>(head.position) - static_cast<uint64_t>(key.position);
+    const uint64_t steps = distance / 65536;
+    if (steps > m_maxSteps) return kMaxSeekCost;
+    const uint64_t cost = steps * m_perStep;
+    return cost > static_cast<uint64_t>(kMaxSeekCost) ? kMaxSeekCost
+                                                      : static_cast<ZulKestTime>(cost);
+  }
+
+  const ZulKestTime* m_estimates;
+  ZulKestTime m_farSeek;
+  uint64_t m_perStep;   // per 64 KiB of distance
+  uint64_t m_maxSteps;  // more steps than this cost the cap
+};
 
 uint32_t g_placementOptions;
 
@@ -73,10 +136,10 @@ QueueOrder OrderOf(uint32_t options) {
 
 // -1 when `queued` belongs ahead of `chunk` in that order, 1 when behind
 // it, 0 when neither.
-int CompareInOrder(QueueOrder order, const ChunkHeader* queued, const ChunkHeader* chunk) {
-  if (order == QueueOrder::kPriorityThenDeadline && queued->priority != chunk->priority)
-    return queued->priority > chunk->priority ? -1 : 1;
-  if (queued->deadline != chunk->deadline) return queued->deadline < chunk->deadline ? -1 : 1;
+int CompareInOrder(QueueOrder order, const StepInput& queued, const StepInput& chunk) {
+  if (order == QueueOrder::kPriorityThenDeadline && queued.priority != chunk.priority)
+    return queued.priority > chunk.priority ? -1 : 1;
+  if (queued.deadline != chunk.deadline) return queued.deadline < chunk.deadline ? -1 : 1;
   return 0;
 }
 
@@ -89,9 +152,11 @@ struct Candidate {
 };
 
 // Per-candidate flags of InsertScratch::flags.
-constexpr uint8_t kLaterHigher = 1;  // a later chunk would be late with a higher lateness
-constexpr uint8_t kLaterEqual = 2;   // a later chunk would have the same lateness
-constexpr uint8_t kEligible = 4;     // no higher lateness than the chunk it follows
+constexpr uint8_t kLaterHigher = 1;     // a later chunk would be late with a higher lateness
+constexpr uint8_t kLaterEqual = 2;      // a later chunk would have the same lateness
+constexpr uint8_t kEligible = 4;        // no higher lateness than the chunk it follows
+constexpr uint8_t kBelongsAhead = 8;    // in the ordering option's order, ahead of the chunk
+constexpr uint8_t kBelongsBehind = 16;  // ... behind it
 
 int64_t SaturatingSub(int64_t a, int64_t b) {
   int64_t out;
@@ -99,27 +164,49 @@ int64_t SaturatingSub(int64_t a, int64_t b) {
   return b < 0 ? INT64_MAX : INT64_MIN;
 }
 
-// The chunks queued behind the candidate index: a Fenwick tree counts their
-// slacks by rank, a segment tree keeps the smallest slack per priority.
+// The chunks queued behind the candidate index, as far as a candidate's
+// shift can make them late.  Every shift lies in [minShift, maxShift]: a
+// chunk whose slack is below minShift is late behind every candidate and is
+// only counted (with its priority), one whose slack reaches maxShift is
+// never late.  Only the chunks in between go into a Fenwick tree over their
+// slack ranks and a segment tree of the smallest slack per priority; in a
+// long queue they are usually few, which keeps placement near linear.
 class LaterChunks {
  public:
-  LaterChunks(InsertScratch* scratch, uint64_t count) : m_s(scratch), m_count(count) {
-    std::memset(m_s->counts, 0, (count + 1) * sizeof(m_s->counts[0]));
+  LaterChunks(InsertScratch* scratch, uint64_t count, int64_t minShift, int64_t maxShift)
+      : m_s(scratch), m_minShift(minShift), m_maxShift(maxShift) {
+    for (uint64_t c = 0; c < count; ++c) {
+      const int64_t slack = m_s->slack[c];
+      if (slack >= minShift && slack < maxShift) m_s->order[m_middle++] = static_cast<uint16_t>(c);
+    }
+    std::sort(m_s->order, m_s->order + m_middle,
+              [this](uint16_t a, uint16_t b) { return m_s->slack[a] < m_s->slack[b]; });
+    for (uint64_t r = 0; r < m_middle; ++r) m_s->rank[m_s->order[r]] = static_cast<uint16_t>(r);
+    std::memset(m_s->counts, 0, (m_middle + 1) * sizeof(m_s->counts[0]));
     for (int64_t& slack : m_s->prioritySlack) slack = INT64_MAX;
+    std::memset(m_alwaysAt, 0, sizeof(m_alwaysAt));
   }
 
   void Add(uint64_t index, int8_t priority) {
-    for (uint64_t r = m_s->rank[index] + 1u; r <= m_count; r += r & (~r + 1)) ++m_s->counts[r];
+    ++m_added;
     const int64_t slack = m_s->slack[index];
+    if (slack >= m_maxShift) return;
+    if (slack < m_minShift) {
+      ++m_always;
+      m_alwaysAt[static_cast<uint8_t>(priority + 128)] = true;
+      if (priority > m_alwaysHighest) m_alwaysHighest = priority;
+      return;
+    }
+    m_middleAdded = true;
+    for (uint64_t r = m_s->rank[index] + 1u; r <= m_middle; r += r & (~r + 1)) ++m_s->counts[r];
     for (uint32_t node = 256u + static_cast<uint8_t>(priority + 128); node != 0; node >>= 1) {
       if (slack < m_s->prioritySlack[node]) m_s->prioritySlack[node] = slack;
     }
-    ++m_added;
   }
 
   // How many would miss their deadlines if their finish moved by shift.
   uint64_t Late(int64_t shift) const {
-    uint64_t below = 0, size = m_count;  // ranks whose slack < shift
+    uint64_t below = 0, size = m_middle;  // middle ranks whose slack < shift
     while (size > 0) {
       const uint64_t half = size / 2;
       if (m_s->slack[m_s->order[below + half]] < shift) {
@@ -129,13 +216,27 @@ class LaterChunks {
         size = half;
       }
     }
-    uint64_t late = 0;
+    uint64_t late = m_always;
     for (uint64_t r = below; r > 0; r -= r & (~r + 1)) late += m_s->counts[r];
     return late;
   }
 
-  // Whether one of them with a priority in [low, high] would be late.
-  bool LateWithPriority(int32_t low, int32_t high, int64_t shift) const {
+  // Whether one of them with a priority above `priority` would be late.
+  bool LateAbove(int32_t priority, int64_t shift) const {
+    return m_alwaysHighest > priority || (priority < 127 && MiddleLate(priority + 1, 127, shift));
+  }
+
+  // Whether one of them with exactly `priority` would be late.
+  bool LateAt(int32_t priority, int64_t shift) const {
+    return m_alwaysAt[priority + 128] || MiddleLate(priority, priority, shift);
+  }
+
+  uint64_t size() const { return m_added; }
+
+ private:
+  // Whether a middle chunk with a priority in [low, high] would be late.
+  bool MiddleLate(int32_t low, int32_t high, int64_t shift) const {
+    if (!m_middleAdded) return false;
     uint32_t left = 256u + static_cast<uint32_t>(low + 128);
     uint32_t right = 256u + static_cast<uint32_t>(high + 128) + 1u;
     for (; left < right; left >>= 1, right >>= 1) {
@@ -145,12 +246,15 @@ class LaterChunks {
     return false;
   }
 
-  uint64_t size() const { return m_added; }
-
- private:
   InsertScratch* m_s;
-  uint64_t m_count;
+  int64_t m_minShift;
+  int64_t m_maxShift;
+  uint64_t m_middle = 0;  // chunks between the bounds, ranked in m_s->order
   uint64_t m_added = 0;
+  uint64_t m_always = 0;  // added chunks late behind every candidate
+  bool m_middleAdded = false;
+  int32_t m_alwaysHighest = INT32_MIN;
+  bool m_alwaysAt[256];  // by priority + 128
 };
 
 // True when the back is where the simulation would put the chunk, proven
@@ -211,40 +315,53 @@ bool BackWinsOutright(const Scheduler* scheduler, ChunkID id, ZulKestTime start)
 // the clock (a positioned chunk's seek depends on its predecessor alone), so
 // one pass forward records each entry's slack and each candidate's shift,
 // one pass backward counts the entries behind each candidate that the shift
-// makes late, and a last pass picks the winner: O(n log n) instead of
+// makes late, and a last pass picks the winner: O(n log n) at worst, near
+// O(n) when few entries are within reach of the shifts, instead of
 // simulating the rest of the queue for every index.
 // The simulated queue starts at `start`.
 uint64_t PlaceBySimulation(Scheduler* scheduler, ChunkID id, ZulKestTime start, QueueOrder order)
     REQUIRES(scheduler->mutex) {
   InsertScratch* scratch = &scheduler->insertScratch;
   const uint64_t count = scheduler->m_queueCount;
-  const ChunkHeader* chunk = ChunkAt(id);
   const bool ordered = order != QueueOrder::kNone;
   uint64_t belongAhead = 0;  // queued chunks that belong ahead of the new one
 
+  const TimeModel model(scheduler);
+  const StepInput fresh = model.Describe(id);
   EstimateState prefix{};
   prefix.clock = start;
   prefix.head = PositionKey{scheduler->lastHandle, scheduler->lastEnd};
   int32_t previousLateness = 128;
   ZulKestTime minDeadline = LLONG_MAX;
+  int64_t minShift = INT64_MAX, maxShift = INT64_MIN;
+  // Queued chunks lie all over the chunk storage: each is fetched a few
+  // entries ahead of its step.
+  constexpr uint64_t kFetchAhead = 8;
+  for (uint64_t c = 0; c < count && c < kFetchAhead; ++c)
+    __builtin_prefetch(ChunkAt(QueueAt(scheduler, c)));
   for (uint64_t c = 0; c < count; ++c) {
-    const ChunkID queued = QueueAt(scheduler, c);
-    if (ChunkAt(queued)->deadline < minDeadline) minDeadline = ChunkAt(queued)->deadline;
-    if (ordered && CompareInOrder(order, ChunkAt(queued), chunk) < 0) ++belongAhead;
+    if (c + kFetchAhead < count) __builtin_prefetch(ChunkAt(QueueAt(scheduler, c + kFetchAhead)));
+    const StepInput queued = model.Describe(QueueAt(scheduler, c));
+    if (queued.deadline < minDeadline) minDeadline = queued.deadline;
+    const int side = ordered ? CompareInOrder(order, queued, fresh) : 0;
+    if (side < 0) ++belongAhead;
     EstimateState trial = prefix;
-    const int32_t lateness = EstimateStep(scheduler, id, INT32_MAX, &trial);
+    const int32_t lateness = model.Step(fresh, INT32_MAX, &trial);
     trial.laterHigher = 0;
     trial.laterEqual = 0;
-    EstimateStep(scheduler, queued, lateness, &trial);
-    const int32_t queuedLateness = EstimateStep(scheduler, queued, 128, &prefix);
-    scratch->slack[c] = SaturatingSub(ChunkAt(queued)->deadline, prefix.clock);
+    model.Step(queued, lateness, &trial);
+    const int32_t queuedLateness = model.Step(queued, 128, &prefix);
+    scratch->slack[c] = SaturatingSub(queued.deadline, prefix.clock);
     scratch->shift[c] = SaturatingSub(trial.clock, prefix.clock);
+    minShift = std::min(minShift, scratch->shift[c]);
+    maxShift = std::max(maxShift, scratch->shift[c]);
     scratch->misses[c] = trial.misses;
     scratch->lateness[c] = static_cast<int16_t>(lateness);
+    scratch->priority[c] = queued.priority;
     scratch->flags[c] = static_cast<uint8_t>(
         (trial.laterHigher != 0 ? kLaterHigher : 0) | (trial.laterEqual != 0 ? kLaterEqual : 0) |
-        (lateness <= previousLateness || c == 0 ? kEligible : 0));
-    scratch->order[c] = static_cast<uint16_t>(c);
+        (lateness <= previousLateness || c == 0 ? kEligible : 0) | (side < 0 ? kBelongsAhead : 0) |
+        (side > 0 ? kBelongsBehind : 0));
     previousLateness = queuedLateness;
   }
 
@@ -253,13 +370,9 @@ uint64_t PlaceBySimulation(Scheduler* scheduler, ChunkID id, ZulKestTime start, 
   if (scheduler->summary.count != count) RebuildQueueSummary(scheduler);
   scheduler->summary.minDeadline = minDeadline;
 
-  std::sort(scratch->order, scratch->order + count,
-            [scratch](uint16_t a, uint16_t b) { return scratch->slack[a] < scratch->slack[b]; });
-  for (uint64_t r = 0; r < count; ++r) scratch->rank[scratch->order[r]] = static_cast<uint16_t>(r);
-
-  LaterChunks later(scratch, count);
+  LaterChunks later(scratch, count, minShift, maxShift);
   for (uint64_t c = count; c-- > 0;) {
-    if (c + 1 < count) later.Add(c + 1, ChunkAt(QueueAt(scheduler, c + 1))->priority);
+    if (c + 1 < count) later.Add(c + 1, scratch->priority[c + 1]);
     const int64_t shift = scratch->shift[c];
     const int32_t lateness = scratch->lateness[c];
     const uint64_t late = later.Late(shift);
@@ -268,8 +381,8 @@ uint64_t PlaceBySimulation(Scheduler* scheduler, ChunkID id, ZulKestTime start, 
       higher = late != 0;
       equal = late != later.size();
     } else {
-      higher = lateness < 127 && later.LateWithPriority(lateness + 1, 127, shift);
-      equal = later.LateWithPriority(lateness, lateness, shift);
+      higher = later.LateAbove(lateness, shift);
+      equal = later.LateAt(lateness, shift);
     }
     scratch->misses[c] += static_cast<uint32_t>(late);
     scratch->flags[c] = static_cast<uint8_t>(scratch->flags[c] | (higher ? kLaterHigher : 0) |
@@ -278,7 +391,7 @@ uint64_t PlaceBySimulation(Scheduler* scheduler, ChunkID id, ZulKestTime start, 
 
   // On an exact tie the later place wins (behind its equals), except that
   // an unpositioned chunk that costs nothing stays in front.
-  const bool takeTies = IsPositionedTransfer(chunk) || scheduler->typeEstimate[chunk->type] > 0;
+  const bool takeTies = fresh.positioned || fresh.cost > 0;
   Candidate best;
   auto consider = [&best, takeTies](uint64_t index, uint32_t misses, uint64_t inversions,
                                     ZulKestTime clock) {
@@ -299,15 +412,12 @@ uint64_t PlaceBySimulation(Scheduler* scheduler, ChunkID id, ZulKestTime start, 
     const uint8_t flags = scratch->flags[c];
     if ((flags & kLaterHigher) == 0 && (flags & (kEligible | kLaterEqual)) != 0)
       consider(c, scratch->misses[c], inversions(), prefix.clock + scratch->shift[c]);
-    if (ordered) {
-      const int side = CompareInOrder(order, ChunkAt(QueueAt(scheduler, c)), chunk);
-      if (side > 0) ++behindButAhead;
-      if (side < 0) ++aheadAlready;
-    }
+    if ((flags & kBelongsBehind) != 0) ++behindButAhead;
+    if ((flags & kBelongsAhead) != 0) ++aheadAlready;
   }
   // At the back nothing follows the new chunk.
   EstimateState trial = prefix;
-  if (EstimateStep(scheduler, id, INT32_MAX, &trial) <= previousLateness || count == 0)
+  if (model.Step(fresh, INT32_MAX, &trial) <= previousLateness || count == 0)
     consider(count, trial.misses, inversions(), trial.clock);
   return best.found ? best.index : count;
 }
@@ -370,27 +480,8 @@ PositionKey ChunkPositionKey(ChunkID id) {
 
 int32_t EstimateStep(const Scheduler* scheduler, ChunkID id, int32_t referenceLateness,
                      EstimateState* state) {
-  const ChunkHeader* chunk = ChunkAt(id);
-  if (!IsPositionedTransfer(chunk)) {
-    state->clock += scheduler->typeEstimate[chunk->type];
-    state->head.handle = -1;
-  } else {
-    const PositionKey key = ChunkPositionKey(id);
-    const int64_t reqCount = reinterpret_cast<const ChunkFhIoRecord*>(chunk)->reqCount;
-    // Per-64-KiB estimate, split so that large requests cannot overflow.
-    const ZulKestTime perPiece = scheduler->typeEstimate[chunk->type];
-    state->clock += (reqCount / 65536) * perPiece + ((reqCount % 65536) * perPiece) / 65536 +
-                    SeekCost(scheduler, state->head, key);
-    state->head = PositionKey{key.handle, key.position + reqCount};
-  }
-  int32_t lateness = kOnTime;
-  if (chunk->deadline < state->clock) {
-    ++state->misses;
-    lateness = chunk->priority;
-  }
-  if (lateness > referenceLateness) ++state->laterHigher;
-  if (lateness == referenceLateness) ++state->laterEqual;
-  return lateness;
+  const TimeModel model(scheduler);
+  return model.Step(model.Describe(id), referenceLateness, state);
 }
 
 uint64_t FindInsertPosition(Scheduler* scheduler, ChunkID id) {

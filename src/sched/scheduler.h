@@ -45,10 +45,11 @@ struct InsertScratch {
   int64_t slack[kQueueSize];        // deadline minus simulated finish, as queued
   int64_t shift[kQueueSize];        // finish-time shift behind a candidate index
   uint32_t misses[kQueueSize];      // misses up to and including the entry there
-  uint16_t order[kQueueSize];       // indices by slack
-  uint16_t rank[kQueueSize];        // place of each index in `order`
-  uint16_t counts[kQueueSize + 1];  // Fenwick tree over ranks
+  uint16_t order[kQueueSize];       // indices within reach of the shifts, by slack
+  uint16_t rank[kQueueSize];        // place of such an index in `order`
+  uint16_t counts[kQueueSize + 1];  // Fenwick tree over those ranks
   int16_t lateness[kQueueSize];     // the new chunk's lateness at a candidate
+  int8_t priority[kQueueSize];      // the entry's priority
   uint8_t flags[kQueueSize];
   int64_t prioritySlack[512];  // minimum slack per priority, as a segment tree
 };
