@@ -29,6 +29,20 @@
  * priority order ahead.  Set together with the deadline order, the
  * priority order is the one counted.
  *
+ * ZUL_KEST_SCHEDULING_ORDER_ONLY, with one of the two orders: that order
+ * alone places a chunk, and the time model is not consulted.  The queue is
+ * kept sorted (a chunk goes behind its equals, and the next piece of a
+ * transfer at the back is appended), and a chunk finds its place by binary
+ * search, so placing costs O(log n) whatever the queue's depth; the full
+ * search costs O(n) per chunk and holds the scheduler for it, which under
+ * overload, with thousands of chunks queued, takes the time the reads
+ * need.  What is given up is every judgement of the model: seeks are not
+ * grouped, and a chunk may be filed where the model would see it, or
+ * others, miss.  With the deadline order the I/O threads serve the
+ * earliest deadline first; with the priority order the highest priority
+ * first.  Meant for storage where seeking costs next to nothing, as above.
+ * Set without an order, it is refused.
+ *
  * The options are process-wide and independent of initialisation: they may
  * be set before zulKestInitialize, stay set across zulKestTerminate, and
  * apply to every chunk placed after the call.
@@ -46,13 +60,16 @@ extern "C" {
 
 #define ZUL_KEST_SCHEDULING_DEADLINE_ORDER 0x00000001u
 #define ZUL_KEST_SCHEDULING_PRIORITY_ORDER 0x00000002u
+#define ZUL_KEST_SCHEDULING_ORDER_ONLY 0x00000004u
 /* Every option this library knows. */
-#define ZUL_KEST_SCHEDULING_ALL \
-  (ZUL_KEST_SCHEDULING_DEADLINE_ORDER | ZUL_KEST_SCHEDULING_PRIORITY_ORDER)
+#define ZUL_KEST_SCHEDULING_ALL                                                \
+  (ZUL_KEST_SCHEDULING_DEADLINE_ORDER | ZUL_KEST_SCHEDULING_PRIORITY_ORDER | \
+   ZUL_KEST_SCHEDULING_ORDER_ONLY)
 
 /* Sets the options (ZUL_KEST_SCHEDULING_* or'ed; 0 for the default
  * placement).  Returns ZUL_KEST_OK, or ZUL_KEST_ERROR_BAD_ARGUMENT (an
- * unknown bit; nothing changes).  Returns at once; thread-safe.  Chunks
+ * unknown bit, or ZUL_KEST_SCHEDULING_ORDER_ONLY without an order; nothing
+ * changes).  Returns at once; thread-safe.  Chunks
  * already queued keep their places. */
 KEST2_EXPORT int32_t zulKestSetSchedulingOptions(uint32_t options);
 /* The options in force.  Returns at once. */

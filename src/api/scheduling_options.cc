@@ -8,6 +8,10 @@ extern "C" {
 
 int32_t zulKestSetSchedulingOptions(uint32_t options) {
   if ((options & ~ZUL_KEST_SCHEDULING_ALL) != 0) return ZUL_KEST_ERROR_BAD_ARGUMENT;
+  constexpr uint32_t kOrders =
+      ZUL_KEST_SCHEDULING_DEADLINE_ORDER | ZUL_KEST_SCHEDULING_PRIORITY_ORDER;
+  if ((options & ZUL_KEST_SCHEDULING_ORDER_ONLY) != 0 && (options & kOrders) == 0)
+    return ZUL_KEST_ERROR_BAD_ARGUMENT;
   kest2::SetPlacementOptions(options);
   return ZUL_KEST_OK;
 }

@@ -16,7 +16,9 @@
 // of the new one (by deadline, or by priority and then deadline).  On
 // storage where seeks cost next to nothing the estimated finish only
 // measures the model's seek costs, and chasing it files an urgent read
-// behind bulk reads that the model already counts late.
+// behind bulk reads that the model already counts late.  With the
+// order-only option the order alone places the chunk, by binary search in
+// a queue it keeps sorted, and the model is not consulted.
 
 #include <algorithm>
 #include <climits>
@@ -422,6 +424,28 @@ uint64_t PlaceBySimulation(Scheduler* scheduler, ChunkID id, ZulKestTime start, 
   return best.found ? best.index : count;
 }
 
+// The order-only placement: behind every queued chunk that belongs ahead
+// of the new one or ties with it.  The queue is in that order when every
+// chunk in it was placed so, and then the chunks that belong ahead are a
+// prefix of it: a binary search finds its end.
+uint64_t PlaceInOrder(const Scheduler* scheduler, ChunkID id, QueueOrder order)
+    REQUIRES(scheduler->mutex) {
+  const TimeModel model(scheduler);
+  const StepInput fresh = model.Describe(id);
+  uint64_t ahead = 0, size = scheduler->m_queueCount;
+  while (size > 0) {
+    const uint64_t half = size / 2;
+    const StepInput queued = model.Describe(QueueAt(scheduler, ahead + half));
+    if (CompareInOrder(order, queued, fresh) <= 0) {
+      ahead += half + 1;
+      size -= half + 1;
+    } else {
+      size = half;
+    }
+  }
+  return ahead;
+}
+
 }  // namespace
 
 bool IsPositionedTransfer(const ChunkHeader* chunk) {
@@ -508,6 +532,11 @@ uint64_t FindInsertPosition(Scheduler* scheduler, ChunkID id) {
     }
   }
 
+  const uint32_t options = PlacementOptions();
+  const QueueOrder order = OrderOf(options);
+  if (order != QueueOrder::kNone && (options & ZUL_KEST_SCHEDULING_ORDER_ONLY) != 0)
+    return PlaceInOrder(scheduler, id, order);
+
   // The simulation starts when the running chunk is expected to finish,
   // or just after now when none runs.
   const ZulKestTime running = __atomic_load_n(&scheduler->runningFinish, __ATOMIC_RELAXED);
@@ -515,7 +544,6 @@ uint64_t FindInsertPosition(Scheduler* scheduler, ChunkID id) {
   // The shortcut proves the back wins on misses and finish only; under an
   // ordering option a chunk that belongs ahead of queued ones may not go
   // there.
-  const QueueOrder order = OrderOf(PlacementOptions());
   if (order == QueueOrder::kNone && BackWinsOutright(scheduler, id, start)) return count;
   return PlaceBySimulation(scheduler, id, start, order);
 }

@@ -168,14 +168,77 @@ TEST_F(InsertPositionTest, PriorityOrderPutsAnUrgentReadAheadOfOverdueBulkReads)
   EXPECT_EQ(Place(urgent), 3u);  // behind everything due before it
   ASSERT_EQ(zulKestSetSchedulingOptions(ZUL_KEST_SCHEDULING_PRIORITY_ORDER), ZUL_KEST_OK);
   EXPECT_EQ(Place(urgent), 0u);  // only the urgent read due before it is behind
-  ASSERT_EQ(zulKestSetSchedulingOptions(ZUL_KEST_SCHEDULING_ALL), ZUL_KEST_OK);
+  ASSERT_EQ(zulKestSetSchedulingOptions(ZUL_KEST_SCHEDULING_DEADLINE_ORDER |
+                                        ZUL_KEST_SCHEDULING_PRIORITY_ORDER),
+            ZUL_KEST_OK);
   EXPECT_EQ(Place(urgent), 0u);  // with both set, the priority order counts
 }
 
-TEST_F(InsertPositionTest, SchedulingOptionsRejectUnknownBits) {
+// Order only: the model is not asked.  The model pulls a read next to the
+// one it continues and lets a tight read wait wherever every deadline still
+// holds by its estimates; the order files both by deadline.
+TEST_F(InsertPositionTest, OrderOnlyPlacesByDeadlineAloneWhereTheModelWouldNot) {
+  Queue({Read(0, k64K, kBase + 20 * kMs), Read(100 * k64K, k64K, kBase + 30 * kMs),
+         Read(200 * k64K, k64K, kBase + 40 * kMs)});
+  const ChunkID neighbour = Read(k64K, k64K, kBase + 35 * kMs);
+  const ChunkID tight = Read(300 * k64K, k64K, kBase + 21 * kMs);
+  EXPECT_EQ(Place(neighbour), 1u);  // the model: right behind its neighbour
+  EXPECT_EQ(Place(tight), 2u);
+  ASSERT_EQ(zulKestSetSchedulingOptions(ZUL_KEST_SCHEDULING_DEADLINE_ORDER |
+                                        ZUL_KEST_SCHEDULING_ORDER_ONLY),
+            ZUL_KEST_OK);
+  EXPECT_EQ(Place(neighbour), 2u);
+  EXPECT_EQ(Place(tight), 1u);
+}
+
+// Queues built by order-only placement stay sorted, each chunk behind its
+// equals, under both orders, with pieces of one stream appended and with
+// deadlines and priorities that tie often.
+TEST_F(InsertPositionTest, OrderOnlyKeepsTheQueueSortedWithEachChunkBehindItsEquals) {
+  Scheduler* s = scheduler_.get();
+  const uint32_t seed = kest2_test::TestSeed();
+  kest2_common::Random rng(seed);
+  for (const uint32_t order :
+       {ZUL_KEST_SCHEDULING_DEADLINE_ORDER, ZUL_KEST_SCHEDULING_PRIORITY_ORDER}) {
+    ASSERT_EQ(zulKestSetSchedulingOptions(order | ZUL_KEST_SCHEDULING_ORDER_ONLY), ZUL_KEST_OK);
+    const bool byPriority = order == ZUL_KEST_SCHEDULING_PRIORITY_ORDER;
+    // -1: a ahead of b in the order; 1: behind; 0: equal.
+    auto compare = [byPriority](ChunkID a, ChunkID b) {
+      const ChunkHeader* x = ChunkAt(a);
+      const ChunkHeader* y = ChunkAt(b);
+      if (byPriority && x->priority != y->priority) return x->priority > y->priority ? -1 : 1;
+      return x->deadline < y->deadline ? -1 : x->deadline > y->deadline ? 1 : 0;
+    };
+    std::vector<ChunkID> queued;
+    int64_t streamEnd = 0;
+    for (int i = 0; i < 400; ++i) {
+      const bool continues = rng() % 4 == 0;
+      const int64_t position = continues ? streamEnd : static_cast<int64_t>(rng() % 512) * k64K;
+      const ChunkID id =
+          Read(position, k64K, kBase + static_cast<int64_t>(rng() % 20) * kMs,
+               static_cast<int8_t>(static_cast<int>(rng() % 3) - 1), continues ? 9 : 7);
+      streamEnd = position + k64K;
+      const uint64_t index = Place(id);
+      for (uint64_t j = 0; j < s->m_queueCount; ++j) {
+        const int side = compare(QueueAt(s, j), id);
+        ASSERT_TRUE(j < index ? side <= 0 : side > 0)
+            << "seed " << seed << " chunk " << i << " placed at " << index << " entry " << j;
+      }
+      QueueChunk(s, index, id);
+      queued.push_back(id);
+    }
+    while (s->m_queueCount != 0) UnqueueChunk(s, 0);
+    for (ChunkID id : queued) DeallocateChunk(id);
+  }
+}
+
+TEST_F(InsertPositionTest, SchedulingOptionsRejectUnknownBitsAndOrderOnlyWithoutAnOrder) {
   EXPECT_EQ(zulKestGetSchedulingOptions(), 0u);
   EXPECT_EQ(zulKestSetSchedulingOptions(ZUL_KEST_SCHEDULING_DEADLINE_ORDER), ZUL_KEST_OK);
-  EXPECT_EQ(zulKestSetSchedulingOptions(0x4u), ZUL_KEST_ERROR_BAD_ARGUMENT);
+  EXPECT_EQ(zulKestSetSchedulingOptions(0x8u), ZUL_KEST_ERROR_BAD_ARGUMENT);
+  // Order only needs an order to keep.
+  EXPECT_EQ(zulKestSetSchedulingOptions(ZUL_KEST_SCHEDULING_ORDER_ONLY),
+            ZUL_KEST_ERROR_BAD_ARGUMENT);
   EXPECT_EQ(zulKestGetSchedulingOptions(), ZUL_KEST_SCHEDULING_DEADLINE_ORDER);
   EXPECT_EQ(zulKestSetSchedulingOptions(0), ZUL_KEST_OK);
   EXPECT_EQ(zulKestGetSchedulingOptions(), 0u);
